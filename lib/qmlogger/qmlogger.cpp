@@ -1,0 +1,1 @@
+#include <qmlogger/qmlogger.h>
