@@ -1,0 +1,48 @@
+#ifndef KVUTIL_FAILURE_IMPL_H
+#define KVUTIL_FAILURE_IMPL_H
+
+#include "kvutil_msg_impl.h"
+
+#include <kvutil/stpexception.h>
+
+namespace Kvl {
+
+// The one place where a failure of the library becomes its exception: a message of the library's
+// own catalogue, its arguments in the order of the text's conversions, no resource, no cause,
+// level 2.
+//
+// Deliberate: the first three throw on the spot, past STPException::raise, so nothing is logged.
+
+/// A file or system operation failed: reason 39.
+template <class... Args>
+[[noreturn]] void throw_runtime(kvutil_msg_t message, const Args&... args)
+{
+    throw RuntimeException(UMessage(kvutil, message, args...));
+}
+
+/// What the caller gave is malformed: reason 39.
+template <class... Args>
+[[noreturn]] void throw_illegal_arg(kvutil_msg_t message, const Args&... args)
+{
+    throw IllegalArgException(UMessage(kvutil, message, args...));
+}
+
+/// A rule that the library relies on is broken: reason 39.
+template <class... Args>
+[[noreturn]] void throw_state(kvutil_msg_t message, const Args&... args)
+{
+    throw StateException(UMessage(kvutil, message, args...));
+}
+
+/// A refused buffer or temporary object: logged as an error, then an STPException itself with
+/// reason 40.
+template <class... Args>
+[[noreturn]] void raise_refusal(kvutil_msg_t message, const Args&... args)
+{
+    const STPException* const no_cause = nullptr;
+    STPException::raise(STP_REASON_40, UMessage(kvutil, message, args...), nullptr, no_cause, 2);
+}
+
+}  // namespace Kvl
+
+#endif
