@@ -1,9 +1,9 @@
-# What every target of the project is compiled with.
-set(CMAKE_CXX_STANDARD 20)
-set(CMAKE_CXX_STANDARD_REQUIRED ON)
+# What every target of the project is compiled with. Its own C++ standard comes with kvutil_options,
+# because a variable for all would also reach the check that the public headers are C++17.
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_C_STANDARD 99)
 set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_C_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
@@ -16,6 +16,7 @@ set(gcc_warnings -Wduplicated-cond -Wlogical-op)
 set(clang_warnings -Wdocumentation -Wthread-safety)
 
 add_library(kvutil_options INTERFACE)
+target_compile_features(kvutil_options INTERFACE cxx_std_20)
 target_compile_options(kvutil_options INTERFACE
   -Wall -Wextra -Wpedantic
   "$<$<COMPILE_LANGUAGE:CXX>:${cxx_warnings}>"
@@ -26,7 +27,21 @@ target_compile_options(kvutil_options INTERFACE
   # caller's own casts of the same pointers could otherwise break in inlined code.
   -fno-strict-aliasing)
 
+# The same bytes wherever the source lies: no path of the machine in objects or in run paths.
+add_compile_options(
+  -ffile-prefix-map=${PROJECT_BINARY_DIR}=build
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+
 if(KVUTIL_SANITIZE)
   add_compile_options(-fsanitize=${KVUTIL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${KVUTIL_SANITIZE})
+endif()
+if(KVUTIL_BUILD_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+if(KVUTIL_COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
 endif()
