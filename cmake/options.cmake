@@ -13,7 +13,7 @@ endif()
 
 set(cxx_warnings -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual)
 set(gcc_warnings -Wduplicated-cond -Wlogical-op)
-set(clang_warnings -Wdocumentation -Wthread-safety)
+set(clang_warnings -Wdocumentation)
 
 add_library(kvutil_options INTERFACE)
 target_compile_features(kvutil_options INTERFACE cxx_std_20)

@@ -26,8 +26,8 @@ TEST(KvutilMsg, EveryMessageBeginsWithItsNumberAndABlank)
 TEST(KvutilMsg, TextsAreTheContract)
 {
     const char* const texts[] = {
-        "PLXSV0651E Can't generate a UUID (possible network/adapter configuration problem) - "
-        "UuidCreate error %d",
+        ("PLXSV0651E Can't generate a UUID (possible network/adapter configuration problem) - "
+         "UuidCreate error %d"),
         "PLXSV0652E The UUID generator can't get the IEEE 802 (ethernet) address for this computer",
         "PLXSV0653E Internal error: %s(), at line: %s in file: '%s'",
         "PLXSV0654E %s(): called with illegal value.",
