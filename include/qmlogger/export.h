@@ -1,0 +1,9 @@
+#ifndef QMLOGGER_EXPORT_H
+#define QMLOGGER_EXPORT_H
+
+/// @file
+/// Visibility of the logging library's symbols. Everything is hidden unless marked.
+
+#define QMLOGGER_EXPORT __attribute__((visibility("default")))
+
+#endif

@@ -1,0 +1,364 @@
+#include <qmlogger/qmlogger.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Log::QmMsg;
+
+cxPrintfArgVal integer(long long i)
+{
+    cxPrintfArgVal record{};
+    record.i = i;
+    return record;
+}
+
+cxPrintfArgVal floating(long double d)
+{
+    cxPrintfArgVal record{};
+    record.d = d;
+    return record;
+}
+
+cxPrintfArgVal text(const char* p)
+{
+    cxPrintfArgVal record{};
+    record.p = p;
+    return record;
+}
+
+std::string filled(const char* format, std::vector<cxPrintfArgVal> records = {})
+{
+    const char* const result = QmMsg::format(format, records.empty() ? nullptr : records.data());
+    return result == nullptr ? "null" : result;
+}
+
+/// What the C library prints, for the conversions on which it and the formatter agree.
+template <class... Args>
+std::string printed(const std::string& format, Args... args)
+{
+    const int size = snprintf(nullptr, 0, format.c_str(), args...);
+    std::string result(static_cast<size_t>(size) + 1, '\0');
+    snprintf(result.data(), result.size(), format.c_str(), args...);
+    result.pop_back();
+    return result;
+}
+
+// -- catalogue lookup -----------------------------------------------------------------------------
+
+const char* lookup(std::vector<const char*> catalogue, int index)
+{
+    return QmMsg::format(catalogue.data(), index, nullptr);
+}
+
+TEST(CatalogueLookup, ReturnsTheEntriesFromOneToTheCountOfTheHeader)
+{
+    const char* catalogue[] = {"sample 2", "first", "second", "beyond the count"};
+    EXPECT_EQ(QmMsg::format(catalogue, 1, nullptr), catalogue[1]);
+    EXPECT_EQ(QmMsg::format(catalogue, 2, nullptr), catalogue[2]);
+    for (const int index :
+         {0, 3, -1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()})
+        EXPECT_EQ(QmMsg::format(catalogue, index, nullptr), nullptr) << index;
+}
+
+TEST(CatalogueLookup, IgnoresTheThirdArgument)
+{
+    EXPECT_STREQ(QmMsg::format(std::vector<const char*>{"sample 1", "first"}.data(), 1, "extra"),
+                 "first");
+}
+
+TEST(CatalogueLookup, FindsNothingWithoutCatalogueHeaderOrText)
+{
+    EXPECT_EQ(QmMsg::format(static_cast<const char**>(nullptr), 1, nullptr), nullptr);
+    EXPECT_EQ(lookup({nullptr, "text"}, 1), nullptr);
+    EXPECT_EQ(lookup({"sample 1", nullptr}, 1), nullptr);
+}
+
+TEST(CatalogueLookup, FindsNothingBehindAHeaderOfAnotherForm)
+{
+    for (const char* header :
+         {"", " ", "sample", "sample ", " 1", "sample  1", "sample 1 ", "sample +1", "sample -1",
+          "sample 0x1", "sample 1a", "sample\t1", "a sample 1", "sample 0", "sample 10000",
+          "sample 99999999999999999999", "sample 4294967297", "1"})
+        EXPECT_EQ(lookup({header, "text"}, 1), nullptr) << header;
+}
+
+TEST(CatalogueLookup, AcceptsCountsUpToFourNines)
+{
+    std::vector<const char*> catalogue(10'000, "text");
+    catalogue[0] = "sample 9999";
+    catalogue[9999] = "last";
+    EXPECT_STREQ(lookup(catalogue, 9999), "last");
+    catalogue[0] = "sample 0000000000000009999";
+    EXPECT_STREQ(lookup(catalogue, 9999), "last");
+}
+
+TEST(CatalogueLookup, LeavesErrnoAlone)
+{
+    errno = 4711;
+    lookup({"never-seen-before 1", "text"}, 1);
+    EXPECT_EQ(errno, 4711);
+}
+
+// -- filling --------------------------------------------------------------------------------------
+
+TEST(MessageFormat, NullFormatGivesNull)
+{
+    EXPECT_EQ(QmMsg::format(static_cast<const char*>(nullptr), nullptr), nullptr);
+}
+
+TEST(MessageFormat, PlainTextIsCopied)
+{
+    EXPECT_EQ(filled(""), "");
+    EXPECT_EQ(filled("no conversion"), "no conversion");
+    EXPECT_EQ(filled("100%%"), "100%");
+    EXPECT_EQ(filled("%%s"), "%s");
+}
+
+TEST(MessageFormat, ConversionsReadTheRecordsInTheirOrder)
+{
+    EXPECT_EQ(filled("PLXSV0653E Internal error: %s(), at line: %s in file: '%s'",
+                     {text("lookup"), text("12"), text("x.cpp")}),
+              "PLXSV0653E Internal error: lookup(), at line: 12 in file: 'x.cpp'");
+    EXPECT_EQ(filled("%d%%%s|%c|%.1f", {integer(1), text("two"), integer('3'), floating(4)}),
+              "1%two|3|4.0");
+}
+
+TEST(MessageFormat, IntegersAgreeWithTheCLibrary)
+{
+    const long long values[] = {0,
+                                1,
+                                -1,
+                                7,
+                                8,
+                                42,
+                                -42,
+                                255,
+                                123456789,
+                                2147483647,
+                                4294967296,
+                                std::numeric_limits<long long>::max(),
+                                std::numeric_limits<long long>::min()};
+    for (const std::string flags :
+         {"", "-", "+", " ", "#", "0", "-0", "+0", " 0", "#0", "-#", "+ "})
+        for (const std::string width : {"", "1", "5", "24", "70"})
+            for (const std::string precision : {"", ".", ".0", ".1", ".5", ".30"})
+                for (const char letter : std::string("diuxXo"))
+                    for (const long long value : values) {
+                        if (std::strchr("uxXo", letter) != nullptr && value < 0 &&
+                            value >= std::numeric_limits<int>::min())
+                            continue;
+                        const std::string field = "%" + flags + width + precision;
+                        EXPECT_EQ(filled((field + letter).c_str(), {integer(value)}),
+                                  printed(field + "ll" + letter, value))
+                            << field << letter << ' ' << value;
+                    }
+}
+
+TEST(MessageFormat, SignedIntegersPrintAllSixtyFourBits)
+{
+    EXPECT_EQ(filled("%d", {integer(-9223372036854775807LL - 1)}), "-9223372036854775808");
+    EXPECT_EQ(filled("%i", {integer(9223372036854775807LL)}), "9223372036854775807");
+    EXPECT_EQ(filled("%d", {integer(0)}), "0");
+}
+
+TEST(MessageFormat, UnsignedIntegersAreOf32BitsWhenTheyLookLikeAWidenedNegativeOne)
+{
+    EXPECT_EQ(filled("%u %x %X %o", {integer(-1), integer(-1), integer(-2), integer(-1)}),
+              "4294967295 ffffffff FFFFFFFE 37777777777");
+    EXPECT_EQ(filled("%x", {integer(-2147483648LL)}), "80000000");
+    EXPECT_EQ(filled("%x", {integer(-2147483649LL)}), "ffffffff7fffffff");
+    EXPECT_EQ(filled("%x", {integer(4294967296LL)}), "100000000");
+    // Deliberate: the length does not say more about the argument than the value does.
+    EXPECT_EQ(filled("%lx %llu", {integer(-1), integer(-1)}), "ffffffff 4294967295");
+}
+
+TEST(MessageFormat, LengthsHAndHhNarrowTheOthersDoNot)
+{
+    EXPECT_EQ(filled("%hd %hhd", {integer(0x18000), integer(0x1FF)}), "-32768 -1");
+    EXPECT_EQ(
+        filled("%hu %hhu %hx %hhX", {integer(-1), integer(-1), integer(0x12345), integer(0xABC)}),
+        "65535 255 2345 BC");
+    for (const char* length : {"l", "ll", "j", "z", "t", "q", "L"})
+        EXPECT_EQ(filled(("%" + std::string(length) + "d").c_str(), {integer(1LL << 40)}),
+                  "1099511627776")
+            << length;
+}
+
+TEST(MessageFormat, CharactersAreTheLowByte)
+{
+    EXPECT_EQ(filled("%c%c", {integer('A'), integer(0x141)}), "AA");
+    EXPECT_EQ(filled("[%3c|%-3c]", {integer('a'), integer('b')}), "[  a|b  ]");
+    EXPECT_EQ(filled("%c", {integer(-1)}), "\xFF");
+}
+
+TEST(MessageFormat, FloatingValuesAgreeWithTheCLibrary)
+{
+    const long double values[] = {0.0L,
+                                  -0.0L,
+                                  1.5L,
+                                  -2.25L,
+                                  1e-5L,
+                                  123456789.0L,
+                                  1e30L,
+                                  5e-324L,
+                                  std::numeric_limits<long double>::infinity(),
+                                  -std::numeric_limits<long double>::infinity()};
+    for (const std::string flags : {"", "-", "+", " ", "#", "0", "+0"})
+        for (const std::string width : {"", "1", "30"})
+            for (const std::string precision : {"", ".", ".0", ".3", ".40"})
+                for (const char letter : std::string("eEfFgGaA"))
+                    for (const long double value : values) {
+                        const std::string field = "%" + flags + width + precision;
+                        EXPECT_EQ(filled((field + letter).c_str(), {floating(value)}),
+                                  printed(field + "L" + letter, value))
+                            << field << letter << ' ' << value;
+                    }
+}
+
+TEST(MessageFormat, TheLargestFloatingValueIsPrintedInFull)
+{
+    const long double largest = std::numeric_limits<long double>::max();
+    EXPECT_EQ(filled("%.20f|%d", {floating(largest), integer(1)}), printed("%.20Lf|1", largest));
+}
+
+TEST(MessageFormat, FloatingRecordsThatAreNoNumberPrintAsNan)
+{
+    cxPrintfArgVal record{};
+    const unsigned char bits[10] = {1, 2, 3, 4, 5, 6, 7, 0x08, 0xFF, 0x3F};  // no integer bit
+    std::memcpy(&record, bits, sizeof bits);
+    EXPECT_EQ(filled("%f", {record}), "nan");
+    EXPECT_EQ(filled("%La", {record}), "nan");
+}
+
+TEST(MessageFormat, TextsAreCutAndPadded)
+{
+    EXPECT_EQ(filled("[%s|%5s|%-5s|%.2s|%5.1s|%.s]", {text("abc"), text("abc"), text("abc"),
+                                                      text("abc"), text("abc"), text("abc")}),
+              "[abc|  abc|abc  |ab|    a|]");
+    EXPECT_EQ(filled("[%.9s]", {text("abc")}), "[abc]");
+    EXPECT_EQ(filled("[%05s]", {text("abc")}), "[  abc]");
+}
+
+TEST(MessageFormat, TheTextOfAPrecisionNeedsNoTerminator)
+{
+    const std::vector<char> exact{'a', 'b', 'c'};
+    EXPECT_EQ(filled("%.3s", {text(exact.data())}), "abc");
+}
+
+TEST(MessageFormat, AnEmptyPlaceOfAPointerIsNull)
+{
+    EXPECT_EQ(filled("%s", {text(nullptr)}), "(null)");
+    EXPECT_EQ(filled("[%8s|%.3s]", {text(nullptr), text(nullptr)}), "[  (null)|(nu]");
+}
+
+TEST(MessageFormat, APrecisionNeverCutsAUtf8Character)
+{
+    const char* const characters = "a\u00E9\u20AC\U0001F600";  // of 1, 2, 3 and 4 bytes
+    const size_t kept[] = {0, 1, 1, 3, 3, 3, 6, 6, 6, 6, 10, 10};
+    for (size_t precision = 0; precision < std::size(kept); ++precision)
+        EXPECT_EQ(filled(("%." + std::to_string(precision) + "s").c_str(), {text(characters)}),
+                  std::string(characters, kept[precision]))
+            << precision;
+    EXPECT_EQ(filled("%.2s", {text("\x80\x80\x80")}), "\x80\x80") << "no character to cut";
+}
+
+TEST(MessageFormat, StarsReadRecords)
+{
+    EXPECT_EQ(filled("[%*d]", {integer(5), integer(42)}), "[   42]");
+    EXPECT_EQ(filled("[%*d]", {integer(-5), integer(42)}), "[42   ]");
+    EXPECT_EQ(filled("[%.*d]", {integer(4), integer(42)}), "[0042]");
+    EXPECT_EQ(filled("[%.*d]", {integer(-4), integer(42)}), "[42]");
+    EXPECT_EQ(filled("[%*.*s]", {integer(5), integer(2), text("abc")}), "[   ab]");
+    EXPECT_EQ(filled("[%2$*1$d]", {integer(5), integer(42)}), "[   42]");
+    EXPECT_EQ(filled("[%3$.*2$s%1$s]", {text("x"), integer(1), text("abc")}), "[ax]");
+}
+
+TEST(MessageFormat, NumberedRecordsAreReadByNumberAndDoNotCount)
+{
+    EXPECT_EQ(filled("%2$s %1$s", {text("a"), text("b")}), "b a");
+    EXPECT_EQ(filled("%1$s %1$s", {text("a")}), "a a");
+    EXPECT_EQ(filled("%2$s %s %s", {text("a"), text("b")}), "b a b");
+    EXPECT_EQ(filled("%0010$d", {integer(0), integer(0), integer(0), integer(0), integer(0),
+                                 integer(0), integer(0), integer(0), integer(0), integer(10)}),
+              "10");
+    std::vector<cxPrintfArgVal> many(4096, integer(0));
+    many.back() = integer(4096);
+    EXPECT_EQ(filled("%4096$d", many), "4096");
+}
+
+TEST(MessageFormat, WhatBeginsNoConversionIsText)
+{
+    for (const char* format : {"%",      "%n",   "%p",    "%y",      "%C",
+                               "%S",     "%m",   "%I",    "%5",      "%5.",
+                               "%-",     "%l",   "%lll",  "%lln",    "%1$",
+                               "%1$n",   "%0$d", "%00$s", "%4097$d", "%99999999999$d",
+                               "%1$2$d", "%$d",  "%*0$d", "%.*0$d",  "%.-5d",
+                               "%*5d",   "%hll", "%k",    "%\x80",   "%5%",
+                               "%é"})
+        EXPECT_EQ(filled(format, {integer(1), integer(1)}), format) << format;
+}
+
+TEST(MessageFormat, TextThatBeginsNoConversionReadsNoRecord)
+{
+    EXPECT_EQ(filled("%n%d", {integer(1)}), "%n1");
+    EXPECT_EQ(filled("%*y%d", {integer(1)}), "%*y1");
+    EXPECT_EQ(filled("%5%d", {integer(1)}), "%51");
+    EXPECT_EQ(filled("%l%%%d", {integer(1)}), "%l%1");
+}
+
+TEST(MessageFormat, WidthsAndPrecisionsAreCapped)
+{
+    const std::string most(65'535, ' ');
+    for (const char* format : {"%65535s", "%65536s", "%99999999999s", "%18446744073709551617s"})
+        EXPECT_EQ(filled(format, {text("")}), most) << format;
+    EXPECT_EQ(filled("%*s", {integer(std::numeric_limits<long long>::max()), text("")}), most);
+    EXPECT_EQ(filled("%*s", {integer(std::numeric_limits<long long>::min()), text("")}), most);
+    EXPECT_EQ(filled("%.99999999999d", {integer(1)}), std::string(65'534, '0') + "1");
+    EXPECT_EQ(filled("%.*d", {integer(std::numeric_limits<long long>::max()), integer(1)}),
+              std::string(65'534, '0') + "1");
+    EXPECT_EQ(filled("%.99999999999f", {floating(0)}), "0." + std::string(65'535, '0'));
+}
+
+TEST(MessageFormat, WithoutRecordsEveryRecordIsZero)
+{
+    EXPECT_EQ(filled("%s %d %x %.1f %2$s [%*d]"), "(null) 0 0 0.0 (null) [0]");
+}
+
+TEST(MessageFormat, TextsAreNeverShortened)
+{
+    const std::string large(1'000'000, 'x');
+    EXPECT_EQ(filled("<%s>", {text(large.c_str())}), "<" + large + ">");
+    EXPECT_EQ(filled((large + "%d").c_str(), {integer(1)}), large + "1");
+    EXPECT_EQ(filled("%s", {text("small again")}), "small again");
+}
+
+TEST(MessageFormat, APreviousResultMayBeFormatAndArgument)
+{
+    const char* result = QmMsg::format("%%s and %%s", nullptr);
+    cxPrintfArgVal records[] = {text("a"), text("b")};
+    result = QmMsg::format(result, records);
+    EXPECT_STREQ(result, "a and b");
+    for (int i = 0; i < 12; ++i) {  // past every growth of the buffers
+        cxPrintfArgVal twice[] = {text(result), text(result)};
+        result = QmMsg::format("%s%s", twice);
+    }
+    EXPECT_EQ(std::strlen(result), 7u << 12);
+}
+
+TEST(MessageFormat, AResultIsValidUntilTheNextCallOfItsThread)
+{
+    const char* const result = QmMsg::format("mine", nullptr);
+    std::thread([] { filled("another thread's"); }).join();
+    EXPECT_STREQ(result, "mine");
+}
+
+}  // namespace
