@@ -6,10 +6,10 @@
 #include <istream>
 #include <kvutil/export.h>
 #include <map>
+#include <new>
 #include <string>
 #include <unicode/unistr.h>
 #include <vector>
-struct UConverter;
 namespace Kvl {
 class KVUTIL_EXPORT Utf8String : public std::string {
 public:
@@ -37,10 +37,10 @@ public:
     UString& operator=(UString&& o) noexcept;
     UString& operator+=(const UString& s);  // hides the base's, which return UnicodeString&
     UString& operator+=(unsigned short ch);
-    bool empty() const;
-    unsigned int length() const;
-    unsigned int capacity() const;
-    unsigned short operator[](unsigned int pos) const;
+    bool empty() const { return isEmpty() != 0; }
+    unsigned int length() const { return static_cast<unsigned int>(icu::UnicodeString::length()); }
+    unsigned int capacity() const { return static_cast<unsigned int>(getCapacity()); }
+    unsigned short operator[](unsigned int pos) const { return charAt(static_cast<int>(pos)); }
     const unsigned short* c_str() const;
     UString substr(unsigned int pos = 0, unsigned int n = npos) const;
     int find(unsigned short ch, unsigned int start = 0) const;                            // -1
@@ -81,11 +81,47 @@ public:
     static const char* eval_charset(const char* name);
     void swap(UString& o) noexcept;
 
+    /// Allocation throws std::bad_alloc; that of the ICU base returns null.
+    static void* operator new(std::size_t size) { return ::operator new(size); }
+    static void* operator new[](std::size_t size) { return ::operator new[](size); }
+    static void* operator new(std::size_t size, const std::nothrow_t& tag) noexcept
+    {
+        return ::operator new(size, tag);
+    }
+    static void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept
+    {
+        return ::operator new[](size, tag);
+    }
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void* operator new[](std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void* memory) noexcept { ::operator delete(memory); }
+    static void operator delete[](void* memory) noexcept { ::operator delete[](memory); }
+    static void operator delete(void* memory, const std::nothrow_t& tag) noexcept
+    {
+        ::operator delete(memory, tag);
+    }
+    static void operator delete[](void* memory, const std::nothrow_t& tag) noexcept
+    {
+        ::operator delete[](memory, tag);
+    }
+    static void operator delete(void*, void*) noexcept {}
+    static void operator delete[](void*, void*) noexcept {}
+
 protected:
-    void initialize();  // sets the converter cache to null
+    void initialize() noexcept { converter_ = nullptr; }  // sets the converter cache to null
 
 private:
-    mutable UConverter* converter_;
+    friend struct constant_text_t;
+    struct converter_t;
+    struct alias_t {};
+
+    UString(alias_t, const char16_t* text, int length_units) noexcept;
+    UString& splice(unsigned int pos, unsigned int n, const char16_t* s, std::size_t count);
+    UString& replace_all(const char16_t* s, std::size_t count);
+    UString& adopt(icu::UnicodeString& text) noexcept;
+    const converter_t* open_converter(const char* want) const;
+
+    mutable converter_t* converter_;
 };
 inline bool operator==(const UString& a, const UString& b)
 {

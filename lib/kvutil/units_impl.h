@@ -18,6 +18,11 @@ inline const unsigned short* to_units(const char16_t* text)
     return icu::toOldUCharPtr(text);
 }
 
+inline unsigned short* to_units(char16_t* text)
+{
+    return icu::toOldUCharPtr(text);
+}
+
 }  // namespace Kvl
 
 #endif

@@ -1,0 +1,29 @@
+#ifndef KVUTIL_USTRING_IMPL_H
+#define KVUTIL_USTRING_IMPL_H
+
+#include <kvutil/ustring.h>
+
+namespace Kvl {
+
+/// Makes texts that stand on constant storage of the library: nothing is allocated, c_str() only
+/// reads, and a copy owns its units. The result is a prvalue, so it is built where it is to live.
+struct constant_text_t {
+    /// @param text          at least `length_units` units and a U+0000 behind them; outlives the
+    ///                      result and everything moved from it
+    /// @param length_units  without the terminator, 0..2^31-2
+    static UString make(const char16_t* text, int length_units) noexcept
+    {
+        return UString(UString::alias_t(), text, length_units);
+    }
+
+    /// The text of a literal, or of an array whose last unit is U+0000.
+    template <std::size_t N>
+    static UString make(const char16_t (&literal)[N]) noexcept
+    {
+        return make(literal, static_cast<int>(N - 1));
+    }
+};
+
+}  // namespace Kvl
+
+#endif
