@@ -6,7 +6,17 @@
 
 #include <kvutil/critsec.h>
 #include <kvutil/critsec_lock.h>
+#include <kvutil/exception.h>
 #include <kvutil/export.h>
 #include <kvutil/kvutil_msg.h>
+#include <kvutil/logadaptor.h>
+#include <kvutil/pname.h>
+#include <kvutil/resource.h>
+#include <kvutil/selector.h>
+#include <kvutil/stpexception.h>
+#include <kvutil/umessage.h>
+#include <kvutil/ustring.h>
+#include <kvutil/utf8string.h>
+#include <kvutil/xmltag.h>
 
 #endif
