@@ -1,0 +1,571 @@
+#include <kvutil/umessage.h>
+
+#include "message_format_impl.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <initializer_list>
+#include <limits>
+#include <span>
+#include <utility>
+
+namespace Kvl {
+
+// ---- Arg: values ----
+
+namespace {
+
+constexpr const char* text_or_empty(const char* text)
+{
+    return text == nullptr ? "" : text;
+}
+
+char* copy_of(const char* text)
+{
+    return std::strcpy(new char[std::strlen(text) + 1], text);
+}
+
+UMessage::arg_union_t copy_of(int kind, const UMessage::arg_union_t& value)
+{
+    UMessage::arg_union_t copy;
+    switch (kind) {
+    case 1:
+        copy.c = value.c;
+        break;
+    case 2:
+    case 3:
+        copy.i32 = value.i32;
+        break;
+    case 4:
+        copy.i64 = value.i64;
+        break;
+    case 5:
+        copy.d = value.d;
+        break;
+    case 6:
+        copy.cstr = copy_of(value.cstr);
+        break;
+    case 7:
+    case 8:
+        copy.str = new std::string(*value.str);
+        break;
+    case 9:
+        copy.res = value.res == nullptr ? nullptr : value.res->clone();
+        break;
+    default:
+        break;
+    }
+    return copy;
+}
+
+void release(int kind, const UMessage::arg_union_t& value)
+{
+    if (kind == 6)
+        delete[] value.cstr;
+    else if (kind == 7 || kind == 8)
+        delete value.str;
+    else if (kind == 9)
+        delete value.res;
+}
+
+Utf8String text_of(const Resource* resource)
+{
+    return resource == nullptr ? Utf8String() : resource->text().utf8_str();
+}
+
+}  // namespace
+
+UMessage::Arg::arg_union_t::arg_union_t(const char* s) : cstr(copy_of(text_or_empty(s))) {}
+
+UMessage::Arg::arg_union_t::arg_union_t(const std::string& s) : str(new std::string(s)) {}
+
+UMessage::Arg::arg_union_t::arg_union_t(const UString& s) : str(new std::string(s.utf8_str())) {}
+
+UMessage::Arg::arg_union_t::arg_union_t(const unsigned short* s) : arg_union_t(UString(s)) {}
+
+UMessage::Arg::arg_union_t::arg_union_t(const char16_t* s) : arg_union_t(UString(s)) {}
+
+UMessage::Arg::arg_union_t::arg_union_t(const Resource& r) : res(r.clone()) {}
+
+UMessage::Arg::Arg(char c) : Arg()
+{
+    kind_ = 1;
+    value_.c = c;
+}
+
+UMessage::Arg::Arg(int i) : Arg()
+{
+    kind_ = 2;
+    value_.i32 = i;
+}
+
+UMessage::Arg::Arg(long i) : Arg(static_cast<long long>(i))
+{
+    using limits = std::numeric_limits<std::int32_t>;
+    if (i < limits::min() || i > limits::max())
+        return;
+    kind_ = 3;
+    value_ = arg_union_t();
+    value_.i32 = static_cast<std::int32_t>(i);
+}
+
+UMessage::Arg::Arg(unsigned int i) : Arg(static_cast<long long>(i)) {}
+
+UMessage::Arg::Arg(unsigned long i) : Arg(static_cast<long long>(i)) {}
+
+UMessage::Arg::Arg(long long i) : Arg()
+{
+    kind_ = 4;
+    value_.i64 = i;
+}
+
+UMessage::Arg::Arg(unsigned long long i) : Arg(static_cast<long long>(i)) {}
+
+UMessage::Arg::Arg(double d) : Arg()
+{
+    kind_ = 5;
+    value_.d = d;
+}
+
+UMessage::Arg::Arg(long double d) : Arg(static_cast<double>(d)) {}
+
+UMessage::Arg::Arg(const char* s) : kind_(6), value_(s) {}
+
+UMessage::Arg::Arg(const std::string& s) : kind_(7), value_(s) {}
+
+UMessage::Arg::Arg(const UString& s) : kind_(8), value_(s) {}
+
+UMessage::Arg::Arg(const unsigned short* s) : kind_(8), value_(s) {}
+
+UMessage::Arg::Arg(const char16_t* s) : kind_(8), value_(s) {}
+
+UMessage::Arg::Arg(const Resource& r) : kind_(9), value_(r) {}
+
+UMessage::Arg::Arg(const Arg& o) : kind_(o.kind_), value_(copy_of(o.kind_, o.value_)) {}
+
+UMessage::Arg::Arg(Arg&& o) noexcept : Arg()
+{
+    swap(o);
+}
+
+UMessage::Arg& UMessage::Arg::operator=(const Arg& o)
+{
+    Arg copy(o);
+    swap(copy);
+    return *this;
+}
+
+UMessage::Arg& UMessage::Arg::operator=(Arg&& o) noexcept
+{
+    Arg taken(std::move(o));
+    swap(taken);
+    return *this;
+}
+
+UMessage::Arg::~Arg()
+{
+    release(kind_, value_);
+}
+
+void UMessage::Arg::swap(Arg& o) noexcept
+{
+    std::swap(kind_, o.kind_);
+    std::swap(value_, o.value_);
+    std::swap(printed_text_, o.printed_text_);
+}
+
+int UMessage::Arg::kind() const
+{
+    return kind_;
+}
+
+void UMessage::Arg::get_print_val(cxPrintfArgVal& v) const
+{
+    if (kind_ != 9) {
+        fill(v);
+        return;
+    }
+    // A record filled earlier points to the text of then, which is replaced only by another one.
+    std::string text = text_of(value_.res);
+    if (printed_text_ == nullptr)
+        printed_text_ = std::make_unique<std::string>(std::move(text));
+    else if (*printed_text_ != text)
+        *printed_text_ = std::move(text);
+    v.p = printed_text_->c_str();
+}
+
+/// Fills a record for every kind but 9, whose text does not exist yet.
+void UMessage::Arg::fill(cxPrintfArgVal& v) const
+{
+    switch (kind_) {
+    case 1:
+        v.i = static_cast<signed char>(value_.c);
+        break;
+    case 2:
+    case 3:
+        v.i = value_.i32;
+        break;
+    case 4:
+        v.i = value_.i64;
+        break;
+    case 5:
+        v.d = value_.d;
+        break;
+    case 6:
+        v.p = value_.cstr;
+        break;
+    case 7:
+    case 8:
+        v.p = value_.str->c_str();
+        break;
+    default:
+        break;
+    }
+}
+
+// ---- collection_t ----
+
+UMessage::collection_t::collection_t() = default;
+UMessage::collection_t::collection_t(const collection_t& o) = default;
+UMessage::collection_t::collection_t(collection_t&& o) noexcept = default;
+UMessage::collection_t& UMessage::collection_t::operator=(collection_t&& o) noexcept = default;
+UMessage::collection_t::~collection_t() = default;
+
+UMessage::collection_t& UMessage::collection_t::operator=(const collection_t& o)
+{
+    return *this = collection_t(o);
+}
+
+UMessage::collection_t::iterator UMessage::collection_t::begin()
+{
+    return messages_.begin();
+}
+
+UMessage::collection_t::iterator UMessage::collection_t::end()
+{
+    return messages_.end();
+}
+
+UMessage::collection_t::const_iterator UMessage::collection_t::begin() const
+{
+    return messages_.begin();
+}
+
+UMessage::collection_t::const_iterator UMessage::collection_t::end() const
+{
+    return messages_.end();
+}
+
+unsigned int UMessage::collection_t::size() const
+{
+    return static_cast<unsigned int>(messages_.size());
+}
+
+bool UMessage::collection_t::empty() const
+{
+    return messages_.empty();
+}
+
+UMessage& UMessage::collection_t::operator[](unsigned int i)
+{
+    return messages_[i];
+}
+
+const UMessage& UMessage::collection_t::operator[](unsigned int i) const
+{
+    return messages_[i];
+}
+
+void UMessage::collection_t::clear()
+{
+    messages_.clear();
+}
+
+void UMessage::collection_t::reserve(unsigned int n)
+{
+    messages_.reserve(n);
+}
+
+void UMessage::collection_t::push_back(const UMessage& m)
+{
+    messages_.push_back(m);
+}
+
+UMessage::collection_t& UMessage::collection_t::operator+=(const collection_t& o)
+{
+    // Copied before anything changes: `o` may be this sequence, and a copy may fail.
+    std::vector<UMessage> added(o.messages_);
+    messages_.reserve(messages_.size() + added.size());
+    std::move(added.begin(), added.end(), std::back_inserter(messages_));
+    return *this;
+}
+
+// ---- UMessage ----
+
+namespace {
+
+constexpr std::size_t MAX_ARGUMENTS = 10;
+
+std::vector<UMessage::Arg> present(std::size_t room,
+                                   std::initializer_list<const UMessage::Arg*> all)
+{
+    std::vector<UMessage::Arg> kept;
+    kept.reserve(room);
+    for (const UMessage::Arg* arg : all) {
+        if (arg->kind() != 0)
+            kept.push_back(*arg);
+    }
+    return kept;
+}
+
+}  // namespace
+
+UMessage::UMessage() : catalogue_(nullptr), index_(-1) {}
+
+UMessage::UMessage(const char** catalogue, int index, const Arg& a1, const Arg& a2)
+    : catalogue_(catalogue), index_(index), arguments_(present(2, {&a1, &a2}))
+{
+}
+
+UMessage::UMessage(const char** catalogue, int index, const Arg& a1, const Arg& a2, const Arg& a3,
+                   const Arg& a4, const Arg& a5, const Arg& a6, const Arg& a7, const Arg& a8,
+                   const Arg& a9, const Arg& a10)
+    : catalogue_(catalogue), index_(index),
+      arguments_(present(MAX_ARGUMENTS, {&a1, &a2, &a3, &a4, &a5, &a6, &a7, &a8, &a9, &a10}))
+{
+}
+
+UMessage::UMessage(const UMessage& o) = default;
+
+UMessage::UMessage(UMessage&& o) noexcept
+    : catalogue_(std::exchange(o.catalogue_, nullptr)), index_(std::exchange(o.index_, -1)),
+      arguments_(std::move(o.arguments_))
+{
+}
+
+UMessage& UMessage::operator=(const UMessage& o)
+{
+    return *this = UMessage(o);
+}
+
+UMessage& UMessage::operator=(UMessage&& o) noexcept
+{
+    UMessage taken(std::move(o));
+    std::swap(catalogue_, taken.catalogue_);
+    std::swap(index_, taken.index_);
+    arguments_.swap(taken.arguments_);
+    return *this;
+}
+
+UMessage::~UMessage() = default;
+
+bool UMessage::is_nil() const
+{
+    return this == &nil || (catalogue_ == nullptr && index_ == -1);
+}
+
+const char** UMessage::catalogue() const
+{
+    return catalogue_;
+}
+
+int UMessage::index() const
+{
+    return index_;
+}
+
+const std::vector<UMessage::Arg>& UMessage::arguments() const
+{
+    return arguments_;
+}
+
+// ---- Rendering ----
+
+/// The arguments of one rendering as conversions see them. The texts of resources are asked for
+/// once each and live here, not in the arguments, so that threads may render one message at once.
+class MessageArguments {
+public:
+    explicit MessageArguments(std::span<const UMessage::Arg* const> args);
+    MessageArguments(const MessageArguments&) = delete;
+    MessageArguments& operator=(const MessageArguments&) = delete;
+
+    std::span<const MessageFormat::argument_t> get() const { return {first_, count_}; }
+
+private:
+    void fill(const UMessage::Arg& from, MessageFormat::argument_t& to);
+
+    std::size_t count_;
+    std::array<MessageFormat::argument_t, MAX_ARGUMENTS> few_;
+    std::vector<MessageFormat::argument_t> many_;
+    MessageFormat::argument_t* first_;
+    std::forward_list<std::string> resource_texts_;
+};
+
+namespace {
+
+using MessageFormat::held_t;
+
+constexpr held_t HELD[] = {held_t::NOTHING, held_t::CHARACTER, held_t::INTEGER, held_t::INTEGER,
+                           held_t::INTEGER, held_t::FLOATING,  held_t::TEXT,    held_t::TEXT,
+                           held_t::TEXT,    held_t::TEXT};
+
+constexpr const char* FALLBACK = "Could not locate Catalog File";
+
+/// Whether the formatter had nothing to say. A text that merely begins like this is a real one.
+bool is_missing(const char* text)
+{
+    return text == nullptr || std::strcmp(text, "default QmLogger message") == 0;
+}
+
+UString finished(const char* text)
+{
+    return UString(Utf8String(is_missing(text) ? FALLBACK : text));
+}
+
+UString fill_as_it_is(const char* format, std::span<const MessageFormat::argument_t> args,
+                      std::size_t num_records)
+{
+    std::array<cxPrintfArgVal, 2 * MAX_ARGUMENTS> few;
+    std::vector<cxPrintfArgVal> many;
+    cxPrintfArgVal* records = few.data();
+    if (num_records > few.size()) {
+        many.resize(num_records);
+        records = many.data();
+    }
+    std::memset(records, 0, num_records * sizeof *records);
+    std::ranges::transform(args, records, &MessageFormat::argument_t::record);
+    return finished(Log::QmMsg::format(format, records));
+}
+
+UString fill_safely(const char* format, std::span<const MessageFormat::argument_t> args)
+{
+    MessageFormat::safe_format_t safe = MessageFormat::make_safe(format, args);
+    return finished(Log::QmMsg::format(safe.format.c_str(), safe.records.data()));
+}
+
+UString render(const char* format, std::span<const UMessage::Arg* const> args)
+{
+    const MessageArguments arguments(args);
+    std::size_t num_records = 0;
+    format = text_or_empty(format);
+    if (MessageFormat::agrees(format, arguments.get(), num_records))
+        return fill_as_it_is(format, arguments.get(), num_records);
+    return fill_safely(format, arguments.get());
+}
+
+UString render(const char** catalogue, int index, std::span<const UMessage::Arg* const> args,
+               const char* extra)
+{
+    const char* const format =
+        catalogue == nullptr ? nullptr : Log::QmMsg::format(catalogue, index, extra);
+    return is_missing(format) ? finished(format) : render(format, args);
+}
+
+/// Up to ten arguments, those of kind 0 left out.
+class argument_list_t {
+public:
+    argument_list_t(std::initializer_list<const UMessage::Arg*> all)
+    {
+        for (const UMessage::Arg* arg : all) {
+            if (arg->kind() != 0)
+                pointers_[count_++] = arg;
+        }
+    }
+    explicit argument_list_t(const std::vector<UMessage::Arg>& all)
+    {
+        for (const UMessage::Arg& arg : all)
+            pointers_[count_++] = &arg;
+    }
+    operator std::span<const UMessage::Arg* const>() const { return {pointers_.data(), count_}; }
+
+private:
+    std::array<const UMessage::Arg*, MAX_ARGUMENTS> pointers_;
+    std::size_t count_ = 0;
+};
+
+}  // namespace
+
+MessageArguments::MessageArguments(std::span<const UMessage::Arg* const> args)
+    : count_(args.size()), first_(few_.data())
+{
+    if (count_ > few_.size()) {
+        many_.resize(count_);
+        first_ = many_.data();
+    }
+    for (std::size_t i = 0; i < count_; ++i)
+        fill(args[i] == nullptr ? UMessage::Arg::nil : *args[i], first_[i]);
+}
+
+void MessageArguments::fill(const UMessage::Arg& from, MessageFormat::argument_t& to)
+{
+    to = {};
+    to.held = HELD[from.kind_];
+    if (from.kind_ != 9)
+        from.fill(to.record);
+    else
+        to.record.p = resource_texts_.emplace_front(text_of(from.value_.res)).c_str();
+}
+
+UString UMessage::message_string(const char* extra) const
+{
+    if (catalogue_ == nullptr || index_ == -1)
+        return UString();
+    return render(catalogue_, index_, argument_list_t(arguments_), extra);
+}
+
+UString UMessage::sprintf(const char* format, const std::vector<const Arg*>& args)
+{
+    return render(format, args);
+}
+
+UString UMessage::sprintf(const char* format, const Arg& a1)
+{
+    return render(format, argument_list_t{&a1});
+}
+
+UString UMessage::sprintf(const char* format, const Arg& a1, const Arg& a2, const Arg& a3,
+                          const Arg& a4, const Arg& a5, const Arg& a6, const Arg& a7, const Arg& a8,
+                          const Arg& a9, const Arg& a10)
+{
+    return render(format, argument_list_t{&a1, &a2, &a3, &a4, &a5, &a6, &a7, &a8, &a9, &a10});
+}
+
+UString UMessage::sprintf(const UString& format, const std::vector<const Arg*>& args)
+{
+    return render(format.utf8_str().c_str(), args);
+}
+
+UString UMessage::sprintf(const UString& format, const Arg& a1)
+{
+    return render(format.utf8_str().c_str(), argument_list_t{&a1});
+}
+
+UString UMessage::sprintf(const UString& format, const Arg& a1, const Arg& a2, const Arg& a3,
+                          const Arg& a4, const Arg& a5, const Arg& a6, const Arg& a7, const Arg& a8,
+                          const Arg& a9, const Arg& a10)
+{
+    return render(format.utf8_str().c_str(),
+                  argument_list_t{&a1, &a2, &a3, &a4, &a5, &a6, &a7, &a8, &a9, &a10});
+}
+
+UString UMessage::sprintf(const char** catalogue, int index, const std::vector<const Arg*>& args,
+                          const char* extra)
+{
+    return render(catalogue, index, args, extra);
+}
+
+UString UMessage::sprintf(const char** catalogue, int index, const Arg& a1)
+{
+    return render(catalogue, index, argument_list_t{&a1}, nullptr);
+}
+
+UString UMessage::sprintf(const char** catalogue, int index, const Arg& a1, const Arg& a2,
+                          const Arg& a3, const Arg& a4, const Arg& a5, const Arg& a6, const Arg& a7,
+                          const Arg& a8, const Arg& a9, const Arg& a10)
+{
+    return render(catalogue, index,
+                  argument_list_t{&a1, &a2, &a3, &a4, &a5, &a6, &a7, &a8, &a9, &a10}, nullptr);
+}
+
+}  // namespace Kvl
