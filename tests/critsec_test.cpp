@@ -1,11 +1,14 @@
 #include <kvutil/critsec.h>
 
+#include "critsec_lock_impl.h"
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <future>
 #include <thread>
 #include <type_traits>
@@ -16,6 +19,14 @@ namespace {
 using Kvl::CriticalSection;
 using Kvl::CriticalSectionLock;
 using namespace std::chrono_literals;
+
+#if defined(__SANITIZE_THREAD__)
+constexpr bool WATCHED_BY_TSAN = true;
+#elif defined(__has_feature)
+constexpr bool WATCHED_BY_TSAN = __has_feature(thread_sanitizer);
+#else
+constexpr bool WATCHED_BY_TSAN = false;
+#endif
 
 static_assert(!std::is_copy_constructible_v<CriticalSectionLock>);
 static_assert(!std::is_copy_assignable_v<CriticalSectionLock>);
@@ -137,6 +148,169 @@ TEST(CriticalSectionLock, CreatedAndDestroyedInTheChildOfAFork)
                   return 0;
               }),
               0);
+}
+
+TEST(CriticalSectionLock, StartsFreeInTheChildWhenTheForkingThreadHeldIt)
+{
+    if (WATCHED_BY_TSAN)
+        GTEST_SKIP() << "the sanitizer does not learn that a mutex was made anew";
+    const CriticalSectionLock lock;
+    const CriticalSection section(lock);
+    EXPECT_EQ(exit_status_of_child([&] {
+                  return std::async(std::launch::async,
+                                    [&] {
+                                        const CriticalSection other(lock);
+                                        return 0;
+                                    })
+                      .get();
+              }),
+              0);
+}
+
+// -- locks whose mutex the library never destroys
+// ---------------------------------------------------
+
+constinit Kvl::CriticalSectionImpl::immortal_mutex_t g_mutex;
+constinit Kvl::CriticalSectionImpl::immortal_mutex_t g_second_mutex;
+constinit Kvl::CriticalSectionImpl::unattended_mutex_t g_unattended_mutex;
+
+TEST(ImmortalLock, NestsAndExcludesOtherThreads)
+{
+    const CriticalSectionLock lock(g_mutex);
+    std::atomic<bool> entered{false};
+    std::thread other;
+    {
+        const CriticalSection outer(lock);
+        const CriticalSection inner(lock);
+        other = std::thread([&] {
+            const CriticalSection section(lock);
+            entered = true;
+        });
+        std::this_thread::sleep_for(50ms);
+        EXPECT_FALSE(entered);
+    }
+    other.join();
+    EXPECT_TRUE(entered);
+}
+
+TEST(ImmortalLock, LeavesItsMutexUsableWhenItIsDestroyed)
+{
+    for (int i = 0; i < 3; ++i) {
+        const CriticalSectionLock lock(g_mutex);
+        const CriticalSection section(lock);
+    }
+    EXPECT_EQ(pthread_mutex_lock(&g_mutex.mutex), 0);
+    EXPECT_EQ(pthread_mutex_unlock(&g_mutex.mutex), 0);
+}
+
+TEST(ImmortalLock, IsTheSameLockThroughEveryObject)
+{
+    const CriticalSectionLock one(g_mutex);
+    const CriticalSectionLock other(g_mutex);
+    const CriticalSection section(one);
+    auto waiting = std::async(std::launch::async, [&] { const CriticalSection waits(other); });
+    EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
+    one.unlock();
+    waiting.wait();
+    one.lock();
+}
+
+/// Two numbers that are equal whenever nobody holds the lock.
+struct guarded_pair_t {
+    std::atomic<int> first{0}, second{0};
+};
+
+TEST(ImmortalLock, GuardsWhatIsWholeInTheChildOfAFork)
+{
+    const CriticalSectionLock lock(g_mutex);
+    const CriticalSectionLock newer(g_second_mutex);
+    guarded_pair_t pair;
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        while (!done) {
+            const CriticalSection newest_first(newer);
+            const CriticalSection section(lock);
+            ++pair.first;
+            std::this_thread::sleep_for(1ms);
+            ++pair.second;
+        }
+    });
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(exit_status_of_child([&] {
+                      const CriticalSection outer(newer);
+                      const CriticalSection inner(lock);
+                      return pair.first == pair.second ? 0 : 1;
+                  }),
+                  0);
+    done = true;
+    writer.join();
+}
+
+TEST(ImmortalLock, UnattendedIsNotWaitedForByAFork)
+{
+    const CriticalSectionLock lock(g_unattended_mutex);
+    std::promise<void> held;
+    std::promise<void> done;
+    std::thread holder([&] {
+        const CriticalSection section(lock);
+        held.set_value();
+        done.get_future().wait();
+    });
+    held.get_future().wait();
+    EXPECT_EQ(exit_status_of_child([&] {
+                  const CriticalSection section(lock);
+                  return 0;
+              }),
+              0);
+    done.set_value();
+    holder.join();
+}
+
+std::atomic<const CriticalSectionLock*> g_lock_of_handlers{nullptr};
+
+void use_lock_in_handler()
+{
+    if (const CriticalSectionLock* const lock = g_lock_of_handlers)
+        const CriticalSection section(*lock);
+}
+
+// Runs before main(), so before the library registers handlers of its own: the handler before the
+// fork then runs after the library's, and those after the fork before them.
+const int g_early_handlers =
+    pthread_atfork(use_lock_in_handler, use_lock_in_handler, use_lock_in_handler);
+
+TEST(ImmortalLock, MayBeUsedByOtherForkHandlers)
+{
+    ASSERT_EQ(g_early_handlers, 0);
+    const CriticalSectionLock lock(g_mutex);
+    g_lock_of_handlers = &lock;
+    ASSERT_EQ(pthread_atfork(use_lock_in_handler, use_lock_in_handler, use_lock_in_handler), 0);
+    EXPECT_EQ(exit_status_of_child([&] {
+                  const CriticalSection section(lock);
+                  return 0;
+              }),
+              0);
+    g_lock_of_handlers = nullptr;
+}
+
+const CriticalSectionLock g_destroyed_at_exit(g_mutex);
+
+TEST(ImmortalLock, MayBeUsedByThreadsThatStillRunAtExit)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(20);
+        std::thread([] {
+            const CriticalSectionLock& lock = g_destroyed_at_exit;
+            for (;;)
+                const CriticalSection section(lock);
+        }).detach();
+        std::atexit([] { std::this_thread::sleep_for(20ms); });
+        std::exit(0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -27,6 +27,10 @@ public:
     /// @throws std::bad_alloc  no memory for the mutex
     CriticalSectionLock();
 
+    /// A lock on a mutex that the library itself never destroys. Never throws.
+    /// @param immortal  one of the library's own mutexes; the lock's destructor leaves it alone
+    explicit CriticalSectionLock(CriticalSectionImpl::mutex_t& immortal) noexcept;
+
     /// Destroys the mutex and frees its storage.
     ~CriticalSectionLock();
 

@@ -1,25 +1,22 @@
-#include <kvutil/critsec_lock.h>
+#include "critsec_lock_impl.h"
 
 namespace Kvl {
-
-namespace CriticalSectionImpl {
-
-/// A mutex and its place in the list of all, which the child of a fork() walks.
-struct mutex_t {
-    pthread_mutex_t mutex{};
-    mutex_t* next = nullptr;
-    mutex_t* previous = nullptr;
-};
-
-}  // namespace CriticalSectionImpl
-
 namespace {
 
 using CriticalSectionImpl::mutex_t;
 
+/// Guards the lists and their links.
 constinit pthread_mutex_t list_mutex = PTHREAD_MUTEX_INITIALIZER;
-constinit mutex_t* list_head = nullptr;
+constinit mutex_t* owned_head = nullptr;
+/// Newest first; never shortened, so that it can be walked from any of its elements.
+constinit mutex_t* immortal_head = nullptr;
+/// From where on the forking thread has taken the immortal ones.
+constinit mutex_t* taken_head = nullptr;
 constinit bool fork_handlers_registered = false;
+
+/// Whether this thread is between the handlers before and after its fork(). Other handlers that
+/// run meanwhile may use the library: they pass the locks that this thread has taken.
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool is_forking = false;
 
 void initialize_recursive(pthread_mutex_t& mutex)
 {
@@ -30,41 +27,89 @@ void initialize_recursive(pthread_mutex_t& mutex)
     pthread_mutexattr_destroy(&attributes);
 }
 
-// The list is held over the fork, so that the child never finds it half changed.
-void before_fork()
+bool passes(const mutex_t& m)
+{
+    return m.is_held_over_fork && is_forking;
+}
+
+mutex_t* newest_immortal()
 {
     pthread_mutex_lock(&list_mutex);
+    mutex_t* const newest = immortal_head;
+    pthread_mutex_unlock(&list_mutex);
+    return newest;
+}
+
+// The list's own mutex comes last, because whoever holds one of the others may create a lock.
+void before_fork()
+{
+    mutex_t* const newest = newest_immortal();
+    for (mutex_t* m = newest; m != nullptr; m = m->next)
+        if (m->is_held_over_fork)
+            pthread_mutex_lock(&m->mutex);
+    pthread_mutex_lock(&list_mutex);
+    taken_head = newest;
+    is_forking = true;
+}
+
+void unlock_taken()
+{
+    mutex_t* const newest = taken_head;
+    pthread_mutex_unlock(&list_mutex);
+    for (mutex_t* m = newest; m != nullptr; m = m->next)
+        if (m->is_held_over_fork)
+            pthread_mutex_unlock(&m->mutex);
 }
 
 void after_fork_in_parent()
 {
-    pthread_mutex_unlock(&list_mutex);
+    is_forking = false;
+    unlock_taken();
 }
 
+void make_all_free(mutex_t* m)
+{
+    for (; m != nullptr; m = m->next)
+        initialize_recursive(m->mutex);
+}
+
+// The taken ones are made anew as well, because to a recursive mutex the child's thread is not the
+// one that took it: unlocking fails. It is called for those tools that watch locks.
 void after_fork_in_child()
 {
-    for (mutex_t* m = list_head; m != nullptr; m = m->next)
-        initialize_recursive(m->mutex);
-    pthread_mutex_init(&list_mutex, nullptr);
+    is_forking = false;
+    unlock_taken();
+    make_all_free(owned_head);
+    make_all_free(immortal_head);
 }
 
+void put_in_front(mutex_t*& head, mutex_t& m)
+{
+    m.next = head;
+    if (head != nullptr)
+        head->previous = &m;
+    head = &m;
+}
+
+// An immortal one comes here again with every further lock that refers to it.
 void enlist(mutex_t& m)
 {
     pthread_mutex_lock(&list_mutex);
     if (!fork_handlers_registered)
         fork_handlers_registered =
             pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
-    m.next = list_head;
-    if (list_head != nullptr)
-        list_head->previous = &m;
-    list_head = &m;
+    if (!m.is_listed) {
+        initialize_recursive(m.mutex);
+        put_in_front(m.is_immortal ? immortal_head : owned_head, m);
+        m.is_listed = true;
+    }
     pthread_mutex_unlock(&list_mutex);
 }
 
 void delist(mutex_t& m)
 {
     pthread_mutex_lock(&list_mutex);
-    (m.previous != nullptr ? m.previous->next : list_head) = m.next;
+    (m.previous != nullptr ? m.previous->next : owned_head) = m.next;
     if (m.next != nullptr)
         m.next->previous = m.previous;
     pthread_mutex_unlock(&list_mutex);
@@ -74,12 +119,18 @@ void delist(mutex_t& m)
 
 CriticalSectionLock::CriticalSectionLock() : mutex_(new mutex_t)
 {
-    initialize_recursive(mutex_->mutex);
+    enlist(*mutex_);
+}
+
+CriticalSectionLock::CriticalSectionLock(mutex_t& immortal) noexcept : mutex_(&immortal)
+{
     enlist(*mutex_);
 }
 
 CriticalSectionLock::~CriticalSectionLock()
 {
+    if (mutex_->is_immortal)
+        return;
     delist(*mutex_);
     pthread_mutex_destroy(&mutex_->mutex);
     delete mutex_;
@@ -88,12 +139,14 @@ CriticalSectionLock::~CriticalSectionLock()
 // clang's analysis sees a capability, not the mutex behind it.
 void CriticalSectionLock::lock() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
 {
-    pthread_mutex_lock(&mutex_->mutex);
+    if (!passes(*mutex_))
+        pthread_mutex_lock(&mutex_->mutex);
 }
 
 void CriticalSectionLock::unlock() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
 {
-    pthread_mutex_unlock(&mutex_->mutex);
+    if (!passes(*mutex_))
+        pthread_mutex_unlock(&mutex_->mutex);
 }
 
 }  // namespace Kvl
