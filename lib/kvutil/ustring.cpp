@@ -1,5 +1,6 @@
 #include <kvutil/ustring.h>
 
+#include "converter_pool_impl.h"
 #include "units_impl.h"
 
 #include <unicode/uchar.h>
@@ -418,13 +419,13 @@ UString& UString::replace_all(const char16_t* s, std::size_t count)
 
 UString& UString::assign(const UString& s)
 {
-    if (this == &s)
-        return s.isBogus() ? clear() : *this;
+    const bool is_open = !isBogus() && !is_editable(*this);
     if (s.isBogus())
         return clear();
-    if (s.length() <= capacity())
-        return replace_all(s.getBuffer(), s.length());
-    return *this = s;
+    if (this == &s || is_open)
+        return *this;
+    // What does not fit is shared with `s`, which costs nothing.
+    return s.length() <= capacity() ? replace_all(s.getBuffer(), s.length()) : *this = s;
 }
 
 UString& UString::assign(const unsigned short* s, unsigned int n)
@@ -599,38 +600,24 @@ Utf8String UString::utf8_str() const
 
 // ---- charsets ----
 
-struct UString::converter_t {
-    explicit converter_t(const char* name) : handle(ucnv_open(name, &status)) {}
-    ~converter_t() { ucnv_close(handle); }
-    converter_t(const converter_t&) = delete;
-    converter_t& operator=(const converter_t&) = delete;
-
-    UErrorCode status = U_ZERO_ERROR;
-    UConverter* const handle;
-};
-
 UString::~UString()
 {
-    delete converter_;
+    if (converter_ != nullptr)
+        give_back_converter(converter_);
 }
 
-// The cached converter if ICU says that it is one for `want`, otherwise a new one in its place.
-// Null when ICU has none.
-const UString::converter_t* UString::open_converter(const char* want) const
+// The cached converter if ICU says that it is one for the charset, otherwise another in its place.
+const charset_converter_t* UString::converter_for(const char* charset) const
 {
+    const char* const want = eval_charset(charset);
     if (converter_ != nullptr) {
         UErrorCode status = U_ZERO_ERROR;
         const char* const name = ucnv_getName(converter_->handle, &status);
         if (U_FAILURE(status) || want == nullptr || ucnv_compareNames(name, want) != 0)
-            delete std::exchange(converter_, nullptr);
+            give_back_converter(std::exchange(converter_, nullptr));
     }
-    if (converter_ == nullptr && want != nullptr) {
-        auto opened = std::make_unique<converter_t>(want);
-        if (opened->status == U_MEMORY_ALLOCATION_ERROR)
-            throw std::bad_alloc();
-        if (opened->handle != nullptr)
-            converter_ = opened.release();
-    }
+    if (converter_ == nullptr && want != nullptr)
+        converter_ = take_converter(want);
     return converter_;
 }
 
@@ -640,7 +627,7 @@ UString* UString::assign(const std::string& bytes, const char* charset)
         return &clear();
     if (charset != nullptr && std::strcmp(charset, UTF8_NAME) == 0)
         return &utf8_assign(Utf8String(bytes));
-    const converter_t* const converter = open_converter(eval_charset(charset));
+    const charset_converter_t* const converter = converter_for(charset);
     if (converter == nullptr)
         return nullptr;
     if (bytes.size() > INT_MAX)
@@ -678,7 +665,7 @@ std::string UString::std_str(const char* charset, bool& failed) const
     if (charset != nullptr && std::strcmp(charset, UTF8_NAME) == 0)
         return utf8_str();
     // Deliberate: an unknown charset gives an empty result and no failure.
-    const converter_t* const converter = open_converter(eval_charset(charset));
+    const charset_converter_t* const converter = converter_for(charset);
     if (converter == nullptr)
         return {};
     const std::int64_t size = std::int64_t{ucnv_getMaxCharSize(converter->handle)} * length() + 1;

@@ -1,0 +1,89 @@
+#include "converter_pool_impl.h"
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <new>
+#include <string_view>
+
+namespace Kvl {
+
+namespace {
+
+using slot_t = std::atomic<charset_converter_t*>;
+
+constexpr std::size_t SETS = 8;
+constexpr std::size_t SLOTS_PER_SET = 4;
+using slot_set_t = std::array<slot_t, SLOTS_PER_SET>;
+
+// A converter in a slot belongs to nobody; whoever takes it out of the slot owns it. Never
+// destroyed: strings of other threads may outlive the library's statics.
+constinit std::array<slot_set_t, SETS> idle_converters{};
+
+slot_set_t& slots_for(std::string_view name)
+{
+    // Names that are used together differ in length or at the end: ISO-8859-1, ISO-8859-15.
+    const std::size_t last = name.empty() ? 0 : static_cast<unsigned char>(name.back());
+    return idle_converters[(name.size() + last) % SETS];
+}
+
+// Whether the slot was empty and has the converter now.
+bool put(slot_t& slot, charset_converter_t* converter)
+{
+    charset_converter_t* empty = nullptr;
+    return slot.compare_exchange_strong(empty, converter, std::memory_order_release,
+                                        std::memory_order_relaxed);
+}
+
+charset_converter_t* take_idle(std::string_view name)
+{
+    for (slot_t& slot : slots_for(name)) {
+        if (slot.load(std::memory_order_relaxed) == nullptr)
+            continue;
+        // Only the owner may look at the name, so a wrong one is taken out and put back.
+        charset_converter_t* const converter = slot.exchange(nullptr, std::memory_order_acquire);
+        if (converter == nullptr)
+            continue;
+        if (converter->requested_name == name)
+            return converter;
+        if (!put(slot, converter))
+            delete converter;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+charset_converter_t::charset_converter_t(const char* name)
+    : requested_name(name), handle(ucnv_open(name, &open_status))
+{
+}
+
+charset_converter_t::~charset_converter_t()
+{
+    ucnv_close(handle);
+}
+
+charset_converter_t* take_converter(const char* name)
+{
+    if (charset_converter_t* const idle = take_idle(name)) {
+        ucnv_reset(idle->handle);
+        return idle;
+    }
+    auto opened = std::make_unique<charset_converter_t>(name);
+    if (opened->open_status == U_MEMORY_ALLOCATION_ERROR)
+        throw std::bad_alloc();
+    return opened->handle == nullptr ? nullptr : opened.release();
+}
+
+void give_back_converter(charset_converter_t* converter) noexcept
+{
+    slot_set_t& slots = slots_for(converter->requested_name);
+    for (slot_t& slot : slots)
+        if (slot.load(std::memory_order_relaxed) == nullptr && put(slot, converter))
+            return;
+    // A full set lets one go, so that names that are no longer used do not stay for ever.
+    delete slots[0].exchange(converter, std::memory_order_acq_rel);
+}
+
+}  // namespace Kvl

@@ -1,0 +1,39 @@
+#ifndef KVUTIL_CONVERTER_POOL_IMPL_H
+#define KVUTIL_CONVERTER_POOL_IMPL_H
+
+#include <unicode/ucnv.h>
+
+#include <string>
+
+namespace Kvl {
+
+// An ICU converter and the name it was asked for by. That name is its key in the pool: ICU's own
+// name for it leaves out options.
+struct charset_converter_t {
+    explicit charset_converter_t(const char* name);
+    ~charset_converter_t();
+    charset_converter_t(const charset_converter_t&) = delete;
+    charset_converter_t& operator=(const charset_converter_t&) = delete;
+
+    const std::string requested_name;
+    UErrorCode open_status = U_ZERO_ERROR;
+    UConverter* const handle;  // null when ICU has no such converter
+};
+
+// Opening a converter costs more than a short conversion, and most strings convert once. So what
+// strings no longer need waits here for the next string, a bounded number of them.
+// Neither operation blocks, so both may be used at exit and after a fork.
+
+/// A converter in its initial state, an idle one if there is one of this name.
+/// @param name  not null
+/// @return      owned by the caller, who gives it back; null when ICU has none of this name
+/// @throws std::bad_alloc there is no memory to open it
+charset_converter_t* take_converter(const char* name);
+
+/// Keeps the converter for others, or closes it.
+/// @param converter  not null
+void give_back_converter(charset_converter_t* converter) noexcept;
+
+}  // namespace Kvl
+
+#endif
