@@ -193,7 +193,7 @@ public:
 
 private:
     friend struct XmlTagImpl::tag_access_t;
-    XmlTag(Namespace* ns, UString&& simple_name, Id id) noexcept;
+    XmlTag(Namespace* ns, const char16_t* simple_name, int length_units, Id id) noexcept;
 
     Namespace* ns_;
     UString simple_name_;
@@ -232,6 +232,8 @@ public:
     const XmlTag* find(XmlTag::Id id) const noexcept;
 
 private:
+    void append_chunk();
+
     static constexpr unsigned int CHUNK_SIZE = 128;
     // Part k of the list holds 64 * 2^k chunks, so that neither chunks nor parts ever move.
     static constexpr unsigned int NUM_PARTS = 19;

@@ -1,9 +1,13 @@
 #ifndef KVUTIL_XMLTAG_IMPL_H
 #define KVUTIL_XMLTAG_IMPL_H
 
+#include <kvutil/critsec.h>
 #include <kvutil/xmltag.h>
 
+#include <atomic>
+#include <bit>
 #include <cstddef>
+#include <string_view>
 
 namespace Kvl {
 namespace XmlTagImpl {
@@ -13,6 +17,125 @@ namespace XmlTagImpl {
 /// @param nsid  0 to 20
 /// @param name  `length` units
 const XmlTag* find_well_known(XmlTag::NsId nsid, const char16_t* name, std::size_t length) noexcept;
+
+/// The well-known namespace with a URI, or null. Takes no lock, allocates nothing. Never throws.
+XmlTag::Namespace* find_well_known_namespace(std::u16string_view uri) noexcept;
+
+/// Builds the whole registry. Called once, by statics.cpp.
+/// @return true
+bool load();
+
+/// One of the 21 well-known namespaces as the tables list it.
+struct wk_namespace_t {
+    XmlTag::NsId nsid;
+    UString uri;
+    UString abbreviation;  // with its colon
+};
+
+constexpr std::size_t NUM_WK_TAGS = 1143;  // the nil tag included
+
+/// Room for an object that load() constructs and nothing destroys: other threads may use the
+/// registry while the process exits.
+template <class T>
+union undying_t {
+    constexpr undying_t() noexcept : none{} {}
+    constexpr ~undying_t() {}
+    char none;
+    T value;
+};
+
+/// Everything of the registry that cannot be constant-initialised.
+struct storage_t {
+    undying_t<wk_namespace_t[XmlTag::NUM_WK_NAMESPACES]> wk_namespaces;
+    undying_t<XmlTag::Namespace[XmlTag::NUM_WK_NAMESPACES]> namespaces;
+    undying_t<XmlTag[NUM_WK_TAGS]> tags;  // in order of Id
+    undying_t<std::vector<XmlTag::Namespace*>> sorted_namespaces;
+    undying_t<std::vector<XmlTag::Namespace*>> runtime_namespaces;
+    undying_t<IdToTagMap> dynamic_tags;
+    undying_t<CriticalSectionLock> dynamic_tags_lock;
+};
+extern storage_t g_storage;
+
+extern const wk_namespace_t (&wk_namespaces_array)[XmlTag::NUM_WK_NAMESPACES];
+
+/// The well-known tags by Id; null where an Id is not assigned. Constant after load.
+extern const XmlTag* lookup_table[XmlTag::NUM_WK_IDS];
+
+/// Guards everything that changes after load. Held over fork(), so that the child finds the
+/// registry whole.
+extern const CriticalSectionLock& dynamic_tags_lock;
+
+extern IdToTagMap& all_dynamic_tags;
+
+/// Takes the lock before every fork() of the process and releases it afterwards.
+void hold_registry_over_forks();
+
+/// Lists that grow without moving anything: part k has room for 64 * 2^k elements.
+struct place_t {
+    unsigned int part;
+    unsigned int offset;
+};
+
+constexpr unsigned int size_of_part(unsigned int part)
+{
+    return 64u << part;
+}
+
+/// @param index  below 2^31
+constexpr place_t place_of(unsigned int index)
+{
+    const auto part = static_cast<unsigned int>(std::bit_width(index / 64 + 1)) - 1;
+    return {part, index + 64 - size_of_part(part)};
+}
+
+/// A list whose elements are read without a lock, while one thread at a time appends more.
+template <class T>
+class parted_list_t {
+public:
+    unsigned int size() const noexcept { return size_.load(std::memory_order_acquire); }
+
+    /// @param index  below a size() that was read before
+    const T& operator[](unsigned int index) const noexcept
+    {
+        const place_t place = place_of(index);
+        return parts_[place.part][place.offset];
+    }
+
+    /// Makes the next push_back() possible.
+    void make_room()
+    {
+        T*& part = parts_[place_of(size()).part];
+        if (part == nullptr)
+            part = new T[size_of_part(place_of(size()).part)]();
+    }
+
+    void push_back(const T& element) noexcept
+    {
+        const place_t place = place_of(size());
+        parts_[place.part][place.offset] = element;
+        size_.fetch_add(1, std::memory_order_release);
+    }
+
+private:
+    T* parts_[26] = {};  // never freed: a process has one list, until it ends
+    std::atomic<unsigned int> size_{0};
+};
+
+/// What the registry needs of a tag's private part.
+struct tag_access_t {
+    /// Constructs a tag whose local name aliases `name`, which is terminated and outlives it.
+    static XmlTag* construct(void* place, XmlTag::Namespace* ns, std::u16string_view name,
+                             XmlTag::Id id) noexcept;
+    static XmlTag::Namespace* ns(const XmlTag& tag) noexcept { return tag.ns_; }
+    static void set_id(XmlTag& tag, XmlTag::Id id) noexcept { tag.id_ = id; }
+};
+
+/// The units of a text; empty when the text is in ICU's bogus state.
+inline std::u16string_view view_of(const UString& text) noexcept
+{
+    const char16_t* const units = text.getBuffer();
+    return units == nullptr ? std::u16string_view() : std::u16string_view(units, text.length());
+}
 
 }  // namespace XmlTagImpl
 }  // namespace Kvl
