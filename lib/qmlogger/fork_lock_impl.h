@@ -2,6 +2,7 @@
 #define QMLOGGER_FORK_LOCK_IMPL_H
 
 #include <pthread.h>
+#include <sys/types.h>
 
 namespace Log::ForkImpl {
 
@@ -9,7 +10,6 @@ namespace Log::ForkImpl {
 /// child and the child can take it. While that thread runs other fork handlers it passes: those
 /// may log too.
 ///
-/// All of them are listed in fork_lock.cpp, in the order in which a thread may take several.
 /// Constant-initialised, never destroyed.
 class fork_lock {
 public:
@@ -22,13 +22,22 @@ public:
 
 private:
     friend void before_fork();
-    friend void after_fork_in_parent();
-    friend void after_fork_in_child();
+    friend void after_fork();
 
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
+// All of them, in the order in which a thread may take several.
 extern fork_lock g_catalogues_lock;  ///< guards the open translations
+extern fork_lock g_manager_lock;     ///< guards the loggers and the thresholds that new ones get
+extern fork_lock g_file_lock;        ///< guards the log file
+
+/// Process and thread, also in the child of a fork(), without a system call for each line.
+struct ids_t {
+    pid_t process;
+    pid_t thread;
+};
+ids_t current_ids();
 
 }  // namespace Log::ForkImpl
 

@@ -16,11 +16,4 @@ bool QmLogger::warning_enabled() const
 
 QmLogManager::~QmLogManager() = default;
 
-// TEMPORARY until the log file exists: no log can be opened.
-QmLogManager* QmLogManager::initialize(const std::string&, const std::string&, const std::string&,
-                                       int, const std::string&)
-{
-    return nullptr;
-}
-
 }  // namespace Log
