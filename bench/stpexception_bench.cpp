@@ -35,6 +35,11 @@ UMessage outer_message()
 
 [[gnu::noinline]] void fail_in_kvutil()
 {
+    throw StateException(UMessage(kvutil, 21, selector, detail));
+}
+
+[[gnu::noinline]] void fail_by_raise_in_kvutil()
+{
     StateException::raise(UMessage(kvutil, 21, selector, detail));
 }
 
@@ -66,6 +71,21 @@ std::string text_of(const STPException& e)
     return e.message().message_string().utf8_str();
 }
 
+void look_at_cause_in_kvutil(const STPException& e)
+{
+    for (const STPException* cause : e.causes())
+        benchmark::DoNotOptimize(cause->message().index());
+}
+
+void look_at_cause_in_std(const std::exception& e)
+{
+    try {
+        std::rethrow_if_nested(e);
+    } catch (const std::exception& cause) {
+        benchmark::DoNotOptimize(cause.what());
+    }
+}
+
 /// What a caller can read out of each is the same.
 bool peers_agree()
 {
@@ -83,8 +103,9 @@ bool peers_agree()
     return false;
 }
 
-template <class E, class Operation>
-void time_failure(benchmark::State& state, Operation fails)
+/// Times `fails` together with its handler, which gives what it caught to `look`.
+template <class E, class Operation, class Look>
+void time_failure(benchmark::State& state, Operation fails, Look look)
 {
     if (!peers_agree())
         state.SkipWithError("the peers do not carry the same texts");
@@ -92,32 +113,44 @@ void time_failure(benchmark::State& state, Operation fails)
         try {
             fails();
         } catch (const E& e) {
-            benchmark::DoNotOptimize(&e);
+            look(e);
         }
     }
 }
 
+template <class E>
+void look_at_class(const E& e)
+{
+    benchmark::DoNotOptimize(&e);
+}
+
 void failure_in_kvutil(benchmark::State& state)
 {
-    time_failure<StateException>(state, fail_in_kvutil);
+    time_failure<StateException>(state, fail_in_kvutil, look_at_class<StateException>);
 }
 BENCHMARK(failure_in_kvutil);
 
+void failure_by_raise_in_kvutil(benchmark::State& state)
+{
+    time_failure<StateException>(state, fail_by_raise_in_kvutil, look_at_class<StateException>);
+}
+BENCHMARK(failure_by_raise_in_kvutil);
+
 void failure_in_std(benchmark::State& state)
 {
-    time_failure<std::runtime_error>(state, fail_in_std);
+    time_failure<std::runtime_error>(state, fail_in_std, look_at_class<std::runtime_error>);
 }
 BENCHMARK(failure_in_std);
 
 void nested_failure_in_kvutil(benchmark::State& state)
 {
-    time_failure<STPException>(state, fail_nested_in_kvutil);
+    time_failure<STPException>(state, fail_nested_in_kvutil, look_at_cause_in_kvutil);
 }
 BENCHMARK(nested_failure_in_kvutil);
 
 void nested_failure_in_std(benchmark::State& state)
 {
-    time_failure<std::exception>(state, fail_nested_in_std);
+    time_failure<std::exception>(state, fail_nested_in_std, look_at_cause_in_std);
 }
 BENCHMARK(nested_failure_in_std);
 
@@ -136,7 +169,7 @@ struct state_error : virtual std::exception, virtual boost::exception {};
 
 void failure_in_boost(benchmark::State& state)
 {
-    time_failure<state_error>(state, fail_in_boost);
+    time_failure<state_error>(state, fail_in_boost, look_at_class<state_error>);
 }
 BENCHMARK(failure_in_boost);
 #endif

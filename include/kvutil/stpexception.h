@@ -5,6 +5,7 @@
 #include <kvutil/umessage.h>
 
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace Kvl {
@@ -120,7 +121,11 @@ public:
     /// @param level   0, 1 or 2 to log, any other value not to
     /// @throws STPException  always, unless std::bad_alloc or what a clone() or the logger throws
     [[noreturn]] static void raise(stp_reason_code_t reason, const UMessage& m, const Resource* r,
-                                   const std::vector<STPException*>& causes, stp_log_level_t level);
+                                   const std::vector<STPException*>& causes, stp_log_level_t level)
+    {
+        log(m, level);
+        throw STPException(reason, m, r, causes, 2);
+    }
 
     /// Logs the message, then throws an exception with at most one cause.
     /// @param reason  what the failure means to the protocol
@@ -130,14 +135,22 @@ public:
     /// @param level   0, 1 or 2 to log, any other value not to
     /// @throws STPException  always, unless std::bad_alloc or what a clone() or the logger throws
     [[noreturn]] static void raise(stp_reason_code_t reason, const UMessage& m, const Resource* r,
-                                   const STPException* cause, stp_log_level_t level);
+                                   const STPException* cause, stp_log_level_t level)
+    {
+        log(m, level);
+        throw STPException(reason, m, r, cause, 2);
+    }
 
     /// Logs the message of `e`, then throws a copy of `e`. Deliberate: what is thrown is an
     /// STPException itself, whatever the class of `e`.
     /// @param e      the exception to copy
     /// @param level  0, 1 or 2 to log, any other value not to
     /// @throws STPException  always, unless std::bad_alloc or what a clone() or the logger throws
-    [[noreturn]] static void raise(const STPException& e, stp_log_level_t level);
+    [[noreturn]] static void raise(const STPException& e, stp_log_level_t level)
+    {
+        log(e.message(), level);
+        throw STPException(e);
+    }
 
 protected:
     /// What the library throws in fixed cases: reason 39, no resource, no cause.
@@ -193,12 +206,12 @@ public:
     /// Throws a RuntimeException with reason 39, no resource and no cause. Never logs.
     /// @param m  the message; copied
     /// @throws RuntimeException  always, unless std::bad_alloc
-    [[noreturn]] static void raise(const UMessage& m);
+    [[noreturn]] static void raise(const UMessage& m) { throw RuntimeException(m); }
 
     /// The same without copying.
     /// @param m  the message; left nil
     /// @throws RuntimeException  always
-    [[noreturn]] static void raise(UMessage&& m);
+    [[noreturn]] static void raise(UMessage&& m) { throw RuntimeException(std::move(m)); }
 };
 
 /// What a caller gave is malformed.
@@ -228,12 +241,12 @@ public:
     /// Throws an IllegalArgException with reason 39, no resource and no cause. Never logs.
     /// @param m  the message; copied
     /// @throws IllegalArgException  always, unless std::bad_alloc
-    [[noreturn]] static void raise(const UMessage& m);
+    [[noreturn]] static void raise(const UMessage& m) { throw IllegalArgException(m); }
 
     /// The same without copying.
     /// @param m  the message; left nil
     /// @throws IllegalArgException  always
-    [[noreturn]] static void raise(UMessage&& m);
+    [[noreturn]] static void raise(UMessage&& m) { throw IllegalArgException(std::move(m)); }
 };
 
 /// A rule that must always hold is broken, or the text of a selector is rejected.
@@ -263,12 +276,12 @@ public:
     /// Throws a StateException with reason 39, no resource and no cause. Never logs.
     /// @param m  the message; copied
     /// @throws StateException  always, unless std::bad_alloc
-    [[noreturn]] static void raise(const UMessage& m);
+    [[noreturn]] static void raise(const UMessage& m) { throw StateException(m); }
 
     /// The same without copying.
     /// @param m  the message; left nil
     /// @throws StateException  always
-    [[noreturn]] static void raise(UMessage&& m);
+    [[noreturn]] static void raise(UMessage&& m) { throw StateException(std::move(m)); }
 };
 
 }  // namespace Kvl

@@ -313,26 +313,6 @@ void STPException::log(const UMessage& m, stp_log_level_t level)
         write(*logger, m.message_string().utf8_str(), level);
 }
 
-void STPException::raise(stp_reason_code_t reason, const UMessage& m, const Resource* r,
-                         const std::vector<STPException*>& causes, stp_log_level_t level)
-{
-    log(m, level);
-    throw STPException(reason, m, r, causes, LEVEL_ERROR);
-}
-
-void STPException::raise(stp_reason_code_t reason, const UMessage& m, const Resource* r,
-                         const STPException* cause, stp_log_level_t level)
-{
-    log(m, level);
-    throw STPException(reason, m, r, cause, LEVEL_ERROR);
-}
-
-void STPException::raise(const STPException& e, stp_log_level_t level)
-{
-    log(e.message(), level);
-    throw STPException(e);
-}
-
 void STPException::clone_resource(const Resource* r)
 {
     if (r != nullptr)
@@ -386,16 +366,6 @@ RuntimeException* RuntimeException::clone() const
     return new RuntimeException(*this);
 }
 
-void RuntimeException::raise(const UMessage& m)
-{
-    throw RuntimeException(m);
-}
-
-void RuntimeException::raise(UMessage&& m)
-{
-    throw RuntimeException(std::move(m));
-}
-
 IllegalArgException::IllegalArgException(const UMessage& m) : IllegalArgException(UMessage(m)) {}
 
 IllegalArgException::IllegalArgException(UMessage&& m) noexcept : STPException(std::move(m)) {}
@@ -407,16 +377,6 @@ IllegalArgException* IllegalArgException::clone() const
     return new IllegalArgException(*this);
 }
 
-void IllegalArgException::raise(const UMessage& m)
-{
-    throw IllegalArgException(m);
-}
-
-void IllegalArgException::raise(UMessage&& m)
-{
-    throw IllegalArgException(std::move(m));
-}
-
 StateException::StateException(const UMessage& m) : StateException(UMessage(m)) {}
 
 StateException::StateException(UMessage&& m) noexcept : STPException(std::move(m)) {}
@@ -426,16 +386,6 @@ StateException::~StateException() = default;
 StateException* StateException::clone() const
 {
     return new StateException(*this);
-}
-
-void StateException::raise(const UMessage& m)
-{
-    throw StateException(m);
-}
-
-void StateException::raise(UMessage&& m)
-{
-    throw StateException(std::move(m));
 }
 
 }  // namespace Kvl
