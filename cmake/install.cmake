@@ -11,8 +11,12 @@ install(TARGETS kvutil qmlogger
   EXPORT kvutilTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-# Rows that xmltag.h includes; outside the header set, since the file does not compile alone.
-install(FILES include/kvutil/xmltag_wk.def DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvutil)
+# Rows that headers include; outside the header set, since these files do not compile alone.
+install(FILES
+  include/kvutil/selector_domains.def
+  include/kvutil/selector_namespaces.def
+  include/kvutil/xmltag_wk.def
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvutil)
 install(EXPORT kvutilTargets NAMESPACE kvutil:: DESTINATION ${package_dir})
 
 configure_package_config_file(cmake/kvutilConfig.cmake.in kvutilConfig.cmake

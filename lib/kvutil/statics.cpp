@@ -1,11 +1,15 @@
 // Every object of the library that runs code at load or unload, and nothing else.
 // Reading order is construction order; unload runs it backwards.
 
+#include "selector_impl.h"
+#include "ustring_impl.h"
 #include "xmltag_impl.h"
 
 #include <kvutil/umessage.h>
 
 #include <unicode/uclean.h>
+
+#include <memory>
 
 namespace Kvl {
 
@@ -24,5 +28,36 @@ const UString XmlTag::EMPTY_NS_PREFIX;
 // Messages. The argument exists before any code runs, because a failure at load may name it.
 constinit const UMessage::Arg UMessage::Arg::nil;
 const UMessage UMessage::nil;
+
+// Selector vocabulary: its tables, filled, then the separators and delimiters. The tables are never
+// destroyed; the other texts stand on constants and stay readable after their destruction.
+static constinit XmlTagImpl::undying_t<SelectorImpl::namespace_vocabulary_t> namespaces;
+static constinit XmlTagImpl::undying_t<SelectorImpl::domain_vocabulary_t> provider_domains;
+
+namespace SelectorImpl {
+namespace_vocabulary_t& g_namespace_id_map = *std::construct_at(&namespaces.value);
+domain_vocabulary_t& g_provider_domain_string = *std::construct_at(&provider_domains.value);
+const InitMaps init_maps;
+}  // namespace SelectorImpl
+
+template <char16_t unit>
+static constexpr char16_t TEXT_OF[] = {unit, 0};
+
+template <char16_t unit>
+static UString text_of()
+{
+    return constant_text_t::make(TEXT_OF<unit>);
+}
+
+const UString Selector::NAMESPACE_FIELD_SEP = text_of<SelectorImpl::NAMESPACE_FIELD_UNIT>();
+const UString Selector::DOMAIN_FIELD_SEP = text_of<SelectorImpl::DOMAIN_FIELD_UNIT>();
+const UString Selector::REPO_FIELD_SEP = text_of<SelectorImpl::REPO_FIELD_UNIT>();
+const UString Selector::SEGMENT_SEP = text_of<SelectorImpl::SEGMENT_UNIT>();
+const UString Selector::OTHER_SEGMENT_SEP = text_of<SelectorImpl::OTHER_SEGMENT_UNIT>();
+const UString Selector::ESCAPE_CHAR = text_of<SelectorImpl::ESCAPE_UNIT>();
+const UString Selector::g_delimiters[] = {
+    text_of<SelectorImpl::DELIMITERS[0]>(), text_of<SelectorImpl::DELIMITERS[1]>(),
+    text_of<SelectorImpl::DELIMITERS[2]>(), text_of<SelectorImpl::DELIMITERS[3]>(),
+    text_of<SelectorImpl::DELIMITERS[4]>()};
 
 }  // namespace Kvl

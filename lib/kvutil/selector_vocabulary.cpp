@@ -1,0 +1,137 @@
+#include "selector_impl.h"
+
+#include "ustring_impl.h"
+
+#include <array>
+#include <cstddef>
+#include <iterator>
+
+namespace Kvl {
+namespace SelectorImpl {
+
+namespace {
+
+template <class Value>
+struct row_t {
+    Value value;
+    std::u16string_view text;
+};
+
+constexpr row_t<Selector::namespace_t> NAMESPACES[] = {
+#define KVUTIL_SELECTOR_NAMESPACE(value, enumerator, text) {Selector::enumerator, u"" text},
+#include <kvutil/selector_namespaces.def>
+#undef KVUTIL_SELECTOR_NAMESPACE
+};
+
+constexpr row_t<Selector::provider_domain_t> DOMAINS[] = {
+#define KVUTIL_SELECTOR_DOMAIN(value, enumerator, text) {Selector::enumerator, u"" text},
+#include <kvutil/selector_domains.def>
+#undef KVUTIL_SELECTOR_DOMAIN
+};
+
+/// Whether row i has value i, so that a value is the index of its row.
+template <class Row, std::size_t size>
+constexpr bool values_are_indexes(const Row (&rows)[size])
+{
+    for (std::size_t i = 0; i < size; ++i)
+        if (static_cast<std::size_t>(rows[i].value) != i)
+            return false;
+    return true;
+}
+static_assert(values_are_indexes(NAMESPACES) && values_are_indexes(DOMAINS));
+static_assert(NUM_NAMESPACES == 52 && NUM_DOMAINS == 4);
+
+template <class Vocabulary, class Row, std::size_t size>
+void fill(Vocabulary& vocabulary, const Row (&rows)[size])
+{
+    for (std::size_t i = 0; i < size; ++i) {
+        const auto text = [&row = rows[i].text] {
+            return constant_text_t::make(row.data(), static_cast<int>(row.size()));
+        };
+        vocabulary.values[text()] = rows[i].value;
+        vocabulary.texts[i] = text();
+    }
+}
+
+// Length, first and last unit tell the namespaces apart. With the right factor they are a hash
+// without collisions, found when this is compiled.
+typedef std::array<signed char, 256> slots_t;
+constexpr signed char FREE = -1;
+
+constexpr std::size_t slot_of(std::u16string_view text, std::size_t factor)
+{
+    return ((text.size() * factor + text.front()) * factor + text.back()) % slots_t().size();
+}
+
+/// The row of each slot.
+/// @return whether no two rows share one
+constexpr bool fill_slots(slots_t& slots, std::size_t factor)
+{
+    slots.fill(FREE);
+    for (const auto& row : NAMESPACES) {
+        auto& slot = slots[slot_of(row.text, factor)];
+        if (slot != FREE)
+            return false;
+        slot = static_cast<signed char>(row.value);
+    }
+    return true;
+}
+
+struct hash_t {
+    std::size_t factor = 1;
+    slots_t slots{};
+};
+
+consteval hash_t make_hash()
+{
+    hash_t hash;
+    while (!fill_slots(hash.slots, hash.factor))
+        ++hash.factor;
+    return hash;
+}
+constexpr hash_t HASH = make_hash();
+
+}  // namespace
+
+InitMaps::InitMaps()
+{
+    fill(g_namespace_id_map, NAMESPACES);
+    fill(g_provider_domain_string, DOMAINS);
+}
+
+const Selector::namespace_t* find_namespace(std::u16string_view text) noexcept
+{
+    if (text.empty())
+        return nullptr;
+    const int index = HASH.slots[slot_of(text, HASH.factor)];
+    if (index == FREE || NAMESPACES[index].text != text)
+        return nullptr;
+    return &NAMESPACES[index].value;
+}
+
+const Selector::provider_domain_t* find_domain(std::u16string_view text) noexcept
+{
+    for (const auto& row : DOMAINS)
+        if (row.text == text)
+            return &row.value;
+    return nullptr;
+}
+
+}  // namespace SelectorImpl
+
+const UString& Selector::namespace_string(namespace_t ns)
+{
+    const auto& texts = SelectorImpl::g_namespace_id_map.texts;
+    const auto index = static_cast<std::size_t>(ns);
+    return index < std::size(texts) ? texts[index] : provider_domain_string(PD_NONE);
+}
+
+// The vocabulary's own empty text stands for every value that has none.
+const UString& Selector::provider_domain_string(provider_domain_t pd)
+{
+    const auto& texts = SelectorImpl::g_provider_domain_string.texts;
+    const auto index = static_cast<std::size_t>(pd);
+    return index < std::size(texts) ? texts[index] : texts[PD_NONE];
+}
+
+}  // namespace Kvl

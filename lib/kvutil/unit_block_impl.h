@@ -1,0 +1,104 @@
+#ifndef KVUTIL_UNIT_BLOCK_IMPL_H
+#define KVUTIL_UNIT_BLOCK_IMPL_H
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <string_view>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace Kvl {
+
+#ifdef __SSE2__
+/// Eight units, looked at together.
+class unit_block_t {
+public:
+    static constexpr std::size_t SIZE = 8;
+
+    explicit unit_block_t(const char16_t* units)
+        : units_(_mm_loadu_si128(reinterpret_cast<const __m128i*>(units)))
+    {
+    }
+
+    void store(char16_t* out) const { _mm_storeu_si128(reinterpret_cast<__m128i*>(out), units_); }
+
+    /// @return the place of the first unit that is one of `wanted`; SIZE when there is none
+    template <class... Units>
+    std::size_t find(Units... wanted) const
+    {
+        const auto bytes = static_cast<unsigned int>((places_of(wanted) | ...));
+        return bytes == 0 ? SIZE : static_cast<std::size_t>(std::countr_zero(bytes)) / 2;
+    }
+
+private:
+    int places_of(char16_t wanted) const
+    {
+        return _mm_movemask_epi8(
+            _mm_cmpeq_epi16(units_, _mm_set1_epi16(static_cast<short>(wanted))));
+    }
+
+    __m128i units_;
+};
+#else
+/// One unit where the processor has no instructions for more.
+class unit_block_t {
+public:
+    static constexpr std::size_t SIZE = 1;
+
+    explicit unit_block_t(const char16_t* units) : unit_(*units) {}
+
+    void store(char16_t* out) const { *out = unit_; }
+
+    template <class... Units>
+    std::size_t find(Units... wanted) const
+    {
+        return ((unit_ == wanted) || ...) ? 0 : SIZE;
+    }
+
+private:
+    char16_t unit_;
+};
+#endif
+
+/// @return where `unit` stands first at or after `from`; npos when it does not
+inline std::size_t find_unit(std::u16string_view text, char16_t unit, std::size_t from = 0)
+{
+    std::size_t at = from;
+    for (; at + unit_block_t::SIZE <= text.size(); at += unit_block_t::SIZE) {
+        const std::size_t place = unit_block_t(text.data() + at).find(unit);
+        if (place != unit_block_t::SIZE)
+            return at + place;
+    }
+    for (; at < text.size(); ++at)
+        if (text[at] == unit)
+            return at;
+    return std::u16string_view::npos;
+}
+
+/// Copies the units of [in, end) in front of the first that is one of `stops`, or all. May write,
+/// but not past end - in units, behind what it copies.
+/// @param in   moved to where the copying ended
+/// @return     where the copy ends
+template <class... Units>
+char16_t* copy_until(const char16_t*& in, const char16_t* end, char16_t* out, Units... stops)
+{
+    while (static_cast<std::size_t>(end - in) >= unit_block_t::SIZE) {
+        const unit_block_t block(in);
+        block.store(out);
+        const std::size_t copied = block.find(stops...);
+        in += copied;
+        out += copied;
+        if (copied != unit_block_t::SIZE)
+            return out;
+    }
+    while (in != end && ((*in != stops) && ...))
+        *out++ = *in++;
+    return out;
+}
+
+}  // namespace Kvl
+
+#endif

@@ -1,0 +1,87 @@
+// The tables behind the vocabulary of selectors.
+
+#include "selector_impl.h"
+
+#include "support/all_texts.h"
+#include "support/text.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Kvl::Selector;
+using Kvl::UString;
+using namespace Kvl::SelectorImpl;
+
+TEST(SelectorMaps, HoldEveryTextOnceBothWays)
+{
+    ASSERT_EQ(g_namespace_id_map.values.size(), 52u);
+    for (const auto& [text, ns] : g_namespace_id_map.values) {
+        EXPECT_EQ(g_namespace_id_map.texts[ns], text);
+        EXPECT_EQ(&Selector::namespace_string(ns), &g_namespace_id_map.texts[ns]);
+    }
+    ASSERT_EQ(g_provider_domain_string.values.size(), 4u);
+    for (const auto& [text, domain] : g_provider_domain_string.values)
+        EXPECT_EQ(g_provider_domain_string.texts[domain], text);
+}
+
+TEST(SelectorMaps, AreOrderedByText)
+{
+    EXPECT_EQ(g_namespace_id_map.values.begin()->first, ustr("DEFAULT"));
+    EXPECT_EQ(g_namespace_id_map.values.rbegin()->first, ustr("workspace"));
+}
+
+TEST(SelectorMaps, AreSearchedExactly)
+{
+    EXPECT_EQ(g_namespace_id_map.values.at(ustr("repo")), 38);
+    EXPECT_EQ(g_namespace_id_map.values.count(ustr("Repo")), 0u);
+    EXPECT_EQ(g_namespace_id_map.values.count(ustr("default")), 0u);
+    EXPECT_EQ(g_namespace_id_map.values.count(ustr("")), 0u);
+    EXPECT_EQ(g_provider_domain_string.values.at(ustr("")), 3);
+    EXPECT_EQ(g_provider_domain_string.values.at(ustr("<invalid>")), 2);
+    EXPECT_EQ(g_provider_domain_string.values.count(ustr("VD")), 0u);
+}
+
+template <class Values, class Found>
+void expect_same(const Values& values, const UString& text, const Found* found)
+{
+    const auto in_map = values.find(text);
+    ASSERT_EQ(found != nullptr, in_map != values.end()) << text.utf8_str();
+    if (found != nullptr) {
+        EXPECT_EQ(*found, in_map->second);
+    }
+}
+
+void expect_same(const std::u16string& text)
+{
+    const UString key(text);
+    expect_same(g_namespace_id_map.values, key, find_namespace(text));
+    expect_same(g_provider_domain_string.values, key, find_domain(text));
+}
+
+// Each text, and what differs from it in one place: the hash looks at three.
+TEST(SelectorMaps, AreSearchedWithTheSameResultByTheParser)
+{
+    expect_same(u"");
+    std::vector<std::u16string> texts;
+    for (const auto& [text, value] : g_namespace_id_map.values)
+        texts.push_back(units_of(text));
+    for (const auto& [text, value] : g_provider_domain_string.values)
+        texts.push_back(units_of(text));
+    for (const auto& text : texts) {
+        expect_same(text);
+        expect_same(text + u"x");
+        expect_same(text.substr(0, text.size() - 1));
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            for (const char16_t unit : {u'x', u'A', char16_t(0), char16_t(text[i] + 0x100)}) {
+                std::u16string other = text;
+                other[i] = unit;
+                expect_same(other);
+            }
+        }
+    }
+    for_each_text({u"a", u"e", u"f", u"i", u"l", u"o", u"v", u"d", u"b"}, 4,
+                  [](const UString& text) { expect_same(units_of(text)); });
+}
+
+}  // namespace
