@@ -64,9 +64,10 @@ constexpr std::array<family_t, 256> families()
     return table;
 }
 
+constexpr auto FAMILIES = families();
+
 constexpr family_t family_of(char letter)
 {
-    constexpr auto FAMILIES = families();
     return FAMILIES[static_cast<unsigned char>(letter)];
 }
 
@@ -123,6 +124,12 @@ std::string_view read_length(const char*& at)
     if (at != begin && (*begin == 'h' || *begin == 'l') && *at == *begin)
         ++at;
     return {begin, static_cast<std::size_t>(at - begin)};
+}
+
+/// Whether a conversion is nothing but its letter, as nearly all are.
+bool is_bare(char letter)
+{
+    return family_of(letter) != family_t::NONE && letter != 'C' && letter != 'S';
 }
 
 /// Reads a conversion.
@@ -247,19 +254,28 @@ bool conversion_agrees(const conversion_t& c, cursor_t& cursor)
            reads(family_of(c.letter), cursor.take(c.argument).held);
 }
 
+/// Passes over a conversion.
+/// @param at  points behind the "%"
+/// @return    points behind the letter; null when it is no conversion, or one that does not agree
+const char* conversion_if_it_agrees(const char* at, cursor_t& cursor)
+{
+    if (*at == '%')
+        return at + 1;
+    if (is_bare(*at))
+        return reads(family_of(*at), cursor.take(0).held) ? at + 1 : nullptr;
+    conversion_t c;
+    at = read_conversion(at, c);
+    return at != nullptr && conversion_agrees(c, cursor) ? at : nullptr;
+}
+
 }  // namespace
 
 bool agrees(const char* format, std::span<const argument_t> args, std::size_t& records)
 {
     cursor_t cursor(args);
     for (const char* at = format; (at = std::strchr(at, '%')) != nullptr;) {
-        if (*++at == '%') {
-            ++at;
-            continue;
-        }
-        conversion_t c;
-        at = read_conversion(at, c);
-        if (at == nullptr || !conversion_agrees(c, cursor))
+        at = conversion_if_it_agrees(at + 1, cursor);
+        if (at == nullptr)
             return false;
     }
     records = std::max(args.size(), cursor.taken());
