@@ -34,7 +34,11 @@ using Arg = UMessage::Arg;
 class File : public Resource {
 public:
     explicit File(std::string name) : name_(std::move(name)) { ++alive; }
-    File(const File& o) : Resource(o), name_(o.name_) { ++alive; }
+    File(const File& o) : Resource(o), name_(o.name_)
+    {
+        ++alive;
+        ++times_copied;
+    }
     ~File() override { --alive; }
     Resource* do_clone() const override { return new File(*this); }
     UString text() const override
@@ -44,12 +48,14 @@ public:
     }
 
     static int alive;
+    static int times_copied;
     static thread_local int times_asked;
 
 private:
     std::string name_;
 };
 int File::alive = 0;
+int File::times_copied = 0;
 thread_local int File::times_asked = 0;
 
 class Nothing : public Resource {
@@ -504,6 +510,29 @@ TEST(UMessage, KeepsTextsOfItsOwn)
     EXPECT_EQ(assigned.message_string(), copy.message_string());
 }
 
+TEST(UMessage, TakesTemporaryArgumentsAndCopiesOthers)
+{
+    File::times_copied = 0;
+    const UMessage one(kvutil, 13, File("a"));
+    EXPECT_EQ(File::times_copied, 1);  // the argument's own
+    const UMessage two(kvutil, 12, File("a"), File("b"));
+    EXPECT_EQ(File::times_copied, 3);
+    const UMessage three(kvutil, 3, File("a"), Arg(), File("c"));
+    EXPECT_EQ(File::times_copied, 5);
+    EXPECT_EQ(three.arguments().size(), 2u);
+    EXPECT_EQ(text_in(three.arguments()[1]), "c");
+    const Arg lasting(File("a"));
+    File::times_copied = 0;
+    const UMessage copied(kvutil, 12, lasting, "b");
+    EXPECT_EQ(File::times_copied, 1);
+    EXPECT_EQ(text_in(lasting), "a");
+    Arg given(File("a"));
+    const UMessage taken(kvutil, 13, std::move(given));
+    EXPECT_EQ(given.kind(), 0);
+    EXPECT_EQ(text_in(taken.arguments()[0]), "a");
+    EXPECT_TRUE(UMessage(kvutil, 13, Arg()).arguments().empty());
+}
+
 TEST(UMessage, CanBeAssignedItself)
 {
     UMessage message(kvutil, 13, "a");
@@ -528,11 +557,12 @@ TEST(UMessage, MovesLeaveTheNilMessage)
 
 TEST(UMessage, AssignmentThatThrowsChangesNothing)
 {
-    const UMessage source(kvutil, 12, "first", Uncopyable(2));
+    const UMessage source(kvutil, 12, "first", Uncopyable(1));
     UMessage target(kvutil, 13, "kept");
     EXPECT_THROW(target = source, std::runtime_error);
     EXPECT_EQ(target.message_string(), ustr("PLXSV0663E Invalid escape sequence in URI 'kept'"));
-    EXPECT_THROW(UMessage(kvutil, 12, "first", Uncopyable(1)), std::runtime_error);
+    const Arg uncopyable{Uncopyable(1)};
+    EXPECT_THROW(UMessage(kvutil, 12, "first", uncopyable), std::runtime_error);
 }
 
 TEST(UMessage, AssignmentWithoutMemoryChangesNothing)

@@ -281,6 +281,12 @@ public:
              const Arg& a7 = Arg::nil, const Arg& a8 = Arg::nil, const Arg& a9 = Arg::nil,
              const Arg& a10 = Arg::nil);
 
+    /// The same, without the copies, when every argument is a temporary: `UMessage(kvutil, 15,
+    /// path, reason)` makes its two arguments once.
+    UMessage(const char** catalogue, int index, Arg&& a1);
+    UMessage(const char** catalogue, int index, Arg&& a1, Arg&& a2);
+    UMessage(const char** catalogue, int index, Arg&& a1, Arg&& a2, Arg&& a3);
+
     /// Copies the arguments deeply.
     /// @param o  the message to copy
     /// @throws std::bad_alloc  no memory for the copies; also whatever Resource::do_clone() throws

@@ -307,8 +307,7 @@ namespace {
 
 constexpr std::size_t MAX_ARGUMENTS = 10;
 
-std::vector<UMessage::Arg> present(std::size_t room,
-                                   std::initializer_list<const UMessage::Arg*> all)
+std::vector<UMessage::Arg> copies(std::size_t room, std::initializer_list<const UMessage::Arg*> all)
 {
     std::vector<UMessage::Arg> kept;
     kept.reserve(room);
@@ -319,12 +318,23 @@ std::vector<UMessage::Arg> present(std::size_t room,
     return kept;
 }
 
+std::vector<UMessage::Arg> moved(std::initializer_list<UMessage::Arg*> all)
+{
+    std::vector<UMessage::Arg> kept;
+    kept.reserve(all.size());
+    for (UMessage::Arg* arg : all) {
+        if (arg->kind() != 0)
+            kept.push_back(std::move(*arg));
+    }
+    return kept;
+}
+
 }  // namespace
 
 UMessage::UMessage() : catalogue_(nullptr), index_(-1) {}
 
 UMessage::UMessage(const char** catalogue, int index, const Arg& a1, const Arg& a2)
-    : catalogue_(catalogue), index_(index), arguments_(present(2, {&a1, &a2}))
+    : catalogue_(catalogue), index_(index), arguments_(copies(2, {&a1, &a2}))
 {
 }
 
@@ -332,7 +342,22 @@ UMessage::UMessage(const char** catalogue, int index, const Arg& a1, const Arg& 
                    const Arg& a4, const Arg& a5, const Arg& a6, const Arg& a7, const Arg& a8,
                    const Arg& a9, const Arg& a10)
     : catalogue_(catalogue), index_(index),
-      arguments_(present(MAX_ARGUMENTS, {&a1, &a2, &a3, &a4, &a5, &a6, &a7, &a8, &a9, &a10}))
+      arguments_(copies(MAX_ARGUMENTS, {&a1, &a2, &a3, &a4, &a5, &a6, &a7, &a8, &a9, &a10}))
+{
+}
+
+UMessage::UMessage(const char** catalogue, int index, Arg&& a1)
+    : catalogue_(catalogue), index_(index), arguments_(moved({&a1}))
+{
+}
+
+UMessage::UMessage(const char** catalogue, int index, Arg&& a1, Arg&& a2)
+    : catalogue_(catalogue), index_(index), arguments_(moved({&a1, &a2}))
+{
+}
+
+UMessage::UMessage(const char** catalogue, int index, Arg&& a1, Arg&& a2, Arg&& a3)
+    : catalogue_(catalogue), index_(index), arguments_(moved({&a1, &a2, &a3}))
 {
 }
 
