@@ -430,6 +430,8 @@ TEST_F(QmLoggerTest, WritesItsLevelsFromTheThresholdUp)
 TEST_F(QmLoggerTest, WritesTimeLevelNameProcessThreadAndText)
 {
     using namespace std::chrono;
+    setenv("TZ", "Asia/Kathmandu", 1);  // 5:45 h from UTC, in which lines are
+    tzset();
     QmLogger* const logger = initialize()->logger("Kvl");
     const auto before = floor<microseconds>(system_clock::now());
     logger->warning("PLXSV0651E text", 0);

@@ -1,17 +1,29 @@
 #include <qmlogger/qmlogger.h>
 
+#include "support/memory_fault.h"
+#include "support/small_stack.h"
+
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <limits>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
+namespace fs = std::filesystem;
 using Log::QmMsg;
 
 cxPrintfArgVal integer(long long i)
@@ -106,6 +118,114 @@ TEST(CatalogueLookup, LeavesErrnoAlone)
     errno = 4711;
     lookup({"never-seen-before 1", "text"}, 1);
     EXPECT_EQ(errno, 4711);
+}
+
+// -- translations ---------------------------------------------------------------------------------
+
+/// A directory with message catalogues of the C library; NLSPATH names it.
+class translations_t {
+public:
+    translations_t()
+    {
+        std::string pattern = (fs::temp_directory_path() / "qmmsg_test.XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr)
+            throw std::runtime_error("no directory");
+        directory_ = pattern;
+        setenv("NLSPATH", (pattern + "/%N.cat").c_str(), 1);
+    }
+    ~translations_t()
+    {
+        unsetenv("NLSPATH");
+        fs::remove_all(directory_);
+    }
+    translations_t(const translations_t&) = delete;
+    translations_t& operator=(const translations_t&) = delete;
+
+    void add(const std::string& name, const std::string& source) const
+    {
+        const auto source_file = (directory_ / (name + ".msg")).string();
+        std::ofstream(source_file) << source;
+        const std::string command =
+            "gencat '" + (directory_ / (name + ".cat")).string() + "' '" + source_file + "'";
+        if (std::system(command.c_str()) != 0)
+            throw std::runtime_error("gencat failed");
+    }
+
+private:
+    fs::path directory_;
+};
+
+TEST(CatalogueTranslation, TakesThePlaceOfTheText)
+{
+    const translations_t translations;
+    translations.add("translated", "$set 1\n1 eins\n3 drei: %s\n$set 2\n2 other set\n");
+    const char* catalogue[] = {"translated 3", "one", "two", "three: %s"};
+    EXPECT_STREQ(QmMsg::format(catalogue, 1, nullptr), "eins");
+    EXPECT_EQ(QmMsg::format(catalogue, 2, nullptr), catalogue[2]) << "not in the translation";
+    EXPECT_STREQ(QmMsg::format(catalogue, 3, nullptr), "drei: %s");
+    EXPECT_EQ(QmMsg::format(catalogue, 4, nullptr), nullptr) << "beyond the count";
+}
+
+TEST(CatalogueTranslation, IsLookedForOnce)
+{
+    const translations_t translations;
+    const char* catalogue[] = {"too-late 1", "one"};
+    EXPECT_STREQ(QmMsg::format(catalogue, 1, nullptr), "one");
+    translations.add("too-late", "$set 1\n1 eins\n");
+    EXPECT_STREQ(QmMsg::format(catalogue, 1, nullptr), "one");
+}
+
+TEST(CatalogueTranslation, IsFoundByNameWhateverTheArray)
+{
+    const translations_t translations;
+    translations.add("shared-name", "$set 1\n1 eins\n");
+    for (const char* text : {"one", "another"})
+        EXPECT_STREQ(lookup({"shared-name 1", text}, 1), "eins");
+}
+
+TEST(CatalogueTranslation, IsNoFileThatTheHeaderNames)
+{
+    const translations_t translations;
+    translations.add("by-path", "$set 1\n1 eins\n");
+    const std::string path = std::string(getenv("NLSPATH"));
+    const std::string header = path.substr(0, path.size() - 6) + "by-path.cat 1";
+    EXPECT_STREQ(lookup({header.c_str(), "one"}, 1), "one");
+}
+
+TEST(CatalogueTranslation, IsNotLookedForBeyondTheLimitsOfNamesAndNumber)
+{
+    const translations_t translations;
+    const std::string longest(63, 'x');
+    translations.add(longest, "$set 1\n1 eins\n");
+    translations.add(longest + "x", "$set 1\n1 eins\n");
+    EXPECT_STREQ(lookup({(longest + " 1").c_str(), "one"}, 1), "eins");
+    EXPECT_STREQ(lookup({(longest + "x 1").c_str(), "one"}, 1), "one");
+    const pid_t pid = fork();  // what follows fills the table
+    if (pid == 0) {
+        for (int i = 0; i < 100; ++i)
+            lookup({("filler" + std::to_string(i) + " 1").c_str(), "one"}, 1);
+        translations.add("beyond", "$set 1\n1 eins\n");
+        const bool is_plain = std::strcmp(lookup({"beyond 1", "one"}, 1), "one") == 0;
+        const bool is_kept = std::strcmp(lookup({(longest + " 1").c_str(), "one"}, 1), "eins") == 0;
+        _exit(is_plain && is_kept ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(CatalogueTranslation, IsLookedForByManyThreadsAtOnce)
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([] {
+            for (int i = 0; i < 20; ++i) {
+                const std::string header = "threads" + std::to_string(i) + " 1";
+                EXPECT_STREQ(lookup({header.c_str(), "one"}, 1), "one");
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
 }
 
 // -- filling --------------------------------------------------------------------------------------
@@ -359,6 +479,131 @@ TEST(MessageFormat, AResultIsValidUntilTheNextCallOfItsThread)
     const char* const result = QmMsg::format("mine", nullptr);
     std::thread([] { filled("another thread's"); }).join();
     EXPECT_STREQ(result, "mine");
+}
+
+TEST(MessageFormat, ResultsSurviveTheDestructorsOfAThread)
+{
+    struct formats_when_destroyed_t {
+        ~formats_when_destroyed_t() { *result = filled("%s", {text("late")}); }
+        std::string* result;
+    };
+    std::string result;
+    std::thread([&] {
+        thread_local formats_when_destroyed_t late{&result};
+        EXPECT_EQ(late.result, &result);
+        filled("early");
+    }).join();
+    EXPECT_EQ(result, "late");
+}
+
+TEST(MessageFormat, NeedsLittleStack)
+{
+    const std::string percents(1 << 20, '%');
+    const std::string texts = [] {
+        std::string format;
+        for (int i = 0; i < 10'000; ++i)
+            format += "%1$s";
+        return format;
+    }();
+    std::string half, most, digits;
+    on_small_stack([&] {
+        half = filled(percents.c_str());
+        filled(texts.c_str(), {text("text")});
+        most = filled("%65535.65535f", {floating(std::numeric_limits<long double>::max())});
+        digits = filled("%.65535Lf%.65535Le%.65535La%.65535Lg",
+                        std::vector<cxPrintfArgVal>(
+                            4, floating(std::numeric_limits<long double>::denorm_min())));
+    });
+    EXPECT_EQ(half, std::string(1 << 19, '%'));
+    EXPECT_EQ(most.size(), 4933u + 1 + 65'535);  // the digits of the largest value, and zeros
+    EXPECT_EQ(digits.substr(0, 4), "0.00");
+}
+
+TEST(MessageFormat, TakesTimeInProportionToTheFormat)
+{
+    for (const char* piece : {"%", "%%", "%5", "%1$", "%s", "%.*", "%99999999999999999"}) {
+        std::string format;
+        while (format.size() < (1 << 20))
+            format += piece;
+        const auto start = std::chrono::steady_clock::now();
+        QmMsg::format(format.c_str(), nullptr);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << piece;
+    }
+}
+
+TEST(MessageFormat, ThrowsBadAllocAndKeepsThePreviousResult)
+{
+    std::thread([] {  // a thread without buffers yet
+        const std::string large(100'000, 'x');
+        const char* const previous = QmMsg::format("previous", nullptr);
+        cxPrintfArgVal records[] = {text(large.c_str()), floating(1)};
+        const char* result = nullptr;
+        const int faults =
+            for_each_memory_fault([&] { result = QmMsg::format("%s%.3000f", records); },
+                                  [&] { EXPECT_STREQ(previous, "previous"); });
+        EXPECT_GT(faults, 1);
+        EXPECT_EQ(std::strlen(result), large.size() + 3002);
+    })
+        .join();
+}
+
+TEST(MessageFormat, KeepsNoMoreThanAModestBufferPerThread)
+{
+    const std::string large(1'000'000, 'x');
+    for (int i = 0; i < 2; ++i)
+        filled("%s", {text(large.c_str())});
+    const auto before = allocations_of_this_thread();
+    QmMsg::format("x", nullptr);
+    QmMsg::format("x", nullptr);
+    EXPECT_EQ(allocations_of_this_thread() - before, 2u) << "large buffers were given up";
+    QmMsg::format("x", nullptr);
+    QmMsg::format("x", nullptr);
+    EXPECT_EQ(allocations_of_this_thread() - before, 2u) << "small ones are kept";
+}
+
+/// A locale that writes numbers as "1.234,5", made for the test, while it lives.
+class comma_locale {
+public:
+    comma_locale()
+    {
+        std::string pattern = (fs::temp_directory_path() / "qmmsg_test.XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr)
+            throw std::runtime_error("no directory");
+        directory_ = pattern;
+        std::ofstream(directory_ / "source") << "LC_NUMERIC\n"
+                                                "decimal_point \",\"\n"
+                                                "thousands_sep \".\"\n"
+                                                "grouping 3;3\n"
+                                                "END LC_NUMERIC\n";
+        const std::string command = "localedef --no-archive -c -i '" + pattern + "/source' -f " +
+                                    "ANSI_X3.4-1968 '" + pattern + "/comma' 2>/dev/null";
+        setenv("LOCPATH", pattern.c_str(), 1);
+        is_set = std::system(command.c_str()) != -1 && setlocale(LC_ALL, "comma") != nullptr;
+    }
+    ~comma_locale()
+    {
+        setlocale(LC_ALL, "C");
+        unsetenv("LOCPATH");
+        fs::remove_all(directory_);
+    }
+    comma_locale(const comma_locale&) = delete;
+    comma_locale& operator=(const comma_locale&) = delete;
+
+    bool is_set = false;
+
+private:
+    fs::path directory_;
+};
+
+TEST(MessageFormat, LocaleChangesTheDecimalPointOnly)
+{
+    const comma_locale locale;
+    if (!locale.is_set)
+        GTEST_SKIP() << "no locale can be made here";
+    ASSERT_EQ(printed("%'d %.1f", 1234567, 0.5), "1.234.567 0,5") << "the C library follows it";
+    EXPECT_EQ(filled("%'d %'u %'.3f %s",
+                     {integer(1234567), integer(1234567), floating(1234567), text("\u00C4")}),
+              "1234567 1234567 1234567,000 \u00C4");
 }
 
 }  // namespace

@@ -1,17 +1,17 @@
 # usage: cmake -DNM=<nm> -DLIBRARY=<libkvutil.so> -P check_interface.cmake
-# Fails when the library needs anything of the logging library besides its three functions.
+# Fails unless what the library needs of the logging library is the three functions of its interface.
 execute_process(COMMAND ${NM} --dynamic --undefined-only --demangle ${LIBRARY}
   OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
-string(REGEX MATCHALL "U [^\n]*Log::[^\n]*" needed "${symbols}")
-set(problems "")
-foreach(symbol IN LISTS needed)
-  if(NOT symbol MATCHES "^U Log::(QmMsg::format|QmLogManager::initialize)[(]")
-    string(APPEND problems "  ${symbol}\n")
-  endif()
-endforeach()
-if(NOT needed MATCHES "Log::QmLogManager::initialize")
-  string(APPEND problems "  QmLogManager::initialize is not needed: ${needed}\n")
-endif()
-if(problems)
-  message(FATAL_ERROR "The library needs other symbols of the logging library:\n${problems}")
+string(REGEX MATCHALL "Log::[A-Za-z]+::[^\n]*" needed "${symbols}")
+set(string "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> > const&")
+set(interface
+  "Log::QmLogManager::initialize(${string}, ${string}, ${string}, int, ${string})"
+  "Log::QmMsg::format(char const**, int, char const*)"
+  "Log::QmMsg::format(char const*, cxPrintfArgVal*)")
+list(SORT interface)
+list(SORT needed)
+list(JOIN needed "\n  " found)
+list(JOIN interface "\n  " expected)
+if(NOT found STREQUAL expected)
+  message(FATAL_ERROR "needed:\n  ${found}\nexpected:\n  ${expected}")
 endif()
