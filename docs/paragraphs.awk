@@ -1,6 +1,7 @@
 # Filters a header for Doxygen, which takes a comment for the one declaration after it. In our headers
 # a comment covers the paragraph of declarations under it, and that of a group every member: here each
-# further declaration gets the comment's text, up to its first command. Lines keep their numbers.
+# further declaration gets the comment's text, up to its first command. What the compiler generates
+# needs no words. Lines keep their numbers.
 
 function starts_declaration() {
     return covered && text != "" && !open && !in_body
@@ -43,6 +44,8 @@ function starts_declaration() {
         print
     } else if (starts_declaration()) {
         print "/**" text " */ " $0
+    } else if ($0 ~ /= default;$/) {
+        print ""
     } else {
         print
     }

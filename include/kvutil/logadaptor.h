@@ -36,7 +36,7 @@ public:
     ///          throws.
     static QmLogManager* get_log_manager() noexcept;
 
-    static QmLogManager* log_manager;
+    static QmLogManager* log_manager;  ///< what get_log_manager() returns
     static QmLogger*
         logger_stprpc;              ///< "StpRpc", for protocol-level components outside the library
     static QmLogger* logger_kvl;    ///< "Kvl", the library's own; STPException::log() writes to it

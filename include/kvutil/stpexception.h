@@ -33,6 +33,7 @@ typedef int stp_log_level_t;
 /// Distinct objects may be used at once, and one object may be read by several threads.
 class KVUTIL_EXPORT STPException {
 public:
+    /// Either spelling works.
     typedef Kvl::stp_reason_code_t stp_reason_code_t;
     typedef Kvl::stp_log_level_t stp_log_level_t;
 

@@ -210,6 +210,7 @@ public:
         arg_union_t value_;
         mutable std::unique_ptr<std::string> printed_text_;  // kind 9: handed out last
     };
+    /// Either spelling works.
     typedef Arg::arg_union_t arg_union_t;
 
     /// A sequence of messages.
@@ -217,10 +218,13 @@ public:
     /// As std::vector: distinct sequences may be used at once, and one may be read by many.
     class KVUTIL_EXPORT collection_t {
     public:
+        /// As std::vector has them.
         typedef UMessage value_type;
         typedef std::vector<UMessage>::iterator iterator;
         typedef std::vector<UMessage>::const_iterator const_iterator;
 
+        /// Empty at first; copies are deep.
+        /// @throws std::bad_alloc  no memory for a copy; a target is unchanged
         collection_t();
         collection_t(const collection_t& o);
         collection_t(collection_t&& o) noexcept;
@@ -228,20 +232,24 @@ public:
         collection_t& operator=(collection_t&& o) noexcept;
         ~collection_t();
 
+        /// The messages in order. Never throw.
         iterator begin();
         iterator end();
         const_iterator begin() const;
         const_iterator end() const;
 
-        /// @return  the number of messages
+        /// How many messages there are.
+        /// @return  their number, or whether there is none
         unsigned int size() const;
         bool empty() const;
 
+        /// One message.
         /// @param i  position from 0; not checked, so it must be below size()
         /// @return   the message there
         UMessage& operator[](unsigned int i);
         const UMessage& operator[](unsigned int i) const;
 
+        /// Removes all messages. Never throws.
         void clear();
 
         /// @param n  number of messages to make room for

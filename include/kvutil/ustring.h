@@ -25,6 +25,7 @@ class KVUTIL_EXPORT Utf8String : public std::string {
 public:
     using std::string::string;
     Utf8String() = default;
+    /// Takes the bytes as they are.
     Utf8String(const std::string& s) : std::string(s) {}
     Utf8String(std::string&& s) noexcept : std::string(std::move(s)) {}
 };
@@ -203,8 +204,8 @@ public:
     /// @param failed   set to whether there is no such charset
     UString& assign(const std::string& bytes, const char* charset, bool& failed);
 
+    /// Adds at the end. A pointer is to a zero-terminated text.
     UString& append(unsigned short ch);
-    /// @param s  zero-terminated
     UString& append(const unsigned short* s);
     UString& append(const UString& s);
 
@@ -361,6 +362,7 @@ namespace std {
 /// Equal texts have equal values.
 template <>
 struct hash<Kvl::UString> {
+    /// Never throws.
     size_t operator()(const Kvl::UString& s) const { return static_cast<size_t>(s.hashCode()); }
 };
 }  // namespace std

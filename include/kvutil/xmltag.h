@@ -58,6 +58,7 @@ public:
 
     /// Orders namespaces by URI, the order of g_sorted_namespace_vector. Never throws.
     struct KVUTIL_EXPORT CompareNamespacePtr {
+        /// Whether the first URI comes before the second.
         bool operator()(const Namespace* a, const Namespace* b) const;
         bool operator()(const Namespace* a, const UString& uri) const;
         bool operator()(const UString& uri, const Namespace* b) const;
@@ -86,6 +87,7 @@ public:
     /// @throws std::bad_alloc  no namespace was created
     XmlTag(const UString& ns_uri, const UString& name);
 
+    /// Namespace, name and Id; a copy is not registered in its own right.
     XmlTag(const XmlTag& o);
     XmlTag(XmlTag&& o) noexcept;
     XmlTag& operator=(const XmlTag& o);
@@ -204,6 +206,7 @@ namespace XmlTagImpl {
 
 /// Orders tags by local name, the order of XmlTag::Namespace::wk_tags. Never throws.
 struct KVUTIL_EXPORT CompareXmlTagSimpleName {
+    /// Whether the first name comes before the second.
     bool operator()(const XmlTag* a, const XmlTag* b) const;
     bool operator()(const XmlTag* a, const UString& name) const;
     bool operator()(const UString& name, const XmlTag* b) const;

@@ -4,6 +4,7 @@
 /// @file
 /// Visibility of the logging library's symbols. Everything is hidden unless marked.
 
+/// Marks a class, function or variable that callers may use.
 #define QMLOGGER_EXPORT __attribute__((visibility("default")))
 
 #endif
