@@ -684,18 +684,19 @@ TEST(XmlTagMemoryFault, RegistersATagWhollyOrNotAtAll)
                                       ASSERT_EQ(tag.id(), 0);
                                       ASSERT_THROW(XmlTag::lookup(next), Kvl::IllegalArgException);
                                   });
-        ASSERT_GE(n, 2);
+        ASSERT_GE(n, 1);  // the map's node at least
         faults += n;
         ASSERT_EQ(tag.id(), next);
         ASSERT_EQ(XmlTag::lookup(next), ns.tags.at(name));
         ASSERT_EQ(XmlTag::lookup(8, name)->id(), next);
     }
     EXPECT_EQ(XmlTag::g_num_defined_tags, first + 400);
-    EXPECT_GT(faults, 800);  // some registrations had more to allocate than tag and map node
+    EXPECT_GT(faults, 400);  // some registrations had more to allocate
 }
 
 TEST(XmlTagMemoryFault, CreatesANamespaceWhollyOrNotAtAll)
 {
+    int faults = 0;
     for (int i = 0; i < 200; ++i) {
         const UString uri = fresh_uri();
         const std::size_t sorted = XmlTag::g_sorted_namespace_vector->size();
@@ -708,11 +709,13 @@ TEST(XmlTagMemoryFault, CreatesANamespaceWhollyOrNotAtAll)
                                       ASSERT_EQ(XmlTag::g_nsid_to_namespace_map->size(), by_number);
                                       ASSERT_THROW(XmlTag::ns_URI(next), Kvl::IllegalArgException);
                                   });
-        ASSERT_GE(n, 1);
+        ASSERT_GE(n, 0);
+        faults += n;
         ASSERT_EQ(XmlTag::ns_URI(next), uri);
         ASSERT_EQ(XmlTag(uri, UString()).ns_id(), next);
         ASSERT_EQ(XmlTag::g_sorted_namespace_vector->size(), sorted + 1);
     }
+    EXPECT_GT(faults, 5);  // room for several is made at once
 }
 
 TEST(XmlTagMemoryFault, ReachesTheCallerOfTheTextForms)
@@ -738,7 +741,6 @@ TEST(XmlTagIdToTagMap, KeepsEntriesWhereTheyAre)
     for (XmlTag::Id id = 1155; id < 1155 + 20000; ++id) {
         ASSERT_EQ(&map[id], entries[static_cast<std::size_t>(id - 1155)]);
         ASSERT_EQ(map[id], XmlTag::lookup(id % 100));
-        ASSERT_EQ(map.find(id), map[id]);
     }
 }
 

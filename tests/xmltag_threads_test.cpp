@@ -16,18 +16,6 @@
 #include <thread>
 #include <vector>
 
-// clang's ThreadSanitizer brings its own operator new and admits no other.
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define KVUTIL_TEST_OWN_NEW 0
-#endif
-#endif
-#ifndef KVUTIL_TEST_OWN_NEW
-#define KVUTIL_TEST_OWN_NEW 1
-#endif
-
-#if KVUTIL_TEST_OWN_NEW
-
 namespace {
 
 /// While set, the next allocation of the thread reports itself and waits: a registration can be
@@ -81,8 +69,6 @@ void operator delete[](void* memory, std::size_t) noexcept
 {
     std::free(memory);
 }
-
-#endif
 
 namespace {
 
@@ -184,7 +170,6 @@ TEST(XmlTagThreads, ReadTagsByIdWhileOthersRegister)
     reader.join();
 }
 
-#if KVUTIL_TEST_OWN_NEW
 TEST(XmlTagThreads, DoNotWaitForARegistrationToLookUpWhatIsKnown)
 {
     const UString name = ustr("known");
@@ -208,7 +193,6 @@ TEST(XmlTagThreads, DoNotWaitForARegistrationToLookUpWhatIsKnown)
     stop.go_on.set_value();
     registering.join();
 }
-#endif
 
 /// Whether every run-time tag can be found by Id and by name, and every map agrees.
 bool registry_is_whole()

@@ -4,6 +4,7 @@
 #include <kvutil/export.h>
 #include <kvutil/ustring.h>
 
+#include <atomic>
 #include <map>
 #include <vector>
 
@@ -95,19 +96,19 @@ public:
     ~XmlTag();
 
     /// @return the namespace URI; empty for a tag without a namespace. Never throws.
-    const UString& ns() const;
+    const UString& ns() const { return ns_ != nullptr ? ns_->uri : EMPTY_NS_PREFIX; }
 
     /// @return the namespace's number; -1 for a tag without a namespace. Never throws.
-    NsId ns_id() const;
+    NsId ns_id() const { return ns_ != nullptr ? ns_->id : -1; }
 
     /// @return whether the tag has one of the 21 well-known namespaces. Never throws.
-    bool is_well_known_namespace() const;
+    bool is_well_known_namespace() const { return ns_ != nullptr && ns_->id < NUM_WK_NAMESPACES; }
 
     /// @return the local name. Never throws.
-    const UString& simple_name() const;
+    const UString& simple_name() const { return simple_name_; }
 
     /// @return the Id; 0 for the nil tag and for tags that are not registered. Never throws.
-    Id id() const;
+    Id id() const { return id_; }
 
     /// The URI, "/" and the local name; "<nil-tag>" when the Id is 0. A tag that has an Id but no
     /// namespace gives "/" and its local name.
@@ -133,7 +134,11 @@ public:
     /// @throws IllegalArgException  PLXSV0655E: `id` is negative, or 1155 or above and not yet
     ///                              assigned
     /// @throws StateException       PLXSV0653E: `id` is one of the fixed numbers that no tag has
-    static const XmlTag* lookup(Id id);
+    static const XmlTag* lookup(Id id)
+    {
+        const XmlTag* const wk = id >= 0 && id < NUM_WK_IDS ? lookup_table[id] : nullptr;
+        return wk != nullptr ? wk : lookup_run_time(id);
+    }
 
     /// The tag with a name, registered now when it is new.
     /// @param nsid  an existing namespace
@@ -196,6 +201,10 @@ public:
 private:
     friend struct XmlTagImpl::tag_access_t;
     XmlTag(Namespace* ns, const char16_t* simple_name, int length_units, Id id) noexcept;
+    static const XmlTag* lookup_run_time(Id id);
+
+    // The well-known tags by Id; null where an Id is not assigned. Constant after load.
+    static const XmlTag* lookup_table[NUM_WK_IDS];
 
     Namespace* ns_;
     UString simple_name_;
@@ -215,7 +224,7 @@ struct KVUTIL_EXPORT CompareXmlTagSimpleName {
 /// Run-time tags by Id: a list of chunks of 128 entries that never move, so that a reference to an
 /// entry stays valid. The tags are not owned.
 /// @par Thread-safety
-/// One thread at a time may use operator[]. Entries may be read meanwhile through find().
+/// As any container: one thread at a time.
 class KVUTIL_EXPORT IdToTagMap {
 public:
     constexpr IdToTagMap() noexcept = default;
@@ -230,18 +239,16 @@ public:
     /// @throws std::bad_alloc       no chunk was appended
     const XmlTag*& operator[](XmlTag::Id id);
 
-    /// The tag of an Id whose entry was made before. Never throws.
-    /// @param id  1155 or above, of an entry that operator[] has given out
-    const XmlTag* find(XmlTag::Id id) const noexcept;
-
 private:
+    friend struct tag_access_t;
     void append_chunk();
+    void grow_directory();
 
     static constexpr unsigned int CHUNK_SIZE = 128;
-    // Part k of the list holds 64 * 2^k chunks, so that neither chunks nor parts ever move.
-    static constexpr unsigned int NUM_PARTS = 19;
-    typedef const XmlTag* entry_t;
-    entry_t** parts_[NUM_PARTS] = {};
+    // The chunks. A directory that has become too small is kept, for threads that are reading it;
+    // the place before a directory's first chunk refers to the one before it.
+    std::atomic<void**> directory_{nullptr};
+    unsigned int capacity_chunks_ = 0;
     unsigned int num_chunks_ = 0;
 };
 

@@ -259,12 +259,6 @@ UString without_last(const std::vector<UString>& segments)
 
 // ---- Printing --------------------------------------------------------------------------------
 
-/// The well-known tag with an id, or null.
-const XmlTag* find_well_known(XmlTag::Id id)
-{
-    return id >= 0 && id < XmlTag::NUM_WK_IDS ? XmlTagImpl::lookup_table[id] : nullptr;
-}
-
 /// Puts the namespace and, for a repository, its type. A type without a well-known tag cannot come
 /// from a text; it is left out, because printing never fails.
 template <class Sink>
@@ -273,7 +267,7 @@ void put_namespace(const Selector& selector, char16_t separator, Sink& sink)
     sink.put(Selector::namespace_string(selector.ns()));
     if (selector.ns() != Selector::NS_REPO || selector.resource_type() == 0)
         return;
-    const XmlTag* const type = find_well_known(selector.resource_type());
+    const XmlTag* const type = XmlTagImpl::find_well_known(selector.resource_type());
     if (type == nullptr)
         return;
     sink.put(separator);

@@ -1,6 +1,7 @@
 // Every object of the library that runs code at load or unload, and nothing else.
 // Reading order is construction order; unload runs it backwards.
 
+#include "critsec_lock_impl.h"
 #include "selector_impl.h"
 #include "ustring_impl.h"
 #include "xmltag_impl.h"
@@ -23,6 +24,8 @@ namespace Kvl {
 // XML vocabulary, complete before anything looks a tag up.
 constinit XmlTagImpl::storage_t XmlTagImpl::g_storage;
 const UString XmlTag::EMPTY_NS_PREFIX;
+static constinit CriticalSectionImpl::immortal_mutex_t dynamic_tags_mutex;
+const CriticalSectionLock XmlTagImpl::dynamic_tags_lock(dynamic_tags_mutex);
 [[maybe_unused]] static const bool xml_vocabulary_is_loaded = XmlTagImpl::load();
 
 // Messages. The argument exists before any code runs, because a failure at load may name it.

@@ -9,20 +9,19 @@
 #include <bit>
 #include <climits>
 #include <functional>
-#include <memory>
+#include <initializer_list>
 #include <new>
-
-#include <pthread.h>
+#include <utility>
 
 namespace Kvl {
 
 constinit XmlTag::Namespace* XmlTag::g_namespace_array[21] = {};
+constinit const XmlTag* XmlTag::lookup_table[XmlTag::NUM_WK_IDS] = {};
 constinit XmlTag::Id XmlTag::g_num_defined_tags = XmlTag::NUM_WK_IDS;
 constinit std::vector<XmlTag::Namespace*>* XmlTag::g_sorted_namespace_vector = nullptr;
 constinit std::vector<XmlTag::Namespace*>* XmlTag::g_nsid_to_namespace_map = nullptr;
 
 namespace XmlTagImpl {
-constinit const CriticalSectionLock& dynamic_tags_lock = g_storage.dynamic_tags_lock.value;
 constinit IdToTagMap& all_dynamic_tags = g_storage.dynamic_tags.value;
 }  // namespace XmlTagImpl
 
@@ -91,44 +90,73 @@ Namespace* find_namespace(std::u16string_view uri)
     return wk != nullptr ? wk : namespaces_by_uri.find(0, uri);
 }
 
-const XmlTag* find_tag(const Namespace& ns, std::u16string_view name)
+/// The tag with a name, or null, also when there is no such namespace.
+const XmlTag* find_tag(XmlTag::NsId nsid, std::u16string_view name)
 {
-    if (is_well_known(ns.id))
-        if (const XmlTag* const wk = XmlTagImpl::find_well_known(ns.id, name.data(), name.size()))
+    if (is_well_known(nsid))
+        if (const XmlTag* const wk = XmlTagImpl::find_well_known(nsid, name.data(), name.size()))
             return wk;
-    return tags_by_name.find(static_cast<std::uint32_t>(ns.id), name);
+    return tags_by_name.find(static_cast<std::uint32_t>(nsid), name);
 }
 
 // ---- Registration: everything that can fail comes before the first change
 
-struct release_t {
-    void operator()(void* memory) const noexcept { ::operator delete(memory); }
-};
-
-/// Memory for a T and, behind it, for a copy of a text that T's own strings then alias: so a name
-/// costs one allocation, and c_str() of it never writes.
-template <class T>
-class memory_with_text_t {
+/// Memory that is never given back, in slabs: entries lie close together and cost no header each.
+/// The lock is held. What was taken but not kept is given out again the next time.
+class arena_t {
 public:
-    explicit memory_with_text_t(std::u16string_view text)
-        : memory_(::operator new(sizeof(T) + (text.size() + 1) * sizeof(char16_t))),
-          text_(::new (static_cast<char*>(memory_.get()) + sizeof(T)) char16_t[text.size() + 1],
-                text.size())
+    std::byte* take(std::size_t size)
     {
-        char16_t* const end = std::ranges::copy(text, const_cast<char16_t*>(text_.data())).out;
-        *end = 0;
+        if (size > left_) {
+            const std::size_t slab = std::max(size, SLAB_SIZE);
+            next_ = static_cast<std::byte*>(::operator new(slab));
+            left_ = slab;
+        }
+        return next_;
     }
-    T* object() const noexcept { return static_cast<T*>(memory_.get()); }
-    std::u16string_view text() const noexcept { return text_; }
-    UString alias() const noexcept
+    void keep(std::size_t size) noexcept
     {
-        return constant_text_t::make(text_.data(), static_cast<int>(text_.size()));
+        next_ += size;
+        left_ -= size;
     }
-    T* release() noexcept { return static_cast<T*>(memory_.release()); }
 
 private:
-    std::unique_ptr<void, release_t> memory_;
-    std::u16string_view text_;
+    static constexpr std::size_t SLAB_SIZE = std::size_t{16} << 10;
+    std::byte* next_ = nullptr;
+    std::size_t left_ = 0;
+};
+constinit arena_t arena KVUTIL_GUARDED_BY(dynamic_tags_lock);
+
+/// Memory for a T and, behind it, for a copy of a text that T's own strings then alias, so that
+/// c_str() of them never writes.
+template <class T>
+class memory_with_text_t {
+    static_assert(alignof(T) == alignof(void*), "the arena gives no other");
+
+public:
+    explicit memory_with_text_t(std::u16string_view text) KVUTIL_REQUIRES(dynamic_tags_lock)
+        : size_((sizeof(T) + (text.size() + 1) * sizeof(char16_t) + alignof(T) - 1) / alignof(T) *
+                alignof(T)),
+          memory_(arena.take(size_)), length_(text.size())
+    {
+        char16_t* const copy = ::new (memory_ + sizeof(T)) char16_t[length_ + 1];
+        std::copy(text.begin(), text.end(), copy);
+        copy[length_] = 0;
+        units_ = copy;
+    }
+    T* object() const noexcept { return reinterpret_cast<T*>(memory_); }
+    std::u16string_view text() const noexcept { return {units_, length_}; }
+    UString alias() const noexcept
+    {
+        return constant_text_t::make(units_, static_cast<int>(length_));
+    }
+    void keep() noexcept KVUTIL_REQUIRES(dynamic_tags_lock) { arena.keep(size_); }
+
+private:
+    std::size_t size_;
+    std::byte* memory_;
+    std::size_t length_;
+    const char16_t* units_ = nullptr;
 };
 
 /// Registers a name that `ns` does not have. The lock is held.
@@ -144,7 +172,7 @@ const XmlTag* register_tag(Namespace& ns, std::u16string_view name)
     // Names often come in order; the hint then saves the search and otherwise costs one comparison.
     ns.tags.emplace_hint(ns.tags.end(), memory.alias(), memory.object());
     const XmlTag* const tag = tag_access_t::construct(memory.object(), &ns, memory.text(), id);
-    memory.release();
+    memory.keep();
     entry = tag;
     XmlTag::g_num_defined_tags = id + 1;
     // The Id before the name: who finds the tag by name may ask for its Id at once.
@@ -155,6 +183,10 @@ const XmlTag* register_tag(Namespace& ns, std::u16string_view name)
 
 /// A namespace and the string that its `uri` refers to.
 struct runtime_namespace_t {
+    runtime_namespace_t(UString&& own_uri, XmlTag::NsId id)
+        : uri(std::move(own_uri)), ns(uri, id, false, false)
+    {
+    }
     UString uri;
     Namespace ns;
 };
@@ -176,10 +208,9 @@ Namespace* create_namespace(std::u16string_view uri) KVUTIL_REQUIRES(dynamic_tag
     make_room(*XmlTag::g_nsid_to_namespace_map);
     namespaces_by_nsid.make_room();
     namespaces_by_uri.make_room();
-    auto* const created = ::new (memory.object()) runtime_namespace_t{
-        memory.alias(),
-        Namespace(memory.object()->uri, static_cast<XmlTag::NsId>(sorted.size()), false, false)};
-    memory.release();
+    auto* const created = ::new (memory.object())
+        runtime_namespace_t(memory.alias(), static_cast<XmlTag::NsId>(sorted.size()));
+    memory.keep();
     Namespace* const ns = &created->ns;
     XmlTag::g_nsid_to_namespace_map->push_back(ns);
     sorted.insert(
@@ -190,16 +221,24 @@ Namespace* create_namespace(std::u16string_view uri) KVUTIL_REQUIRES(dynamic_tag
     return ns;
 }
 
-const XmlTag* find_or_register(Namespace& ns, std::u16string_view name, bool& is_new)
+/// What a look-up without the lock has not found. Out of line, so that those that find carry
+/// nothing of it.
+[[gnu::noinline]] const XmlTag* find_or_register(Namespace& ns, std::u16string_view name)
 {
-    is_new = false;
-    if (const XmlTag* const known = find_tag(ns, name))
-        return known;
     const CriticalSection section(dynamic_tags_lock);
-    if (const XmlTag* const known = find_tag(ns, name))  // another thread was first
+    const XmlTag* const known = find_tag(ns.id, name);  // another thread may have been first
+    return known != nullptr ? known : register_tag(ns, name);
+}
+
+[[gnu::noinline]] const XmlTag* find_or_register(Namespace& ns, std::u16string_view name,
+                                                 XmlTag& argument)
+{
+    const CriticalSection section(dynamic_tags_lock);
+    if (const XmlTag* const known = find_tag(ns.id, name))
         return known;
-    is_new = true;
-    return register_tag(ns, name);
+    const XmlTag* const registered = register_tag(ns, name);
+    tag_access_t::set_id(argument, registered->id());
+    return registered;
 }
 
 Namespace* find_or_create_namespace(std::u16string_view uri)
@@ -214,12 +253,21 @@ Namespace* find_or_create_namespace(std::u16string_view uri)
 
 // ---- Texts
 
-/// The length as reserve() takes it.
-unsigned int checked_length(std::uint64_t length_units)
+/// The pieces one behind the other, in a text whose room is exact and reserved at once.
+UString joined(std::initializer_list<std::u16string_view> pieces)
 {
-    if (length_units > INT_MAX)
+    std::size_t length = 0;
+    for (const std::u16string_view piece : pieces)
+        length += piece.size();
+    if (length > INT_MAX)
         throw std::bad_alloc();
-    return static_cast<unsigned int>(length_units);
+    UString text;
+    text.reserve(static_cast<unsigned int>(length));
+    char16_t* out = text.getBuffer(-1);
+    for (const std::u16string_view piece : pieces)
+        out = std::copy(piece.begin(), piece.end(), out);
+    text.releaseBuffer(static_cast<std::int32_t>(length));
+    return text;
 }
 
 }  // namespace
@@ -230,14 +278,14 @@ XmlTag::XmlTag(NsId nsid, const unsigned short* name, Id id)
     : ns_(nullptr), simple_name_(name), id_(id)
 {
     if (id < 0 || id >= NUM_WK_IDS || nsid < -1 || nsid >= NUM_WK_NAMESPACES ||
-        XmlTagImpl::lookup_table[id] != nullptr)
+        lookup_table[id] != nullptr)
         throw_internal_error("XmlTag::XmlTag", "703");
     simple_name_.c_str();
     if (nsid != -1 && !simple_name_.empty()) {
         ns_ = g_namespace_array[nsid];
         ns_->wk_tags.push_back(this);
     }
-    XmlTagImpl::lookup_table[id] = this;
+    lookup_table[id] = this;
 }
 
 XmlTag::XmlTag(NsId nsid, const char16_t* name, Id id) : XmlTag(nsid, to_units(name), id) {}
@@ -271,63 +319,23 @@ XmlTag& XmlTag::operator=(XmlTag&& o) noexcept = default;
 
 XmlTag::~XmlTag() = default;
 
-const UString& XmlTag::ns() const
-{
-    return ns_ != nullptr ? ns_->uri : EMPTY_NS_PREFIX;
-}
-
-XmlTag::NsId XmlTag::ns_id() const
-{
-    return ns_ != nullptr ? ns_->id : -1;
-}
-
-bool XmlTag::is_well_known_namespace() const
-{
-    return is_well_known(ns_id());
-}
-
-const UString& XmlTag::simple_name() const
-{
-    return simple_name_;
-}
-
-XmlTag::Id XmlTag::id() const
-{
-    return id_;
-}
-
 UString XmlTag::to_string() const
 {
     // Deliberate: a tag that is not registered yet prints like the nil tag.
     if (id_ == 0)
         return UString(u"<nil-tag>");
-    UString text;
-    text.reserve(checked_length(std::uint64_t{ns().length()} + 1 + simple_name_.length()));
-    text.append(ns()).append(u'/').append(simple_name_);
-    return text;
+    return joined({view_of(ns()), u"/", view_of(simple_name_)});
 }
 
 UString XmlTag::format(Format f, const UString& prefix) const
 {
-    const bool has_prefix = !prefix.empty();
-    const bool has_xmlns = !has_prefix && f != END_TAG;
-    UString text;
-    text.reserve(checked_length(std::uint64_t{simple_name_.length()} + 2 +
-                                (has_prefix ? std::uint64_t{prefix.length()} + 1 : 0) +
-                                (has_xmlns ? std::uint64_t{ns().length()} + 9 : 0) +
-                                (f != START_TAG ? 1 : 0)));
-    text.append(u'<');
+    const std::u16string_view begin = f == END_TAG ? u"</" : u"<";
+    const std::u16string_view end = f == EMPTY_TAG ? u"/>" : u">";
+    if (!prefix.empty())
+        return joined({begin, view_of(prefix), u":", view_of(simple_name_), end});
     if (f == END_TAG)
-        text.append(u'/');
-    if (has_prefix)
-        text.append(prefix).append(u':');
-    text.append(simple_name_);
-    if (has_xmlns)
-        text.append(to_units(u" xmlns=\"")).append(ns()).append(u'"');
-    if (f == EMPTY_TAG)
-        text.append(u'/');
-    text.append(u'>');
-    return text;
+        return joined({begin, view_of(simple_name_), end});
+    return joined({begin, view_of(simple_name_), u" xmlns=\"", view_of(ns()), u"\"", end});
 }
 
 UString XmlTag::format(Format f, Id id, const UString& prefix)
@@ -335,36 +343,33 @@ UString XmlTag::format(Format f, Id id, const UString& prefix)
     return lookup(id)->format(f, prefix);
 }
 
-const XmlTag* XmlTag::lookup(Id id)
+// Everything but the tags of lookup_table, which the header looks up in line.
+const XmlTag* XmlTag::lookup_run_time(Id id)
 {
-    if (static_cast<unsigned int>(id) < static_cast<unsigned int>(NUM_WK_IDS)) {
-        if (const XmlTag* const tag = XmlTagImpl::lookup_table[id])
-            return tag;
-        throw_internal_error("XmlTag::lookup", "502");
-    }
-    if (id < 0 || id >= num_published_tags.load(std::memory_order_acquire))
+    if (id >= NUM_WK_IDS && id < num_published_tags.load(std::memory_order_acquire))
+        return tag_access_t::entry(all_dynamic_tags, id);
+    if (id < 0 || id >= NUM_WK_IDS)
         throw_illegal_arg(MSG_ILLEGAL_TAG_ID);
-    return all_dynamic_tags.find(id);
+    throw_internal_error("XmlTag::lookup", "502");
 }
 
 const XmlTag* XmlTag::lookup(NsId nsid, const UString& name)
 {
+    if (const XmlTag* const known = find_tag(nsid, view_of(name)))
+        return known;
     Namespace* const ns = find_namespace(nsid);
     if (ns == nullptr)
         throw_illegal_arg(MSG_ILLEGAL_NAMESPACE_ID);
-    bool is_new = false;
-    return find_or_register(*ns, view_of(name), is_new);
+    return find_or_register(*ns, view_of(name));
 }
 
 const XmlTag* XmlTag::lookup(XmlTag& tag)
 {
     if (tag.ns_ == nullptr)
         throw_illegal_arg(MSG_ILLEGAL_NAMESPACE_ID);
-    bool is_new = false;
-    const XmlTag* const registered = find_or_register(*tag.ns_, view_of(tag.simple_name_), is_new);
-    if (is_new)
-        tag.id_ = registered->id_;
-    return registered;
+    const std::u16string_view name = view_of(tag.simple_name_);
+    const XmlTag* const known = find_tag(tag.ns_->id, name);
+    return known != nullptr ? known : find_or_register(*tag.ns_, name, tag);
 }
 
 const UString& XmlTag::ns_abbreviation(NsId nsid)
@@ -479,10 +484,14 @@ bool CompareXmlTagSimpleName::operator()(const UString& name, const XmlTag* b) c
 
 IdToTagMap::~IdToTagMap()
 {
-    for (unsigned int chunk = 0; chunk < num_chunks_; ++chunk)
-        delete[] parts_[place_of(chunk).part][place_of(chunk).offset];
-    for (entry_t** const part : parts_)
-        delete[] part;
+    void** directory = directory_.load(std::memory_order_relaxed);
+    for (unsigned int i = 0; i < num_chunks_; ++i)
+        delete[] static_cast<const XmlTag**>(directory[i]);
+    while (directory != nullptr) {
+        void** const first = directory - 1;
+        directory = static_cast<void**>(*first);
+        delete[] first;
+    }
 }
 
 const XmlTag*& IdToTagMap::operator[](XmlTag::Id id)
@@ -492,32 +501,28 @@ const XmlTag*& IdToTagMap::operator[](XmlTag::Id id)
     const auto index = static_cast<unsigned int>(id - XmlTag::NUM_WK_IDS);
     if (index / CHUNK_SIZE >= num_chunks_)
         append_chunk();
-    const place_t place = place_of(std::min(index / CHUNK_SIZE, num_chunks_ - 1));
-    return parts_[place.part][place.offset][index % CHUNK_SIZE];
-}
-
-const XmlTag* IdToTagMap::find(XmlTag::Id id) const noexcept
-{
-    const auto index = static_cast<unsigned int>(id - XmlTag::NUM_WK_IDS);
-    const place_t place = place_of(index / CHUNK_SIZE);
-    return parts_[place.part][place.offset][index % CHUNK_SIZE];
+    void* const chunk =
+        directory_.load(std::memory_order_relaxed)[std::min(index / CHUNK_SIZE, num_chunks_ - 1)];
+    return static_cast<const XmlTag**>(chunk)[index % CHUNK_SIZE];
 }
 
 void IdToTagMap::append_chunk()
 {
-    const place_t place = place_of(num_chunks_);
-    if (parts_[place.part] == nullptr)
-        parts_[place.part] = new entry_t*[size_of_part(place.part)]();
-    parts_[place.part][place.offset] = new entry_t[CHUNK_SIZE]();
+    if (num_chunks_ == capacity_chunks_)
+        grow_directory();
+    directory_.load(std::memory_order_relaxed)[num_chunks_] = new const XmlTag*[CHUNK_SIZE]();
     ++num_chunks_;
 }
 
-// The child of a fork() has only the thread that called it: what another one was changing would
-// stay half done. Nothing to do in the child, where every lock starts free.
-void hold_registry_over_forks()
+void IdToTagMap::grow_directory()
 {
-    pthread_atfork([]() KVUTIL_NO_THREAD_SAFETY_ANALYSIS { dynamic_tags_lock.lock(); },
-                   []() KVUTIL_NO_THREAD_SAFETY_ANALYSIS { dynamic_tags_lock.unlock(); }, nullptr);
+    const unsigned int capacity = capacity_chunks_ == 0 ? 64 : capacity_chunks_ * 2;
+    void** const old = directory_.load(std::memory_order_relaxed);
+    void** const directory = new void*[std::size_t{1} + capacity]() + 1;
+    directory[-1] = old;
+    std::copy_n(old, num_chunks_, directory);
+    directory_.store(directory, std::memory_order_release);
+    capacity_chunks_ = capacity;
 }
 
 }  // namespace XmlTagImpl

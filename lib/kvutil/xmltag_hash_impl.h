@@ -38,39 +38,51 @@ constexpr std::uint64_t fold_multiply(std::uint64_t a, std::uint64_t b)
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
 }
 
-/// The hash of a name within a scope (a namespace's number), the same at compile time and at run
-/// time.
+/// 2^64 divided by the golden ratio: spreads small numbers over the word.
+constexpr std::uint64_t ODD = 0x9E3779B97F4A7C15u;
+
+/// Up to three units as one word.
+constexpr std::uint64_t few_units(std::u16string_view text)
+{
+    std::uint64_t word = 0;
+    for (const char16_t unit : text)
+        word = word << 16 | unit;
+    return word;
+}
+
+/// The hash of a name within a scope (a namespace's number), over every unit. Words may overlap
+/// instead of a loop per unit: branches that depend on the length cost more than the arithmetic.
 constexpr std::uint64_t hash_of(const hash_key_t& key, std::uint32_t scope,
                                 std::u16string_view name)
 {
-    constexpr std::uint64_t ODD = 0x9E3779B97F4A7C15u;  // 2^64 divided by the golden ratio
     const char16_t* text = name.data();
     std::size_t left = name.size();
     std::uint64_t hash = key.start ^ (std::uint64_t{scope} << 32 ^ left) * ODD;
-    for (; left > 8; left -= 8, text += 8)
+    if (left < 4)
+        return fold_multiply(few_units(name) ^ key.secret, hash ^ ODD);
+    for (; left > 16; left -= 8, text += 8)
         hash = fold_multiply(four_units(text) ^ key.secret, four_units(text + 4) ^ hash);
-    if (left >= 4)  // the last words may overlap
-        return fold_multiply(four_units(text) ^ key.secret, four_units(text + left - 4) ^ hash);
-    std::uint64_t last = 0;
-    for (; left > 0; --left)
-        last = last << 16 | *text++;
-    return fold_multiply(last ^ key.secret, hash ^ ODD);
+    if (left > 8) {
+        hash = fold_multiply(four_units(text) ^ key.secret, four_units(text + 4) ^ hash);
+        text += left - 8;
+        left = 8;
+    }
+    return fold_multiply(four_units(text) ^ key.secret, four_units(text + left - 4) ^ hash);
 }
 
 /// Whether two texts of equal length are the same. Names are short: comparing in line costs less
 /// than a call.
 inline bool equal_units(const char16_t* a, const char16_t* b, std::size_t length)
 {
-    if (length < 4) {
-        for (std::size_t i = 0; i < length; ++i)
-            if (a[i] != b[i])
-                return false;
-        return true;
-    }
-    for (std::size_t i = 0; i + 4 < length; i += 4)
-        if (four_units(a + i) != four_units(b + i))
+    const auto differ = [=](std::size_t at) { return four_units(a + at) ^ four_units(b + at); };
+    if (length < 4)
+        return few_units({a, length}) == few_units({b, length});
+    if (length <= 8)
+        return (differ(0) | differ(length - 4)) == 0;
+    for (std::size_t i = 0; i + 8 < length; i += 8)
+        if ((differ(i) | differ(i + 4)) != 0)
             return false;
-    return four_units(a + length - 4) == four_units(b + length - 4);
+    return (differ(length - 8) | differ(length - 4)) == 0;
 }
 
 inline bool equal_units(std::u16string_view a, std::u16string_view b)

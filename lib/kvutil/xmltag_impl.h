@@ -52,23 +52,16 @@ struct storage_t {
     undying_t<std::vector<XmlTag::Namespace*>> sorted_namespaces;
     undying_t<std::vector<XmlTag::Namespace*>> runtime_namespaces;
     undying_t<IdToTagMap> dynamic_tags;
-    undying_t<CriticalSectionLock> dynamic_tags_lock;
 };
 extern storage_t g_storage;
 
 extern const wk_namespace_t (&wk_namespaces_array)[XmlTag::NUM_WK_NAMESPACES];
 
-/// The well-known tags by Id; null where an Id is not assigned. Constant after load.
-extern const XmlTag* lookup_table[XmlTag::NUM_WK_IDS];
-
 /// Guards everything that changes after load. Held over fork(), so that the child finds the
 /// registry whole.
-extern const CriticalSectionLock& dynamic_tags_lock;
+extern const CriticalSectionLock dynamic_tags_lock;
 
 extern IdToTagMap& all_dynamic_tags;
-
-/// Takes the lock before every fork() of the process and releases it afterwards.
-void hold_registry_over_forks();
 
 /// Lists that grow without moving anything: part k has room for 64 * 2^k elements.
 struct place_t {
@@ -121,20 +114,41 @@ private:
     std::atomic<unsigned int> size_{0};
 };
 
-/// What the registry needs of a tag's private part.
+/// What the registry needs of private parts.
 struct tag_access_t {
     /// Constructs a tag whose local name aliases `name`, which is terminated and outlives it.
     static XmlTag* construct(void* place, XmlTag::Namespace* ns, std::u16string_view name,
                              XmlTag::Id id) noexcept;
     static XmlTag::Namespace* ns(const XmlTag& tag) noexcept { return tag.ns_; }
     static void set_id(XmlTag& tag, XmlTag::Id id) noexcept { tag.id_ = id; }
+
+    static const XmlTag* well_known(XmlTag::Id id) noexcept { return XmlTag::lookup_table[id]; }
+    static void set_well_known(const XmlTag& tag) noexcept { XmlTag::lookup_table[tag.id_] = &tag; }
+
+    /// The entry of an Id, which operator[] has given out before; without the lock.
+    static const XmlTag* entry(const IdToTagMap& map, XmlTag::Id id) noexcept
+    {
+        const auto index = static_cast<unsigned int>(id - XmlTag::NUM_WK_IDS);
+        void* const chunk =
+            map.directory_.load(std::memory_order_acquire)[index / IdToTagMap::CHUNK_SIZE];
+        return static_cast<const XmlTag* const*>(chunk)[index % IdToTagMap::CHUNK_SIZE];
+    }
 };
+
+/// The well-known tag with an Id, or null.
+inline const XmlTag* find_well_known(XmlTag::Id id) noexcept
+{
+    return id >= 0 && id < XmlTag::NUM_WK_IDS ? tag_access_t::well_known(id) : nullptr;
+}
 
 /// The units of a text; empty when the text is in ICU's bogus state.
 inline std::u16string_view view_of(const UString& text) noexcept
 {
-    const char16_t* const units = text.getBuffer();
-    return units == nullptr ? std::u16string_view() : std::u16string_view(units, text.length());
+    // The base's length is inline.
+    const icu::UnicodeString& base = text;
+    const char16_t* const units = base.getBuffer();
+    return units == nullptr ? std::u16string_view()
+                            : std::u16string_view(units, static_cast<std::size_t>(base.length()));
 }
 
 }  // namespace XmlTagImpl

@@ -147,18 +147,30 @@ static_assert(std::ranges::adjacent_find(SORTED_ROWS, std::not_fn(by_namespace_a
 
 // ---- Names to rows, hashed at compile time
 
-/// Known to everybody, unlike the key of the run-time names: these rows never change.
-constexpr XmlTagImpl::hash_key_t WK_KEY{0x8A5CD789635D2DFFu, 0x121FD2155C472F96u};
 constexpr std::size_t NUM_SLOTS = 4096;  // few enough are taken that most misses end at once
 
+/// Everything that a look-up needs of a row, so that it need not go there.
 struct slot_t {
     std::uint16_t row_plus_1;  // 0 = free
     std::uint16_t check;       // other bits of the hash than those that chose the slot
+    std::uint16_t offset;
+    std::int8_t nsid;
+    std::uint8_t length;
 };
 
+/// The rows never change, so it is enough to look at the ends and the middle of a name and at its
+/// length: whatever the length, the same few steps.
 constexpr std::uint64_t hash_of_name(XmlTag::NsId nsid, std::u16string_view name)
 {
-    return hash_of(WK_KEY, static_cast<std::uint32_t>(nsid), name);
+    using namespace XmlTagImpl;
+    const std::size_t length = name.size();
+    const std::uint64_t context = (static_cast<std::uint64_t>(nsid) << 32 ^ length) * ODD;
+    if (length < 4)
+        return fold_multiply(few_units(name) ^ context, ODD);
+    const char16_t* const text = name.data();
+    return fold_multiply(four_units(text) ^ 0x8A5CD789635D2DFFu,
+                         four_units(text + length - 4) ^ 0x121FD2155C472F96u) ^
+           fold_multiply(four_units(text + length / 2 - 2) ^ 0x4F2E6B6A3C1D9E37u, context ^ ODD);
 }
 
 constexpr auto check_of(std::uint64_t hash)
@@ -166,28 +178,38 @@ constexpr auto check_of(std::uint64_t hash)
     return static_cast<std::uint16_t>(hash >> 48);
 }
 
-constexpr auto SLOTS = [] {
-    std::array<slot_t, NUM_SLOTS> slots{};
+struct slots_t {
+    std::array<slot_t, NUM_SLOTS> slots;
+    std::size_t longest_search;
+};
+
+constexpr slots_t SLOTS = [] {
+    slots_t result{};
     for (const std::uint16_t i : SORTED_ROWS) {
         const std::uint64_t hash = hash_of_name(ROWS[i].nsid, name_of(ROWS[i]));
-        std::size_t at = hash % NUM_SLOTS;
-        while (slots[at].row_plus_1 != 0)
-            at = (at + 1) % NUM_SLOTS;
-        slots[at] = {static_cast<std::uint16_t>(i + 1), check_of(hash)};
+        std::size_t steps = 0;
+        while (result.slots[(hash + steps) % NUM_SLOTS].row_plus_1 != 0)
+            ++steps;
+        result.slots[(hash + steps) % NUM_SLOTS] = {static_cast<std::uint16_t>(i + 1),
+                                                    check_of(hash), ROWS[i].offset, ROWS[i].nsid,
+                                                    ROWS[i].length};
+        result.longest_search = std::max(result.longest_search, steps);
     }
-    return slots;
+    return result;
 }();
+static_assert(SLOTS.longest_search < 8, "the names are spread");
 
 const XmlTag* find_row(XmlTag::NsId nsid, std::u16string_view name)
 {
     const std::uint64_t hash = hash_of_name(nsid, name);
-    for (std::size_t at = hash % NUM_SLOTS; SLOTS[at].row_plus_1 != 0; at = (at + 1) % NUM_SLOTS) {
-        const std::size_t i = SLOTS[at].row_plus_1 - 1u;
-        if (SLOTS[at].check == check_of(hash) && ROWS[i].nsid == nsid &&
-            XmlTagImpl::equal_units(name_of(ROWS[i]), name))
-            return &g_storage.tags.value[i];
+    for (std::size_t at = hash % NUM_SLOTS;; at = (at + 1) % NUM_SLOTS) {
+        const slot_t& slot = SLOTS.slots[at];
+        if (slot.row_plus_1 == 0)
+            return nullptr;
+        if (slot.check == check_of(hash) && slot.nsid == nsid && slot.length == name.size() &&
+            XmlTagImpl::equal_units(NAMES + slot.offset, name.data(), name.size()))
+            return &g_storage.tags.value[slot.row_plus_1 - 1u];
     }
-    return nullptr;
 }
 
 /// Tags that a program has added at load with create() stand in the sorted list only.
@@ -237,8 +259,8 @@ void construct_wk_tags()
         const row_t& row = ROWS[i];
         XmlTag::Namespace* const ns =
             row.nsid < 0 ? nullptr : XmlTag::g_namespace_array[static_cast<std::size_t>(row.nsid)];
-        XmlTagImpl::lookup_table[static_cast<std::size_t>(row.id)] =
-            XmlTagImpl::tag_access_t::construct(&g_storage.tags.value[i], ns, name_of(row), row.id);
+        XmlTagImpl::tag_access_t::set_well_known(*XmlTagImpl::tag_access_t::construct(
+            &g_storage.tags.value[i], ns, name_of(row), row.id));
     }
 }
 
@@ -257,7 +279,6 @@ namespace XmlTagImpl {
 
 constinit const wk_namespace_t (&wk_namespaces_array)[XmlTag::NUM_WK_NAMESPACES] =
     g_storage.wk_namespaces.value;
-constinit const XmlTag* lookup_table[XmlTag::NUM_WK_IDS] = {};
 
 const XmlTag* find_well_known(XmlTag::NsId nsid, const char16_t* name, std::size_t length) noexcept
 {
@@ -281,12 +302,10 @@ XmlTag::Namespace* find_well_known_namespace(std::u16string_view uri) noexcept
 bool load()
 {
     construct_wk_namespaces_array();
-    ::new (&g_storage.dynamic_tags_lock.value) CriticalSectionLock;
     ::new (&g_storage.dynamic_tags.value) IdToTagMap;
     XmlTag::create_wk_namespaces();
     construct_wk_tags();
     fill_wk_tags_of_namespaces();
-    hold_registry_over_forks();
     return true;
 }
 
