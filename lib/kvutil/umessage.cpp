@@ -23,7 +23,8 @@ constexpr const char* text_or_empty(const char* text)
 
 char* copy_of(const char* text)
 {
-    return std::strcpy(new char[std::strlen(text) + 1], text);
+    const std::size_t size = std::strlen(text) + 1;
+    return static_cast<char*>(std::memcpy(new char[size], text, size));
 }
 
 UMessage::arg_union_t copy_of(int kind, const UMessage::arg_union_t& value)
