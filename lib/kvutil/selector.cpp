@@ -2,6 +2,7 @@
 
 #include "failure_impl.h"
 #include "unit_block_impl.h"
+#include "ustring_impl.h"
 #include "xmltag_impl.h"
 
 #include <algorithm>
@@ -18,7 +19,6 @@ namespace Kvl {
 namespace {
 
 using namespace SelectorImpl;  // the vocabulary and fields_t
-using XmlTagImpl::view_of;
 using text_view_t = std::u16string_view;
 
 // Nothing here edits a text in place: replacing within a text takes time that grows with the

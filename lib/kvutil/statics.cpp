@@ -3,6 +3,7 @@
 
 #include "critsec_lock_impl.h"
 #include "selector_impl.h"
+#include "undying_impl.h"
 #include "ustring_impl.h"
 #include "xmltag_impl.h"
 
@@ -34,8 +35,8 @@ const UMessage UMessage::nil;
 
 // Selector vocabulary: its tables, filled, then the separators and delimiters. The tables are never
 // destroyed; the other texts stand on constants and stay readable after their destruction.
-static constinit XmlTagImpl::undying_t<SelectorImpl::namespace_vocabulary_t> namespaces;
-static constinit XmlTagImpl::undying_t<SelectorImpl::domain_vocabulary_t> provider_domains;
+static constinit undying_t<SelectorImpl::namespace_vocabulary_t> namespaces;
+static constinit undying_t<SelectorImpl::domain_vocabulary_t> provider_domains;
 
 namespace SelectorImpl {
 namespace_vocabulary_t& g_namespace_id_map = *std::construct_at(&namespaces.value);

@@ -3,6 +3,8 @@
 
 #include <kvutil/ustring.h>
 
+#include <string_view>
+
 namespace Kvl {
 
 /// Makes texts that stand on constant storage of the library: nothing is allocated, c_str() only
@@ -23,6 +25,16 @@ struct constant_text_t {
         return make(literal, static_cast<int>(N - 1));
     }
 };
+
+/// The units of a text; empty when the text is in ICU's bogus state.
+inline std::u16string_view view_of(const UString& text) noexcept
+{
+    // The base's length is inline.
+    const icu::UnicodeString& base = text;
+    const char16_t* const units = base.getBuffer();
+    return units == nullptr ? std::u16string_view()
+                            : std::u16string_view(units, static_cast<std::size_t>(base.length()));
+}
 
 }  // namespace Kvl
 

@@ -30,7 +30,6 @@ namespace {
 using XmlTagImpl::all_dynamic_tags;
 using XmlTagImpl::dynamic_tags_lock;
 using XmlTagImpl::tag_access_t;
-using XmlTagImpl::view_of;
 
 typedef XmlTag::Namespace Namespace;
 

@@ -1,6 +1,8 @@
 #ifndef KVUTIL_XMLTAG_IMPL_H
 #define KVUTIL_XMLTAG_IMPL_H
 
+#include "undying_impl.h"
+
 #include <kvutil/critsec.h>
 #include <kvutil/xmltag.h>
 
@@ -34,17 +36,7 @@ struct wk_namespace_t {
 
 constexpr std::size_t NUM_WK_TAGS = 1143;  // the nil tag included
 
-/// Room for an object that load() constructs and nothing destroys: other threads may use the
-/// registry while the process exits.
-template <class T>
-union undying_t {
-    constexpr undying_t() noexcept : none{} {}
-    constexpr ~undying_t() {}
-    char none;
-    T value;
-};
-
-/// Everything of the registry that cannot be constant-initialised.
+/// Everything of the registry that cannot be constant-initialised. load() constructs it.
 struct storage_t {
     undying_t<wk_namespace_t[XmlTag::NUM_WK_NAMESPACES]> wk_namespaces;
     undying_t<XmlTag::Namespace[XmlTag::NUM_WK_NAMESPACES]> namespaces;
@@ -139,16 +131,6 @@ struct tag_access_t {
 inline const XmlTag* find_well_known(XmlTag::Id id) noexcept
 {
     return id >= 0 && id < XmlTag::NUM_WK_IDS ? tag_access_t::well_known(id) : nullptr;
-}
-
-/// The units of a text; empty when the text is in ICU's bogus state.
-inline std::u16string_view view_of(const UString& text) noexcept
-{
-    // The base's length is inline.
-    const icu::UnicodeString& base = text;
-    const char16_t* const units = base.getBuffer();
-    return units == nullptr ? std::u16string_view()
-                            : std::u16string_view(units, static_cast<std::size_t>(base.length()));
 }
 
 }  // namespace XmlTagImpl

@@ -215,9 +215,7 @@ const XmlTag* find_row(XmlTag::NsId nsid, std::u16string_view name)
 /// Tags that a program has added at load with create() stand in the sorted list only.
 const XmlTag* find_added(const std::vector<const XmlTag*>& wk_tags, std::u16string_view name)
 {
-    const auto name_of_tag = [](const XmlTag* tag) {
-        return XmlTagImpl::view_of(tag->simple_name());
-    };
+    const auto name_of_tag = [](const XmlTag* tag) { return view_of(tag->simple_name()); };
     const auto found = std::ranges::lower_bound(wk_tags, name, {}, name_of_tag);
     return found != wk_tags.end() && name_of_tag(*found) == name ? *found : nullptr;
 }
