@@ -1,11 +1,14 @@
-// The tables behind the vocabulary of selectors.
+// The tables behind the vocabulary of selectors, and the scanning of units in blocks.
 
 #include "selector_impl.h"
+#include "unit_block_impl.h"
 
 #include "support/all_texts.h"
 #include "support/text.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -82,6 +85,56 @@ TEST(SelectorMaps, AreSearchedWithTheSameResultByTheParser)
     }
     for_each_text({u"a", u"e", u"f", u"i", u"l", u"o", u"v", u"d", u"b"}, 4,
                   [](const UString& text) { expect_same(units_of(text)); });
+}
+
+// Lengths up to two blocks and a rest, a wanted unit at each place.
+template <class Visit>
+void for_each_place(Visit visit)
+{
+    for (std::size_t size = 0; size < 20; ++size) {
+        for (std::size_t at = 0; at <= size; ++at) {
+            std::u16string text(size, u'a');
+            if (at < size)
+                text[at] = u'%';
+            visit(text, at);
+        }
+    }
+}
+
+TEST(UnitBlocks, FindTheFirstUnitThatIsWanted)
+{
+    for_each_place([](std::u16string text, std::size_t at) {
+        const std::size_t expected = at < text.size() ? at : text.npos;
+        EXPECT_EQ(Kvl::find_unit(text, u'%'), expected);
+        EXPECT_EQ(Kvl::find_unit(text, u'%', std::min(at, text.size())), expected);
+        if (at < text.size()) {
+            EXPECT_EQ(Kvl::find_unit(text, u'%', at + 1), text.npos);
+            text.back() = u'%';
+            EXPECT_EQ(Kvl::find_unit(text, u'%'), at);
+        }
+    });
+    EXPECT_EQ(Kvl::find_unit(std::u16string(9, 0x2525), u'%'), std::u16string::npos);
+}
+
+TEST(UnitBlocks, CountTheUnitsThatAreWanted)
+{
+    for_each_place([](const std::u16string& text, std::size_t at) {
+        EXPECT_EQ(Kvl::count_units(text, u'%', u':'), at < text.size() ? 1u : 0u);
+        EXPECT_EQ(Kvl::count_units(text, u'%', u'a'), text.size());
+    });
+}
+
+TEST(UnitBlocks, CopyUpToTheFirstUnitThatStops)
+{
+    for_each_place([](const std::u16string& text, std::size_t at) {
+        std::u16string copy(text.size() + 1, u'-');
+        const char16_t* in = text.data();
+        char16_t* const end =
+            Kvl::copy_until(in, text.data() + text.size(), copy.data(), u':', u'%');
+        EXPECT_EQ(in - text.data(), static_cast<std::ptrdiff_t>(at));
+        EXPECT_EQ(std::u16string(copy.data(), end), text.substr(0, at));
+        EXPECT_EQ(copy.back(), u'-') << "written behind the room there is";
+    });
 }
 
 }  // namespace

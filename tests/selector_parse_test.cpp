@@ -6,6 +6,7 @@
 #include "support/all_texts.h"
 #include "support/failure.h"
 #include "support/memory_fault.h"
+#include "support/recording_logger.h"
 #include "support/selector_literal.h"
 #include "support/text.h"
 
@@ -228,6 +229,13 @@ TEST(SelectorParse, LooksAtUnitsBehindAZero)
 {
     EXPECT_EQ(rejection_of(UString(std::u16string(u"vd.fi\0le:x@y", 12))),
               "PLXSV0671E The selector 'vd.fi' is not valid: unknown namespace: fi");
+}
+
+TEST(SelectorParse, LogsNothingWhenItRejects)
+{
+    const recording_logger logger;
+    EXPECT_NE(rejection_of(ustr("vd.file")), "accepted");
+    EXPECT_TRUE(logger.lines.empty());
 }
 
 TEST(SelectorParse, LeavesTheTagRegistryAlone)

@@ -1,10 +1,12 @@
 // The text forms of a selector, the escapes of its segments, and the text utilities beneath.
 
 #include <kvutil/selector.h>
+#include <kvutil/stpexception.h>
 
 #include "support/all_texts.h"
 #include "support/memory_fault.h"
 #include "support/selector_literal.h"
+#include "support/small_stack.h"
 #include "support/text.h"
 
 #include <gmock/gmock.h>
@@ -348,6 +350,18 @@ TEST(SelectorEscapes, AreThoseOfOneReplacementADelimiter)
     EXPECT_EQ(for_each_text(DELIMITERS_AND_A, 5, compare), NUM_TEXTS);
 }
 
+// Eight units are looked at together, so each text also stands at each place of such a block.
+TEST(SelectorEscapes, AreTheSameWhereverTheyStand)
+{
+    for_each_text(DELIMITERS_AND_A, 3, [](const UString& text) {
+        for (unsigned int before = 0; before < 9; ++before) {
+            const UString whole = ustr(std::string(before, 'x')) + text + ustr("yyyyyyyyy");
+            ASSERT_EQ(Selector::encode_segment(whole), literal::encode_segment(whole));
+            ASSERT_EQ(Selector::decode_string(whole), literal::decode_string(whole));
+        }
+    });
+}
+
 // "%@@" is encoded to "%%@@", whose "%%" and "@" then form an escape of their own.
 TEST(SelectorEscapes, ComeBackExactlyWithoutAPercentBeforeADoubledAtSign)
 {
@@ -432,6 +446,23 @@ TEST(SelectorSegments, AreSplitAndJoinedInTimeThatGrowsWithTheirNumber)
     EXPECT_EQ(text.length(), 3 * count - 1);
     EXPECT_EQ(Selector::split_segments(text, ustr("/")).size(), count);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST(SelectorSegments, NeedLittleStackHoweverManyTheyAre)
+{
+    const UString text =
+        Selector::join_segments(std::vector<UString>(1u << 17, ustr("a")), ustr("/"));
+    UString decoded;
+    UString shortened;
+    on_small_stack([&] {
+        decoded = Selector::decode_string(Selector::encode_segment(text));
+        const Selector selector(ustr("vd.file:") + text + ustr("@") + text);
+        const UString printed = selector.child(text).to_string_with_domain();
+        shortened = Selector(printed).parent().name();
+        EXPECT_THROW(Selector(ustr("vd.bogus:") + text), Kvl::StateException);
+    });
+    EXPECT_EQ(decoded, text);
+    EXPECT_EQ(shortened.length(), 2 * text.length() - 1);  // both, and "/" for the "/a" it lost
 }
 
 TEST(SelectorSegments, ThrowBadAllocWhenMemoryRunsOut)

@@ -39,10 +39,8 @@ struct fields_t;
 /// is cut there; empty pieces of the namespace field are dropped, not counted. The whole list
 /// stands in docs/selector-grammar.md.
 ///
-/// A selector is a value: copying copies the cached text too, a copy that throws leaves its target
-/// as it was, and a moved-from selector is valid with unspecified fields. Any operation may
-/// throw std::bad_alloc when memory or the 2^31 - 1 units of a text run out, with every object as
-/// it was before.
+/// Any operation may throw std::bad_alloc, when memory or the 2^31 - 1 units of a text run out,
+/// with every object as it was before.
 /// @par Thread-safety
 /// Distinct selectors may be used at once, and so may the static operations. One selector must not
 /// be used by two threads without a lock of the caller's: selector() and to_string_with_domain()
@@ -53,6 +51,7 @@ public:
     /// What kind of thing a selector addresses. The values are exchanged and stored: never
     /// renumbered.
     enum namespace_t : int {
+/// A row of the namespaces: here an enumerator.
 #define KVUTIL_SELECTOR_NAMESPACE(value, enumerator, text) enumerator = value,
 #include <kvutil/selector_namespaces.def>
 #undef KVUTIL_SELECTOR_NAMESPACE
@@ -60,6 +59,7 @@ public:
 
     /// Which provider serves the resource.
     enum provider_domain_t : int {
+/// A row of the provider domains: here an enumerator.
 #define KVUTIL_SELECTOR_DOMAIN(value, enumerator, text) enumerator = value,
 #include <kvutil/selector_domains.def>
 #undef KVUTIL_SELECTOR_DOMAIN
@@ -72,9 +72,8 @@ public:
     static const UString OTHER_SEGMENT_SEP;  ///< "\", escaped in a segment like "/", splits nothing
     static const UString ESCAPE_CHAR;        ///< "%", starts an escape in a segment
 
-    /// The texts that encode_segment() escapes, in the order "%", ":", "@", "/", "\". Deliberate:
-    /// no
-    /// "." among them, a dot inside a name is written as it stands.
+    /// The texts that encode_segment() escapes, in the order "%", ":", "@", "/", "\".
+    /// Deliberate: there is no "." among them, a dot inside a name is written as it stands.
     static const UString g_delimiters[5];
     static constexpr int g_delimiters_length = 5;  ///< the number of g_delimiters
 
@@ -99,18 +98,18 @@ public:
     /// The selector of these fields, as given: nothing is checked, escaped or normalised.
     /// @param ns             the namespace
     /// @param domain         the provider domain
-    /// @param resource_type  the well-known tag of the kind of repository when `ns` is NS_REPO,
-    /// else 0
+    /// @param resource_type  the id of the well-known tag for the kind of repository when `ns` is
+    ///                       NS_REPO, else 0
     /// @param name           the name, its segments encoded
     /// @param repository     the repository
     Selector(namespace_t ns, provider_domain_t domain, XmlTag::Id resource_type,
              const UString& name, const UString& repository);
 
-    Selector(const Selector& o) = default;
-    Selector(Selector&& o) noexcept = default;
-    Selector& operator=(const Selector& o);
-    Selector& operator=(Selector&& o) noexcept = default;
-    ~Selector() = default;
+    Selector(const Selector& o) = default;      ///< Copies the cached text too.
+    Selector(Selector&& o) noexcept = default;  ///< Leaves `o` valid, its fields unspecified.
+    Selector& operator=(const Selector& o);     ///< Unchanged when it throws.
+    Selector& operator=(Selector&& o) noexcept = default;  ///< Leaves `o` as the move above.
+    ~Selector() = default;                                 ///< Never throws.
 
     /// @return the namespace; NS_NONE when the text gave none
     namespace_t ns() const noexcept
@@ -142,10 +141,9 @@ public:
         return repository_;
     }
 
-    /// Never throws.
-    /// @return whether the namespace is NS_DEFAULT or NS_NONE, the domain PD_NONE, the resource
-    /// type
-    ///   0, and name and repository are empty
+    /// Whether the selector addresses nothing. Never throws.
+    /// @return true when the namespace is NS_DEFAULT or NS_NONE, the domain PD_NONE, the resource
+    ///         type 0, and name and repository are empty
     bool is_nil() const;
 
     /// The full text form, which the constructor parses. A selector that was parsed, has the domain
@@ -158,38 +156,40 @@ public:
     /// @return the text; empty when no field has one
     UString to_string_with_domain() const;
 
-    /// The short text form: the namespace first, the domain in front of the repository, as in
-    /// `file:/src/main.c@vd./vobs/proj`, `vob:@vd./vobs/proj`, `repo/vob:@vd./vobs/proj`. The
-    /// constructor does not read it.
+    /// The short text form, which the constructor does not read: the namespace first, the domain in
+    /// front of the repository, as in
+    /// @verbatim
+    /// file:/src/main.c@vd./vobs/proj
+    /// repo/vob:@vd./vobs/proj
+    /// @endverbatim
     /// Deliberate: it shares its cache with to_string_with_domain(), see there.
     /// @return the text; empty for a pseudo-namespace unless a text is cached
     UString selector() const;
 
-    /// The selector of something below this one's name: the segments of both names, joined with
-    /// "/". Deliberate: this normalises the name. It neither begins nor ends with "/" and holds no
-    /// "//"
-    /// (`/src` with the child `a.c` is `src/a.c`).
+    /// The selector of something below this one's name: the segments of both, joined with "/".
+    /// Deliberate: this normalises the name, which then neither begins nor ends with "/" and holds
+    /// no "//": `/src` with the child `a.c` is `src/a.c`.
     /// @param child_name  one or more segments, already encoded; empty adds none
     /// @param ns          the namespace of the result; NS_NONE keeps this one's
     Selector child(const UString& child_name, namespace_t ns = NS_NONE) const;
 
-    /// The selector one level up: the name without its last segment; when it has none, the
-    /// repository without its last segment; when that has none either, the same with the first of
-    /// resource type, namespace and domain that is set taken away. Names are normalised as by
-    /// child(), and one that holds only separators is emptied on the way; so repeated calls reach
-    /// the nil selector and stay.
+    /// The selector one level up. It loses the first of these that it has: the last segment of the
+    /// name, the last segment of the repository, the resource type, the namespace, the domain. So
+    /// repeated calls reach the nil selector, which is its own parent.
+    /// Deliberate: what is shortened is normalised as by child(); a name or repository of nothing
+    /// but separators has no segment and is emptied besides.
     Selector parent() const;
 
     /// This selector with another name.
     /// @param name  taken as given: neither encoded nor normalised
     Selector recompose_with_name(const UString& name) const;
 
-    /// Never throws.
+    /// The text of a namespace. Never throws.
     /// @param ns  a namespace
     /// @return its text; the empty text for a value outside the enumeration
     static const UString& namespace_string(namespace_t ns);
 
-    /// Never throws.
+    /// The text of a provider domain. Never throws.
     /// @param pd  a provider domain
     /// @return its text; the empty text for a value outside the enumeration
     static const UString& provider_domain_string(provider_domain_t pd);
@@ -203,12 +203,14 @@ public:
     /// @return the pieces in order; none when the text is empty or holds only separators
     static std::vector<UString> split_segments(const UString& text, const UString& separator);
 
+    /// A text with a part of it replaced wherever it occurs.
     /// @param source  the text to copy
     /// @param from    what to replace, found as by UString::find(); empty is never found
     /// @param to      what to put there; never searched again
     /// @return `source` with every occurrence of `from` replaced, left to right, without overlap
     static UString replaceAll(const UString& source, const UString& from, const UString& to);
 
+    /// A run of segments as one text.
     /// @param segments   the segments
     /// @param separator  what to write between two of them
     /// @param start      index of the first one wanted; past the last gives the empty text

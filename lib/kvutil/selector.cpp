@@ -293,8 +293,8 @@ std::size_t max_escapes(text_view_t segment)
 {
     if (segment.size() <= 256)
         return segment.size();
-    const auto delimiters = std::count_if(segment.begin(), segment.end(), is_delimiter);
-    return static_cast<std::size_t>(delimiters);
+    return count_units(segment, DELIMITERS[0], DELIMITERS[1], DELIMITERS[2], DELIMITERS[3],
+                       DELIMITERS[4]);
 }
 
 /// Copies what needs no escape.

@@ -2,6 +2,7 @@
 
 #include "ustring_impl.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <iterator>
@@ -48,7 +49,8 @@ void fill(Vocabulary& vocabulary, const Row (&rows)[size])
         const auto text = [&row = rows[i].text] {
             return constant_text_t::make(row.data(), static_cast<int>(row.size()));
         };
-        vocabulary.values[text()] = rows[i].value;
+        // The rows are nearly in the order of their texts, so most belong at the end.
+        vocabulary.values.emplace_hint(vocabulary.values.end(), text(), rows[i].value);
         vocabulary.texts[i] = text();
     }
 }
@@ -91,6 +93,12 @@ consteval hash_t make_hash()
 }
 constexpr hash_t HASH = make_hash();
 
+// operator== compares unit by unit, this as memory.
+bool is_same(std::u16string_view a, std::u16string_view b)
+{
+    return std::equal(a.begin(), a.end(), b.begin(), b.end());
+}
+
 }  // namespace
 
 InitMaps::InitMaps()
@@ -104,7 +112,7 @@ const Selector::namespace_t* find_namespace(std::u16string_view text) noexcept
     if (text.empty())
         return nullptr;
     const int index = HASH.slots[slot_of(text, HASH.factor)];
-    if (index == FREE || NAMESPACES[index].text != text)
+    if (index == FREE || !is_same(NAMESPACES[index].text, text))
         return nullptr;
     return &NAMESPACES[index].value;
 }
@@ -112,7 +120,7 @@ const Selector::namespace_t* find_namespace(std::u16string_view text) noexcept
 const Selector::provider_domain_t* find_domain(std::u16string_view text) noexcept
 {
     for (const auto& row : DOMAINS)
-        if (row.text == text)
+        if (is_same(row.text, text))
             return &row.value;
     return nullptr;
 }

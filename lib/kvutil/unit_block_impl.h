@@ -29,15 +29,25 @@ public:
     template <class... Units>
     std::size_t find(Units... wanted) const
     {
-        const auto bytes = static_cast<unsigned int>((places_of(wanted) | ...));
+        const unsigned int bytes = bytes_that_are(wanted...);
         return bytes == 0 ? SIZE : static_cast<std::size_t>(std::countr_zero(bytes)) / 2;
     }
 
-private:
-    int places_of(char16_t wanted) const
+    /// @return how many units are one of `wanted`
+    template <class... Units>
+    std::size_t count(Units... wanted) const
     {
-        return _mm_movemask_epi8(
-            _mm_cmpeq_epi16(units_, _mm_set1_epi16(static_cast<short>(wanted))));
+        return static_cast<std::size_t>(std::popcount(bytes_that_are(wanted...))) / 2;
+    }
+
+private:
+    /// Two bits for each unit.
+    template <class... Units>
+    unsigned int bytes_that_are(Units... wanted) const
+    {
+        const __m128i matches =
+            (_mm_cmpeq_epi16(units_, _mm_set1_epi16(static_cast<short>(wanted))) | ...);
+        return static_cast<unsigned int>(_mm_movemask_epi8(matches));
     }
 
     __m128i units_;
@@ -58,6 +68,12 @@ public:
         return ((unit_ == wanted) || ...) ? 0 : SIZE;
     }
 
+    template <class... Units>
+    std::size_t count(Units... wanted) const
+    {
+        return ((unit_ == wanted) || ...) ? 1 : 0;
+    }
+
 private:
     char16_t unit_;
 };
@@ -76,6 +92,19 @@ inline std::size_t find_unit(std::u16string_view text, char16_t unit, std::size_
         if (text[at] == unit)
             return at;
     return std::u16string_view::npos;
+}
+
+/// @return how many units of a text are one of `wanted`
+template <class... Units>
+std::size_t count_units(std::u16string_view text, Units... wanted)
+{
+    std::size_t result = 0;
+    std::size_t at = 0;
+    for (; at + unit_block_t::SIZE <= text.size(); at += unit_block_t::SIZE)
+        result += unit_block_t(text.data() + at).count(wanted...);
+    for (; at < text.size(); ++at)
+        result += static_cast<std::size_t>(((text[at] == wanted) || ...));
+    return result;
 }
 
 /// Copies the units of [in, end) in front of the first that is one of `stops`, or all. May write,
