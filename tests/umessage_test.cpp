@@ -882,6 +882,7 @@ TEST(UMessageRendering, TextConversionPrintsNumbers)
         {"%s", {LLONG_MIN}, "-9223372036854775808"},
         {"%s", {true}, "1"},
         {"%s", {'a'}, "a"},  // a character is a text of one
+        {"<%s>", {'\0'}, "<>"},
         {"%s", {2.5}, "2.5"},
         {"%s", {0.1}, "0.1"},
         {"%s", {1e100}, "1e+100"},

@@ -25,19 +25,22 @@ using ::cxPrintfArgVal;
 /// translate it, and fills its conversions with the arguments in order. The finished text is taken
 /// as UTF-8. What rendering promises, whatever the format says:
 ///
-/// | conversion                     | argument                 | prints |
-/// |--------------------------------|--------------------------|-------------------------------------|
-/// | "%d" and the integer family    | a character, an integer  | the number | | "%c" | a character,
-/// an integer  | the byte                            | | "%f" and the floating family   | a
-/// floating value         | the number                          | | "%s" | a text, a resource | the
-/// text                            | | integer family                 | a floating value         |
-/// the value cut towards zero; decimal text when it does not fit 64 bits | | floating family | a
-/// character, an integer  | the value                           | | "%s" | a character | the
-/// character                       | | "%s"                           | an integer               |
-/// its decimal text                    | | "%s" or "%c"                   | a floating value | its
-/// shortest decimal text           | | anything else                  | a text, a resource       |
-/// the text                            | | integer or floating family     | none | 0 | | "%s" |
-/// none                     | "(null)"                            | | "%c" | none | nothing |
+/// | conversion                | argument           | prints                                    |
+/// |---------------------------|--------------------|-------------------------------------------|
+/// | integers: d i o u x X     | character, integer | the number                                |
+/// | integers                  | floating value     | it, cut towards zero; beyond 64 bits as s |
+/// | floating: e f g a E F G A | floating value     | the number                                |
+/// | floating                  | character, integer | the number                                |
+/// | c                         | character, integer | the low byte; zero ends the text          |
+/// | c                         | floating value     | as s                                      |
+/// | s                         | text, resource     | the text                                  |
+/// | s                         | character          | the character                             |
+/// | s                         | integer            | its decimal text                          |
+/// | s                         | floating value     | its shortest decimal text                 |
+/// | any but s                 | text, resource     | the text                                  |
+/// | integers, floating        | none               | 0                                         |
+/// | s                         | none               | "(null)"                                  |
+/// | c                         | none               | nothing                                   |
 ///
 /// `%2$s` and `*2$` name arguments by number, and are safe to mix with conversions that take the
 /// next one. Width and precision are capped at 65,535. "%n" is never carried out: it stays in the

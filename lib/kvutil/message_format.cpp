@@ -293,12 +293,25 @@ void print_plainly(conversion_t& c, char letter)
     c.length = {};
 }
 
+// A zero byte would end the finished text, so a character that is not there prints nothing.
+void print_no_character(conversion_t& c, cxPrintfArgVal& record)
+{
+    print_plainly(c, 's');
+    record.p = "";
+}
+
 void fit_integer(conversion_t& c, const argument_t& arg, cxPrintfArgVal& record)
 {
     if (family_of(c.letter) == family_t::FLOATING)
         record.d = static_cast<long double>(arg.record.i);
-    else if (family_of(c.letter) == family_t::TEXT)
-        print_plainly(c, arg.held == held_t::CHARACTER ? 'c' : 'd');
+    else if (family_of(c.letter) != family_t::TEXT)
+        return;
+    else if (arg.held == held_t::INTEGER)
+        print_plainly(c, 'd');
+    else if (arg.record.i != 0)
+        print_plainly(c, 'c');
+    else
+        print_no_character(c, record);
 }
 
 bool fits_64_bits(long double d)
@@ -382,9 +395,7 @@ void rewriter_t::fit(conversion_t& c, const argument_t& arg, cxPrintfArgVal& rec
         if (family_of(c.letter) != family_t::TEXT)
             print_plainly(c, 's');
     } else if (family_of(c.letter) == family_t::CHARACTER) {
-        // A zero byte would end the finished text, so a character that is not there prints nothing.
-        print_plainly(c, 's');
-        record.p = "";
+        print_no_character(c, record);
     }
 }
 
