@@ -16,6 +16,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -24,6 +25,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -516,6 +518,37 @@ TEST_F(QmLoggerTest, TextCanBeReadBackFromItsLine)
     for (const std::string& text : texts_of(file()))
         read_back.push_back(unescaped(text));
     EXPECT_EQ(read_back, texts);
+}
+
+/// How a single byte stands in a line.
+std::string escaped_byte(int byte)
+{
+    constexpr std::string_view LETTERS = "tn..r";  // of 9 to 13
+    if (byte == '\\')
+        return "\\\\";
+    if (byte == '\t' || byte == '\n' || byte == '\r')
+        return std::string("\\") + LETTERS[static_cast<size_t>(byte - 9)];
+    if (byte >= 0x20 && byte < 0x7F)
+        return std::string(1, static_cast<char>(byte));
+    char text[8];
+    snprintf(text, sizeof text, "\\x%02x", static_cast<unsigned>(byte));
+    return text;
+}
+
+// Eight bytes are looked at together, so a byte's place must not matter.
+TEST_F(QmLoggerTest, TreatsEveryByteAlikeAtEveryPlace)
+{
+    QmLogger* const logger = initialize()->logger("Kvl");
+    std::vector<std::string> expected;
+    for (int byte = 0; byte < 256; ++byte)
+        for (size_t place = 0; place < 18; ++place) {
+            std::string text(18, 'x');
+            text[place] = static_cast<char>(byte);
+            logger->info(text, 0);
+            expected.push_back(std::string(place, 'x') + escaped_byte(byte) +
+                               std::string(17 - place, 'x'));
+        }
+    EXPECT_EQ(texts_of(file()), expected);
 }
 
 TEST_F(QmLoggerTest, NameIsOneWordOfTheLine)

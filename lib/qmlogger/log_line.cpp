@@ -2,10 +2,10 @@
 
 #include "fork_lock_impl.h"
 
-#include <array>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 namespace Log::LineImpl {
 namespace {
@@ -17,82 +17,121 @@ void append(memory_buf_t& out, std::string_view text)
     out.append(text.data(), text.data() + text.size());
 }
 
-void append_number(memory_buf_t& out, long number)
-{
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
-    out.append(digits, end);
-}
+/// A short text that is put together before it is appended. Its parts fit by their nature: a time
+/// has at most 32 characters, ids and a code at most 34.
+class short_text_t {
+public:
+    void add(char c) { *end_++ = c; }
+    void add_number(long number) { end_ = std::to_chars(end_, std::end(text_), number).ptr; }
 
-/// A number of fixed width with leading zeros.
-void append_padded(memory_buf_t& out, long number, int width)
-{
-    char digits[8];
-    for (int i = width; i-- > 0; number /= 10)
-        digits[i] = static_cast<char>('0' + number % 10);
-    out.append(digits, digits + width);
-}
+    /// A number of fixed width with leading zeros.
+    void add_padded(long number, int width)
+    {
+        for (int i = width; i-- > 0; number /= 10)
+            end_[i] = static_cast<char>('0' + number % 10);
+        end_ += width;
+    }
 
-void append_year(memory_buf_t& out, int year)
+    std::string_view view() const { return {text_, static_cast<std::size_t>(end_ - text_)}; }
+
+private:
+    char text_[64] = {};
+    char* end_ = text_;
+};
+
+void append_date(short_text_t& out, std::chrono::year_month_day date)
 {
+    const int year = static_cast<int>(date.year());
     if (year >= 0 && year <= 9999)
-        append_padded(out, year, 4);
+        out.add_padded(year, 4);
     else
-        append_number(out, year);
+        out.add_number(year);
+    out.add('-');
+    out.add_padded(static_cast<unsigned>(date.month()), 2);
+    out.add('-');
+    out.add_padded(static_cast<unsigned>(date.day()), 2);
+}
+
+void append_clock(short_text_t& out, std::chrono::hh_mm_ss<std::chrono::microseconds> clock)
+{
+    out.add_padded(clock.hours().count(), 2);
+    out.add(':');
+    out.add_padded(clock.minutes().count(), 2);
+    out.add(':');
+    out.add_padded(clock.seconds().count(), 2);
+    out.add('.');
+    out.add_padded(clock.subseconds().count(), 6);
 }
 
 void append_time(memory_buf_t& out, std::chrono::system_clock::time_point time)
 {
     using namespace std::chrono;
     const auto day = floor<days>(time);
-    const year_month_day date(day);
-    const hh_mm_ss clock(floor<microseconds>(time - day));
-    append_year(out, static_cast<int>(date.year()));
-    out.push_back('-');
-    append_padded(out, static_cast<unsigned>(date.month()), 2);
-    out.push_back('-');
-    append_padded(out, static_cast<unsigned>(date.day()), 2);
-    out.push_back('T');
-    append_padded(out, clock.hours().count(), 2);
-    out.push_back(':');
-    append_padded(out, clock.minutes().count(), 2);
-    out.push_back(':');
-    append_padded(out, clock.seconds().count(), 2);
-    out.push_back('.');
-    append_padded(out, clock.subseconds().count(), 6);
-    out.push_back('Z');
+    short_text_t text;
+    append_date(text, day);
+    text.add('T');
+    append_clock(text, hh_mm_ss(floor<microseconds>(time - day)));
+    text.add('Z');
+    append(out, text.view());
 }
 
 void append_ids(memory_buf_t& out, int code)
 {
     const auto ids = ForkImpl::current_ids();
-    append_number(out, ids.process);
-    out.push_back(':');
-    append_number(out, ids.thread);
+    short_text_t text;
+    text.add_number(ids.process);
+    text.add(':');
+    text.add_number(ids.thread);
     if (code != 0) {
-        out.push_back(':');
-        append_number(out, code);
+        text.add(':');
+        text.add_number(code);
     }
+    append(out, text.view());
 }
 
 // -- escapes --------------------------------------------------------------------------------------
 
-/// The bytes that stand in a line as they are, whatever surrounds them.
-constexpr auto PLAIN = [] {
-    std::array<bool, 256> plain{};
-    for (unsigned c = 0x20; c < 0x7F; ++c)
-        plain[c] = c != '\\';
-    return plain;
-}();
+constexpr std::uint64_t in_each_byte(std::uint64_t byte)
+{
+    return byte * 0x0101010101010101;
+}
+
+/// Whether some byte of eight is zero. (There may be false alarms beside one that is.)
+constexpr std::uint64_t zero_bytes(std::uint64_t bytes)
+{
+    return (bytes - in_each_byte(0x01)) & ~bytes & in_each_byte(0x80);
+}
+
+/// Whether eight bytes are all ASCII and none of them needs an escape.
+constexpr bool are_plain(std::uint64_t bytes)
+{
+    const std::uint64_t below_blank = (bytes - in_each_byte(0x20)) & ~bytes;
+    return ((bytes | below_blank) & in_each_byte(0x80)) == 0 &&
+           zero_bytes(bytes ^ in_each_byte('\\')) == 0 &&
+           zero_bytes(bytes ^ in_each_byte(0x7F)) == 0;
+}
+
+constexpr bool is_plain(unsigned byte)
+{
+    return byte >= 0x20 && byte < 0x7F && byte != '\\';
+}
 
 unsigned byte_at(std::string_view text, std::size_t position)
 {
     return static_cast<unsigned char>(text[position]);
 }
 
-bool is_plain(char c)
+/// @return  the end of the bytes from `position` that are ASCII and need no escape
+std::size_t end_of_plain(std::string_view text, std::size_t position)
 {
-    return PLAIN[static_cast<unsigned char>(c)];
+    for (std::uint64_t bytes; text.size() - position >= sizeof bytes; position += sizeof bytes) {
+        std::memcpy(&bytes, text.data() + position, sizeof bytes);
+        if (!are_plain(bytes))
+            break;
+    }
+    while (position < text.size() && is_plain(byte_at(text, position)))
+        ++position;
+    return position;
 }
 
 void append_hexadecimal(memory_buf_t& out, char kind, unsigned value, int digits)
@@ -155,35 +194,40 @@ bool is_harmful(char32_t c)
            (c >= 0x2066 && c <= 0x2069);
 }
 
-/// @return  how many bytes of the text have been dealt with
-std::size_t append_beyond_ascii(memory_buf_t& out, std::string_view text, std::size_t position)
+/// @return  the end of the text from `position` that stands in a line as it is
+std::size_t end_of_clean(std::string_view text, std::size_t position)
+{
+    for (;;) {
+        position = end_of_plain(text, position);
+        if (position == text.size() || byte_at(text, position) < 0x80)
+            return position;
+        const auto [code_point, size] = read_character(text, position);
+        if (size == 0 || is_harmful(code_point))
+            return position;
+        position += size;
+    }
+}
+
+/// @return  the end of what has been escaped: a byte or a character
+std::size_t append_escape(memory_buf_t& out, std::string_view text, std::size_t position)
 {
     const auto [code_point, size] = read_character(text, position);
-    if (size == 0) {
-        append_escaped_byte(out, byte_at(text, position));
-        return 1;
-    }
-    if (is_harmful(code_point))
+    if (size != 0) {
         append_hexadecimal(out, 'u', code_point, 4);
-    else
-        append(out, text.substr(position, size));
-    return size;
+        return position + size;
+    }
+    append_escaped_byte(out, byte_at(text, position));
+    return position + 1;
 }
 
 void append_escaped(memory_buf_t& out, std::string_view text)
 {
-    for (std::size_t position = 0; position < text.size();) {
-        std::size_t end = position;
-        while (end < text.size() && is_plain(text[end]))
-            ++end;
+    for (std::size_t position = 0;;) {
+        const std::size_t end = end_of_clean(text, position);
         append(out, text.substr(position, end - position));
-        position = end;
-        if (position == text.size())
+        if (end == text.size())
             return;
-        if (byte_at(text, position) < 0x80)
-            append_escaped_byte(out, byte_at(text, position++));
-        else
-            position += append_beyond_ascii(out, text, position);
+        position = append_escape(out, text, end);
     }
 }
 
