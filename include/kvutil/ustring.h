@@ -299,11 +299,21 @@ protected:
 private:
     friend struct constant_text_t;
     struct alias_t {};
+    struct capacity_t {
+        std::size_t units;
+    };
 
     UString(alias_t, const char16_t* text, int length_units) noexcept;
+    explicit UString(capacity_t capacity);
+    UString(const char16_t* units, std::size_t count);
+    UString(const Utf8String& u, std::size_t length);
     UString& splice(unsigned int pos, unsigned int n, const char16_t* s, std::size_t count);
     UString& replace_all(const char16_t* s, std::size_t count);
     UString& adopt(icu::UnicodeString& text) noexcept;
+    void move_to_capacity(std::size_t units);
+    template <class Write>
+    UString& overwrite(std::size_t length, Write write);
+    UString& decode_utf8(const std::string& bytes, std::size_t length);
     const charset_converter_t* converter_for(const char* charset) const;
 
     // The converter used last, or null. A cache: no copy, move or swap hands it on.

@@ -66,10 +66,9 @@ charset_converter_t::~charset_converter_t()
 
 charset_converter_t* take_converter(const char* name)
 {
-    if (charset_converter_t* const idle = take_idle(name)) {
-        ucnv_reset(idle->handle);
+    // Whole texts are all that strings convert, and each such conversion resets the converter.
+    if (charset_converter_t* const idle = take_idle(name))
         return idle;
-    }
     auto opened = std::make_unique<charset_converter_t>(name);
     if (opened->open_status == U_MEMORY_ALLOCATION_ERROR)
         throw std::bad_alloc();

@@ -24,7 +24,8 @@ struct charset_converter_t {
 // strings no longer need waits here for the next string, a bounded number of them.
 // Neither operation blocks, so both may be used at exit and after a fork.
 
-/// A converter in its initial state, an idle one if there is one of this name.
+/// A converter with its default callbacks, an idle one if there is one of this name. Which state it
+/// is in does not matter to ucnv_toUChars() and ucnv_fromUChars(), which reset it first.
 /// @param name  not null
 /// @return      owned by the caller, who gives it back; null when ICU has none of this name
 /// @throws std::bad_alloc there is no memory to open it

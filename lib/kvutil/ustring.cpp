@@ -1,7 +1,10 @@
 #include <kvutil/ustring.h>
 
 #include "converter_pool_impl.h"
+#include "search_impl.h"
+#include "storage_impl.h"
 #include "units_impl.h"
+#include "utf8_impl.h"
 
 #include <unicode/uchar.h>
 #include <unicode/ucnv.h>
@@ -9,13 +12,13 @@
 #include <unicode/utf16.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
-#include <bitset>
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -25,78 +28,13 @@ namespace {
 
 using icu::UnicodeString;
 
-// ICU's own limit, of which it makes no constant.
-constexpr std::int64_t MAX_CAPACITY = INT_MAX - 10;
 constexpr const char UTF8_NAME[] = "UTF-8";
 constexpr const char DEFAULT_NAME[] = "DEFAULT";
-
-// Whether the units may be written where they are. ICU decides that for itself and asks nobody: a
-// write to a shared or read-only buffer allocates first, and when that fails the text is lost.
-// To keep the text we must know beforehand, and ICU has no public way to ask. An explicit
-// instantiation may name a private member; should ICU rename it, this does not compile.
-struct is_buffer_writable_t {
-    friend constexpr auto member_named_by(is_buffer_writable_t);
-};
-template <class Name, auto Member>
-struct private_member_t {
-    friend constexpr auto member_named_by(Name) { return Member; }
-};
-template struct private_member_t<is_buffer_writable_t, &UnicodeString::isBufferWritable>;
-
-bool is_exclusive(const UnicodeString& text)
-{
-    return (text.*member_named_by(is_buffer_writable_t()))() != 0;
-}
-
-// A bogus string, or one whose buffer the caller has opened, ignores every edit, as in ICU.
-bool is_editable(const UnicodeString& text)
-{
-    return text.getBuffer() != nullptr;
-}
-
-UnicodeString empty_text_of_capacity(std::int64_t units)
-{
-    if (units > MAX_CAPACITY)
-        throw std::bad_alloc();
-    UnicodeString text(static_cast<std::int32_t>(units), 0, 0);
-    if (text.isBogus())
-        throw std::bad_alloc();
-    return text;
-}
-
-// Room to spare, so that appending unit by unit stays linear.
-std::int64_t grown_capacity(std::int64_t units)
-{
-    return units > MAX_CAPACITY ? units : std::min(units + units / 4 + 128, MAX_CAPACITY);
-}
 
 void throw_if_copy_failed(const UnicodeString& copy, const UnicodeString& source)
 {
     if (copy.isBogus() && !source.isBogus())
         throw std::bad_alloc();
-}
-
-bool is_inside(const void* place, const void* begin, const void* end)
-{
-    return std::less_equal<>()(begin, place) && std::less<>()(place, end);
-}
-
-// ICU copies and moves the inline units without what stands behind them. Terminating them here
-// spares c_str() a write.
-void terminate_inline(UnicodeString& text)
-{
-    const char16_t* const units = text.getBuffer();
-    if (is_inside(units, &text, &text + 1) && text.length() < text.getCapacity())
-        const_cast<char16_t*>(units)[text.length()] = 0;
-}
-
-// The caller knows that the buffer may be written.
-void set_length(UnicodeString& text, std::int64_t length)
-{
-    char16_t* const units = text.getBuffer(-1);
-    if (length < text.getCapacity())
-        units[length] = 0;
-    text.releaseBuffer(static_cast<std::int32_t>(length));
 }
 
 unsigned int pinned(unsigned int pos, unsigned int length)
@@ -126,6 +64,17 @@ std::int32_t signed_position(unsigned int start)
     return static_cast<std::int32_t>(start);
 }
 
+// What a search from `from` on found, as a position in the whole text.
+int position(std::size_t found, unsigned int from)
+{
+    return found == NOT_FOUND ? -1 : static_cast<int>(from + found);
+}
+
+int find_view(std::u16string_view text, std::u16string_view wanted, unsigned int from)
+{
+    return wanted.empty() ? -1 : position(find_text(text.substr(from), wanted), from);
+}
+
 }  // namespace
 
 // ---- construction ----
@@ -151,9 +100,22 @@ UString::UString(UString&& o) noexcept : icu::UnicodeString(std::move(o))
 
 UString::UString(const unsigned short* zero_terminated) : UString(to_char16(zero_terminated)) {}
 
-UString::UString(const char16_t* zero_terminated) : UString()
+UString::UString(const char16_t* zero_terminated)
+    : UString(zero_terminated, units_in(zero_terminated))
 {
-    replace_all(zero_terminated, units_in(zero_terminated));
+}
+
+UString::UString(const char16_t* units, std::size_t count) : UString(capacity_t{count})
+{
+    std::char_traits<char16_t>::copy(writable(*this), units, count);
+    set_length(*this, count);
+}
+
+UString::UString(capacity_t capacity) : icu::UnicodeString(checked_capacity(capacity.units), 0, 0)
+{
+    initialize();
+    if (isBogus())
+        throw std::bad_alloc();
 }
 
 // Deliberate: a byte above 0x7F loses its high bit. Meant for ASCII literals.
@@ -162,50 +124,40 @@ UString::UString(char c) : UString()
     append(static_cast<unsigned short>(c & 0x7F));
 }
 
-UString::UString(const Utf8String& u) : UString()
-{
-    utf8_assign(u);
-}
-
 UString::UString(const char* bytes, const char* charset) : UString()
 {
     assign(std::string(bytes == nullptr ? "" : bytes), charset);
 }
 
-UString::UString(const std::basic_string<unsigned short>& units) : UString()
+UString::UString(const std::basic_string<unsigned short>& units)
+    : UString(to_char16(units.data()), units.size())
 {
-    replace_all(to_char16(units.data()), units.size());
 }
 
-UString::UString(const std::u16string& units) : UString()
-{
-    replace_all(units.data(), units.size());
-}
+UString::UString(const std::u16string& units) : UString(units.data(), units.size()) {}
 
 UString::UString(const std::wstring& w) : UString()
 {
     if (w.empty())
         return;
     // Deliberate: wide text is converted behind a U+0000, which stays.
-    std::int64_t length = 1;
+    std::size_t length = 1;
     for (const wchar_t c : w)
         length += static_cast<std::uint32_t>(c) <= 0xFFFF     ? 1
                   : static_cast<std::uint32_t>(c) <= 0x10FFFF ? 2
                                                               : 0;
-    UnicodeString text = empty_text_of_capacity(length);
-    char16_t* to = text.getBuffer(-1);
-    *to++ = 0;
-    for (const wchar_t wide : w) {
-        const auto c = static_cast<std::uint32_t>(wide);
-        if (c <= 0xFFFF) {
-            *to++ = static_cast<char16_t>(c);
-        } else if (c <= 0x10FFFF) {
-            *to++ = U16_LEAD(c);
-            *to++ = U16_TRAIL(c);
+    overwrite(length, [&w](char16_t* to, const char16_t*) {
+        *to++ = 0;
+        for (const wchar_t wide : w) {
+            const auto c = static_cast<std::uint32_t>(wide);
+            if (c <= 0xFFFF) {
+                *to++ = static_cast<char16_t>(c);
+            } else if (c <= 0x10FFFF) {
+                *to++ = U16_LEAD(c);
+                *to++ = U16_TRAIL(c);
+            }
         }
-    }
-    text.releaseBuffer(static_cast<std::int32_t>(length));
-    adopt(text);
+    });
 }
 
 UString::UString(alias_t, const char16_t* text, int length_units) noexcept
@@ -257,16 +209,10 @@ const unsigned short* UString::c_str() const
         return to_units(units);
     // The terminator lies outside the text, so to write it does not change the value.
     UString& self = const_cast<UString&>(*this);
-    if (length() < capacity() && is_exclusive(*this)) {
+    if (length() < capacity() && is_exclusive(*this))
         set_length(self, length());
-    } else {
-        UnicodeString copy =
-            empty_text_of_capacity(std::int64_t{capacity()} + (length() < capacity() ? 0 : 1));
-        std::copy_n(units, length(), copy.getBuffer(-1));
-        copy.releaseBuffer(static_cast<std::int32_t>(length()));
-        set_length(copy, length());
-        self.adopt(copy);
-    }
+    else
+        self.move_to_capacity(length() < capacity() ? capacity() : capacity() + 1);
     return to_units(getBuffer());
 }
 
@@ -280,21 +226,18 @@ UString UString::substr(unsigned int pos, unsigned int n) const
 
 int UString::find(unsigned short ch, unsigned int start) const
 {
-    return indexOf(static_cast<char16_t>(ch), signed_position(start));
+    const unsigned int from = pinned(start, length());
+    return position(find_unit(view(*this).substr(from), static_cast<char16_t>(ch)), from);
 }
 
 int UString::find(const unsigned short* s, unsigned int start) const
 {
-    const std::u16string_view text = needle(s);
-    return text.empty() || text.size() > length()
-               ? -1
-               : indexOf(text.data(), static_cast<std::int32_t>(text.size()),
-                         signed_position(start));
+    return find_view(view(*this), needle(s), pinned(start, length()));
 }
 
 int UString::find(const UString& s, unsigned int start) const
 {
-    return indexOf(s, signed_position(start));
+    return find_view(view(*this), view(s), pinned(start, length()));
 }
 
 int UString::find_last(unsigned short ch, unsigned int start) const
@@ -321,32 +264,18 @@ int UString::find_first_of(unsigned short ch, unsigned int start) const
     return find(ch, start);
 }
 
-namespace {
-
-unsigned int find_unit_of(std::u16string_view set, std::u16string_view text, unsigned int start)
-{
-    // A table of all units keeps the search linear whatever the size of the set.
-    if (set.empty())
-        return UString::npos;
-    std::bitset<0x10000> wanted;
-    for (const char16_t unit : set)
-        wanted.set(unit);
-    for (std::size_t pos = start; pos < text.size(); ++pos)
-        if (wanted[text[pos]])
-            return static_cast<unsigned int>(pos);
-    return UString::npos;
-}
-
-}  // namespace
-
 unsigned int UString::find_first_of(const unsigned short* set, unsigned int start) const
 {
-    return find_unit_of(needle(set), view(*this), pinned(start, length()));
+    const unsigned int from = pinned(start, length());
+    return static_cast<unsigned int>(
+        position(find_unit_of(view(*this).substr(from), needle(set)), from));
 }
 
 unsigned int UString::find_first_of(const UString& set, unsigned int start) const
 {
-    return find_unit_of(view(set), view(*this), pinned(start, length()));
+    const unsigned int from = pinned(start, length());
+    return static_cast<unsigned int>(
+        position(find_unit_of(view(*this).substr(from), view(set)), from));
 }
 
 int UString::compare(const unsigned short* s) const
@@ -376,21 +305,19 @@ int UString::compare(unsigned int pos, unsigned int n, const UString& s) const
 // edit comes here: either it needs no memory, or a new text is complete before the old one goes.
 UString& UString::splice(unsigned int pos, unsigned int n, const char16_t* s, std::size_t count)
 {
-    if (!is_editable(*this))
+    if (is_open(*this) || isBogus())
         return *this;
-    if (count > static_cast<std::size_t>(MAX_CAPACITY))
-        throw std::bad_alloc();
     using traits = std::char_traits<char16_t>;
     const std::size_t from = pinned(pos, length());
     const std::size_t removed = std::min<std::size_t>(n, length() - from);
     const std::size_t tail = length() - from - removed;
-    const auto new_length = static_cast<std::int64_t>(from + count + tail);
+    const std::size_t new_length = from + count + tail;
     const char16_t* const old = getBuffer();
 
-    const bool fits = new_length <= getCapacity() && is_exclusive(*this);
+    const bool fits = new_length <= capacity() && is_exclusive(*this);
     const bool replaces_all = from == 0 && tail == 0;
     if (fits && (replaces_all || !is_inside(s, old, old + capacity()))) {
-        char16_t* const units = const_cast<char16_t*>(old);
+        char16_t* const units = writable(*this);
         if (removed != count)
             traits::move(units + from + count, units + from + removed, tail);
         traits::move(units + from, s, count);
@@ -399,30 +326,50 @@ UString& UString::splice(unsigned int pos, unsigned int n, const char16_t* s, st
     }
 
     UnicodeString text = empty_text_of_capacity(fits ? new_length : grown_capacity(new_length));
-    char16_t* const units = text.getBuffer(-1);
+    char16_t* const units = writable(text);
     traits::copy(units, old, from);
     traits::copy(units + from, s, count);
     traits::copy(units + from + count, old + from + removed, tail);
-    text.releaseBuffer(static_cast<std::int32_t>(new_length));
     set_length(text, new_length);
     return adopt(text);
 }
 
+// Replaces the text by `length` units, which `write` puts where it is told without throwing.
+template <class Write>
+UString& UString::overwrite(std::size_t length, Write write)
+{
+    if (is_open(*this))
+        return *this;
+    if (length > capacity() || !is_exclusive(*this)) {
+        UString text(capacity_t{length});
+        text.overwrite(length, write);
+        return adopt(text);
+    }
+    write(writable(*this), writable(*this) + capacity());
+    set_length(*this, length);
+    return *this;
+}
+
 UString& UString::replace_all(const char16_t* s, std::size_t count)
 {
-    if (!isBogus())
-        return splice(0, npos, s, count);
-    UString text;
-    text.splice(0, 0, s, count);
-    return adopt(text);
+    return overwrite(count, [s, count](char16_t* to, const char16_t*) {
+        std::char_traits<char16_t>::move(to, s, count);
+    });
+}
+
+void UString::move_to_capacity(std::size_t units)
+{
+    UnicodeString text = empty_text_of_capacity(units);
+    std::char_traits<char16_t>::copy(writable(text), getBuffer(), length());
+    set_length(text, length());
+    adopt(text);
 }
 
 UString& UString::assign(const UString& s)
 {
-    const bool is_open = !isBogus() && !is_editable(*this);
     if (s.isBogus())
         return clear();
-    if (this == &s || is_open)
+    if (this == &s || is_open(*this))
         return *this;
     // What does not fit is shared with `s`, which costs nothing.
     return s.length() <= capacity() ? replace_all(s.getBuffer(), s.length()) : *this = s;
@@ -441,8 +388,14 @@ UString& UString::assign(const char16_t* s, unsigned int n)
 
 UString& UString::append(unsigned short ch)
 {
+    const unsigned int end = length();
+    if (end < capacity() && is_exclusive(*this)) {
+        writable(*this)[end] = ch;
+        set_length(*this, std::size_t{end} + 1);
+        return *this;
+    }
     const char16_t unit = ch;
-    return splice(length(), 0, &unit, 1);
+    return splice(end, 0, &unit, 1);
 }
 
 UString& UString::append(const unsigned short* s)
@@ -540,13 +493,10 @@ UString& UString::trim()
 
 UString& UString::reserve(unsigned int n)
 {
-    if (!is_editable(*this) || n <= capacity())
-        return *this;
-    UnicodeString text = empty_text_of_capacity(n);
-    std::char_traits<char16_t>::copy(text.getBuffer(-1), getBuffer(), length());
-    text.releaseBuffer(icu::UnicodeString::length());
-    set_length(text, length());
-    return adopt(text);
+    const bool is_editable = !is_open(*this) && !isBogus();
+    if (is_editable && n > capacity())
+        move_to_capacity(n);
+    return *this;
 }
 
 UString operator+(const UString& a, const UString& b)
@@ -558,44 +508,98 @@ UString operator+(const UString& a, const UString& b)
 
 // ---- UTF-8 ----
 
+namespace {
+
+std::size_t checked_utf16_length_of(const std::string& bytes)
+{
+    if (bytes.size() > INT_MAX)
+        throw std::bad_alloc();
+    return utf16_length_of(bytes);
+}
+
+}  // namespace
+
+UString::UString(const Utf8String& u) : UString(u, checked_utf16_length_of(u)) {}
+
+UString::UString(const Utf8String& u, std::size_t length) : UString(capacity_t{length})
+{
+    if (length == 0)
+        return;
+    utf8_to_utf16(u, length, writable(*this), writable(*this) + capacity());
+    set_length(*this, length);
+}
+
 UString& UString::utf8_assign(const Utf8String& u)
 {
-    if (u.empty())
-        return clear();
-    if (u.size() > INT_MAX)
-        throw std::bad_alloc();
-    const auto size = static_cast<std::int32_t>(u.size());
-    std::int32_t length = 0;
-    UErrorCode status = U_ZERO_ERROR;
-    u_strFromUTF8(nullptr, 0, &length, u.data(), size, &status);
-    if (status != U_BUFFER_OVERFLOW_ERROR)
-        return clear();
-    status = U_ZERO_ERROR;
-    UnicodeString text = empty_text_of_capacity(std::int64_t{length} + 1);
-    u_strFromUTF8(text.getBuffer(-1), length + 1, nullptr, u.data(), size, &status);
-    text.releaseBuffer(length);
-    return adopt(text);
+    return decode_utf8(u, checked_utf16_length_of(u));
 }
+
+// @param length  0 when the bytes are malformed
+UString& UString::decode_utf8(const std::string& bytes, std::size_t length)
+{
+    if (length == 0)
+        return clear();
+    return overwrite(length, [&](char16_t* to, const char16_t* limit) {
+        utf8_to_utf16(bytes, length, to, limit);
+    });
+}
+
+namespace {
+
+// Texts are converted piece by piece on the stack, so that the bytes are made once and to measure.
+constexpr std::size_t PIECE = 1024;
+
+std::u16string_view first_piece(std::u16string_view text)
+{
+    const bool cuts_pair = text.size() > PIECE && U16_IS_LEAD(text[PIECE - 1]);
+    return text.substr(0, cuts_pair ? PIECE - 1 : PIECE);
+}
+
+// Room for `text` behind the bytes.
+void reserve_for(std::u16string_view text, std::string& bytes)
+{
+    const std::size_t size = bytes.size() + utf8_size_of(text).value_or(0);
+    if (size > INT_MAX)
+        throw std::bad_alloc();
+    bytes.reserve(size);
+}
+
+// @return  false when there is an unpaired surrogate
+bool append_utf8(std::u16string_view text, std::string& bytes)
+{
+    std::array<char, utf8_room_for(PIECE)> buffer;
+    for (bool is_measured = text.size() <= PIECE; !text.empty();) {
+        const std::u16string_view piece = first_piece(text);
+        bool has_zero = false;
+        const char* const end = utf16_to_utf8(piece, buffer.data(), has_zero);
+        if (end == nullptr)
+            return false;
+        const std::string_view converted(buffer.data(),
+                                         static_cast<std::size_t>(end - buffer.data()));
+        // Most texts are ASCII, so the rest is measured only at the first piece that is not.
+        if (converted.size() != piece.size() && !std::exchange(is_measured, true))
+            reserve_for(text, bytes);
+        // Deliberate: a U+0000 ends the bytes, though the text behind it is looked at.
+        const std::size_t zero = has_zero ? converted.find('\0') : converted.size();
+        bytes.append(converted.substr(0, zero));
+        text.remove_prefix(piece.size());
+        if (has_zero)
+            return utf8_size_of(text).has_value();
+    }
+    return true;
+}
+
+}  // namespace
 
 Utf8String UString::utf8_str() const
 {
-    Utf8String result;
-    if (empty())
-        return result;
-    std::int32_t size = 0;
-    UErrorCode status = U_ZERO_ERROR;
-    const auto units = icu::UnicodeString::length();
-    u_strToUTF8(nullptr, 0, &size, getBuffer(), units, &status);
-    if (status == U_INDEX_OUTOFBOUNDS_ERROR)
-        throw std::bad_alloc();
-    if (status != U_BUFFER_OVERFLOW_ERROR)
-        return result;
-    status = U_ZERO_ERROR;
-    result.resize(static_cast<std::size_t>(size));
-    u_strToUTF8(result.data(), size, nullptr, getBuffer(), units, &status);
-    // Deliberate: a U+0000 ends the bytes.
-    result.resize(std::strlen(result.c_str()));
-    return result;
+    const std::u16string_view text = view(*this);
+    Utf8String bytes;
+    if (text.size() > PIECE)
+        bytes.reserve(text.size());
+    if (!append_utf8(text, bytes))
+        bytes.clear();
+    return bytes;
 }
 
 // ---- charsets ----
@@ -621,34 +625,62 @@ const charset_converter_t* UString::converter_for(const char* charset) const
     return converter_;
 }
 
+namespace {
+
+bool is_utf8(const char* charset)
+{
+    return charset != nullptr && std::strcmp(charset, UTF8_NAME) == 0;
+}
+
+void throw_if_no_memory(UErrorCode status)
+{
+    if (status == U_MEMORY_ALLOCATION_ERROR)
+        throw std::bad_alloc();
+}
+
+// The length of the whole text, also of what there was no room for. Any other failure than that of
+// memory shows as substitution characters.
+std::size_t convert_in(UConverter* converter, std::string_view bytes, char16_t* to,
+                       std::size_t room)
+{
+    UErrorCode status = U_ZERO_ERROR;
+    const std::int32_t length =
+        ucnv_toUChars(converter, to, static_cast<std::int32_t>(room), bytes.data(),
+                      static_cast<std::int32_t>(bytes.size()), &status);
+    throw_if_no_memory(status);
+    return static_cast<std::size_t>(length);
+}
+
+// Hardly any bytes make more than one unit each, so the first room mostly is enough.
+UnicodeString converted_in(UConverter* converter, std::string_view bytes)
+{
+    std::size_t length = bytes.size();
+    for (;;) {
+        UnicodeString text = empty_text_of_capacity(length);
+        const auto room = static_cast<std::size_t>(text.getCapacity());
+        length = convert_in(converter, bytes, writable(text), room);
+        if (length <= room) {
+            set_length(text, length);
+            return text;
+        }
+    }
+}
+
+}  // namespace
+
 UString* UString::assign(const std::string& bytes, const char* charset)
 {
     if (bytes.empty())
         return &clear();
-    if (charset != nullptr && std::strcmp(charset, UTF8_NAME) == 0)
+    if (is_utf8(charset))
         return &utf8_assign(Utf8String(bytes));
     const charset_converter_t* const converter = converter_for(charset);
     if (converter == nullptr)
         return nullptr;
     if (bytes.size() > INT_MAX)
         throw std::bad_alloc();
-    const auto size = static_cast<std::int32_t>(bytes.size());
-    UErrorCode status = U_ZERO_ERROR;
-    UnicodeString text = empty_text_of_capacity(2 * std::int64_t{size});
-    std::int32_t length = ucnv_toUChars(converter->handle, text.getBuffer(-1), text.getCapacity(),
-                                        bytes.data(), size, &status);
-    if (status == U_BUFFER_OVERFLOW_ERROR) {
-        status = U_ZERO_ERROR;
-        text.releaseBuffer(0);
-        text = empty_text_of_capacity(length);
-        length = ucnv_toUChars(converter->handle, text.getBuffer(-1), text.getCapacity(),
-                               bytes.data(), size, &status);
-    }
-    text.releaseBuffer(length);
-    if (status == U_MEMORY_ALLOCATION_ERROR)
-        throw std::bad_alloc();
-    adopt(text);
-    return this;
+    UnicodeString text = converted_in(converter->handle, bytes);
+    return is_open(*this) ? this : &adopt(text);
 }
 
 UString& UString::assign(const std::string& bytes, const char* charset, bool& failed)
@@ -657,29 +689,46 @@ UString& UString::assign(const std::string& bytes, const char* charset, bool& fa
     return *this;
 }
 
+namespace {
+
+// @param buffer  `size` bytes for ICU and one more, all zero, since some converters leave no
+//                terminator
+std::string convert_out(UConverter* converter, std::u16string_view text, char* buffer,
+                        std::int64_t size, bool& failed)
+{
+    UErrorCode status = U_ZERO_ERROR;
+    ucnv_fromUChars(converter, buffer, static_cast<std::int32_t>(size), text.data(),
+                    static_cast<std::int32_t>(text.size()), &status);
+    throw_if_no_memory(status);
+    failed = status != U_ZERO_ERROR;
+    return buffer;
+}
+
+}  // namespace
+
 std::string UString::std_str(const char* charset, bool& failed) const
 {
     failed = false;
     if (empty())
         return {};
-    if (charset != nullptr && std::strcmp(charset, UTF8_NAME) == 0)
+    if (is_utf8(charset))
         return utf8_str();
     // Deliberate: an unknown charset gives an empty result and no failure.
     const charset_converter_t* const converter = converter_for(charset);
     if (converter == nullptr)
         return {};
+    // The size decides what ICU reports, so it is this one whatever the buffer could hold.
     const std::int64_t size = std::int64_t{ucnv_getMaxCharSize(converter->handle)} * length() + 1;
     if (size > INT_MAX)
         throw std::bad_alloc();
-    // One byte more than ICU is told of, since some converters leave no terminator.
-    std::string buffer(static_cast<std::size_t>(size) + 1, '\0');
-    UErrorCode status = U_ZERO_ERROR;
-    ucnv_fromUChars(converter->handle, buffer.data(), static_cast<std::int32_t>(size), getBuffer(),
-                    icu::UnicodeString::length(), &status);
-    if (status == U_MEMORY_ALLOCATION_ERROR)
-        throw std::bad_alloc();
-    failed = status != U_ZERO_ERROR;
-    return buffer.c_str();
+    const auto owned = static_cast<std::size_t>(size) + 1;
+    std::array<char, 1024> buffer;
+    if (owned > buffer.size()) {
+        std::string long_buffer(owned, '\0');
+        return convert_out(converter->handle, view(*this), long_buffer.data(), size, failed);
+    }
+    std::fill_n(buffer.begin(), owned, '\0');
+    return convert_out(converter->handle, view(*this), buffer.data(), size, failed);
 }
 
 namespace {

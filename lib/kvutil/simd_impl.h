@@ -1,0 +1,115 @@
+#ifndef KVUTIL_SIMD_IMPL_H
+#define KVUTIL_SIMD_IMPL_H
+
+// Sixteen bytes or eight units at a time, under short names. Without x86-64, or when
+// KVUTIL_PORTABLE is defined, KVUTIL_HAVE_SIMD is not, and callers take one at a time.
+#if defined(__x86_64__) && !defined(KVUTIL_PORTABLE)
+#define KVUTIL_HAVE_SIMD 1
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <immintrin.h>
+
+/// What is marked so may run only where has_ssse3() holds; everything else is in every x86-64.
+#define KVUTIL_SSSE3 __attribute__((target("ssse3,popcnt")))
+
+namespace Kvl::simd {
+
+inline bool has_ssse3()
+{
+    return __builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt");
+}
+
+inline __m128i load(const void* p)
+{
+    return _mm_loadu_si128(static_cast<const __m128i*>(p));
+}
+
+inline void store(void* p, __m128i value)
+{
+    _mm_storeu_si128(static_cast<__m128i*>(p), value);
+}
+
+inline __m128i zero()
+{
+    return _mm_setzero_si128();
+}
+
+inline __m128i bytes(int value)
+{
+    return _mm_set1_epi8(static_cast<char>(value));
+}
+
+inline __m128i words(int value)
+{
+    return _mm_set1_epi16(static_cast<short>(value));
+}
+
+/// The high bit of each byte.
+inline unsigned int bits(__m128i mask)
+{
+    return static_cast<unsigned int>(_mm_movemask_epi8(mask));
+}
+
+/// One bit for each 16-bit word of all ones.
+inline unsigned int word_bits(__m128i mask)
+{
+    return bits(_mm_packs_epi16(mask, zero()));
+}
+
+/// Where the word, masked, is `value`.
+inline __m128i equals(__m128i block, int mask, int value)
+{
+    return _mm_cmpeq_epi16(_mm_and_si128(block, words(mask)), words(value));
+}
+
+inline __m128i at_least(__m128i block, int value)
+{
+    return _mm_cmpeq_epi8(_mm_max_epu8(block, bytes(value)), block);
+}
+
+inline __m128i choose(__m128i mask, __m128i yes, __m128i no)
+{
+    return _mm_or_si128(_mm_and_si128(mask, yes), _mm_andnot_si128(mask, no));
+}
+
+inline bool is_zero(__m128i value)
+{
+    return bits(_mm_cmpeq_epi8(value, zero())) == 0xFFFF;
+}
+
+template <class Word>
+std::uint64_t load_word(const unsigned char* p)
+{
+    Word word;
+    std::memcpy(&word, p, sizeof word);
+    return word;
+}
+
+/// Fewer than sixteen bytes, with zeros behind them.
+inline __m128i load_few(const unsigned char* p, std::size_t n)
+{
+    const auto from_both_ends = [p, n](auto word) {
+        constexpr std::size_t size = sizeof word;
+        return load_word<decltype(word)>(p) | load_word<decltype(word)>(p + n - size)
+                                                  << 8 * (n - size);
+    };
+    if (n >= 8) {
+        const std::uint64_t high = load_word<std::uint64_t>(p + n - 8);
+        return _mm_set_epi64x(n == 8 ? 0 : static_cast<long long>(high >> 8 * (16 - n)),
+                              static_cast<long long>(load_word<std::uint64_t>(p)));
+    }
+    const std::uint64_t low = n >= 4   ? from_both_ends(std::uint32_t{})
+                              : n >= 2 ? from_both_ends(std::uint16_t{})
+                              : n == 1 ? *p
+                                       : 0;
+    return _mm_set_epi64x(0, static_cast<long long>(low));
+}
+
+}  // namespace Kvl::simd
+
+#endif
+
+#endif

@@ -1,0 +1,105 @@
+#ifndef KVUTIL_STORAGE_IMPL_H
+#define KVUTIL_STORAGE_IMPL_H
+
+#include <unicode/unistr.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <functional>
+#include <new>
+
+namespace Kvl {
+
+// What UString must know and do about the storage of its ICU base.
+//
+// ICU decides by itself whether a write needs memory, which it does for a shared or read-only
+// buffer too, and when there is none it lets the text go. To keep the text we must know
+// beforehand, and ICU has no public way to ask. An explicit instantiation may name a private
+// member; should ICU change it, this does not compile.
+template <class Name, auto Member>
+struct private_member_t {
+    friend constexpr auto member_named_by(Name) { return Member; }
+};
+struct is_buffer_writable_t {
+    friend constexpr auto member_named_by(is_buffer_writable_t);
+};
+struct set_length_t {
+    friend constexpr auto member_named_by(set_length_t);
+};
+template struct private_member_t<is_buffer_writable_t, &icu::UnicodeString::isBufferWritable>;
+template struct private_member_t<set_length_t, &icu::UnicodeString::setLength>;
+
+/// ICU's own limit of a capacity, of which it makes no constant.
+constexpr int MAX_CAPACITY = INT_MAX - 10;
+
+/// Whether the units may be written where they are: not shared, not read-only, not bogus or open.
+inline bool is_exclusive(const icu::UnicodeString& text)
+{
+    return (text.*member_named_by(is_buffer_writable_t()))() != 0;
+}
+
+/// Whether the caller has opened the buffer for writing. ICU ignores edits meanwhile, and so do we.
+inline bool is_open(const icu::UnicodeString& text)
+{
+    return text.getBuffer() == nullptr && !text.isBogus();
+}
+
+/// @param text  exclusive
+/// @return      its units and the room behind them
+inline char16_t* writable(icu::UnicodeString& text)
+{
+    return const_cast<char16_t*>(text.getBuffer());
+}
+
+/// Sets the length and, where there is room, the terminator.
+/// @param text  exclusive, with a capacity of at least `length`, which ICU's lengths hold
+inline void set_length(icu::UnicodeString& text, std::size_t length)
+{
+    if (length < static_cast<std::size_t>(text.getCapacity()))
+        writable(text)[length] = 0;
+    (text.*member_named_by(set_length_t()))(static_cast<std::int32_t>(length));
+}
+
+/// @return  `units`, if a text can be so long
+/// @throws std::bad_alloc it cannot
+inline std::int32_t checked_capacity(std::size_t units)
+{
+    if (units > static_cast<std::size_t>(MAX_CAPACITY))
+        throw std::bad_alloc();
+    return static_cast<std::int32_t>(units);
+}
+
+/// @throws std::bad_alloc there is no memory, or a text cannot be so long
+inline icu::UnicodeString empty_text_of_capacity(std::size_t units)
+{
+    icu::UnicodeString text(checked_capacity(units), 0, 0);
+    if (text.isBogus())
+        throw std::bad_alloc();
+    return text;
+}
+
+/// With room to spare, so that appending unit by unit stays linear.
+inline std::size_t grown_capacity(std::size_t units)
+{
+    constexpr auto most = static_cast<std::size_t>(MAX_CAPACITY);
+    return units > most ? units : std::min(units + units / 4 + 128, most);
+}
+
+inline bool is_inside(const void* place, const void* begin, const void* end)
+{
+    return std::less_equal<>()(begin, place) && std::less<>()(place, end);
+}
+
+/// ICU copies and moves inline units without what stands behind them. Terminated here, they spare
+/// c_str() a write.
+inline void terminate_inline(icu::UnicodeString& text)
+{
+    const bool is_inline = is_inside(text.getBuffer(), &text, &text + 1);
+    if (is_inline && text.length() < text.getCapacity())
+        writable(text)[text.length()] = 0;
+}
+
+}  // namespace Kvl
+
+#endif

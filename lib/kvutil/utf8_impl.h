@@ -1,0 +1,40 @@
+#ifndef KVUTIL_UTF8_IMPL_H
+#define KVUTIL_UTF8_IMPL_H
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+namespace Kvl {
+
+// Between UTF-8 and UTF-16, with the answers of u_strFromUTF8() and u_strToUTF8(). Each way is a
+// pass that checks and measures, so that the result is made once and in its place, and a pass that
+// converts what is known to be well-formed. Neither allocates or throws.
+
+/// @return  the UTF-16 length in units; 0 when the bytes are malformed, as when there are none
+std::size_t utf16_length_of(std::string_view bytes) noexcept;
+
+/// @param bytes   well-formed
+/// @param length  utf16_length_of(bytes)
+/// @param to      room for `length` units
+/// @param limit   end of the room; what lies between the text and the limit may be overwritten
+void utf8_to_utf16(std::string_view bytes, std::size_t length, char16_t* to,
+                   const char16_t* limit) noexcept;
+
+/// @return  the UTF-8 size in bytes; nothing when there is an unpaired surrogate
+std::optional<std::size_t> utf8_size_of(std::u16string_view text) noexcept;
+
+/// The room that utf16_to_utf8() wants for so many units, whatever they are.
+constexpr std::size_t utf8_room_for(std::size_t units)
+{
+    return 3 * units + 32;
+}
+
+/// @param to        utf8_room_for(text.size()) bytes
+/// @param has_zero  set to whether there is a U+0000
+/// @return          the end of the bytes; null when there is an unpaired surrogate
+char* utf16_to_utf8(std::u16string_view text, char* to, bool& has_zero) noexcept;
+
+}  // namespace Kvl
+
+#endif

@@ -1,0 +1,269 @@
+// What the text type converts and searches with, against ICU. The program is built twice: with the
+// instructions of this machine, and without.
+#include "search_impl.h"
+#include "utf8_impl.h"
+
+#include <gtest/gtest.h>
+#include <unicode/unistr.h>
+#include <unicode/ustring.h>
+
+#include <cstdint>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace Kvl;
+
+// ---- UTF-8 in ----
+
+// What ICU makes of the bytes; nothing when it reports an error.
+std::optional<std::u16string> decoded_by_icu(const std::string& bytes)
+{
+    std::u16string text(bytes.size() + 1, u'\0');
+    std::int32_t length = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    u_strFromUTF8(text.data(), static_cast<int>(text.size()), &length, bytes.data(),
+                  static_cast<int>(bytes.size()), &status);
+    if (status != U_ZERO_ERROR)
+        return std::nullopt;
+    text.resize(static_cast<std::size_t>(length));
+    return text;
+}
+
+constexpr char16_t GUARD = 0xABCD;
+
+// Decodes into exactly the room that is measured, or with some more, and looks behind it.
+std::optional<std::u16string> decoded(const std::string& bytes, std::size_t spare)
+{
+    const std::size_t length = utf16_length_of(bytes);
+    if (length == 0)
+        return std::nullopt;
+    std::u16string text(length + spare + 1, GUARD);
+    utf8_to_utf16(bytes, length, text.data(), text.data() + length + spare);
+    EXPECT_EQ(text.back(), GUARD) << "written beyond the room";
+    text.resize(length);
+    return text;
+}
+
+// Texts of one kind meet both amounts of room, one after the other.
+bool agrees_with_icu(const std::string& bytes)
+{
+    static bool has_spare_room = false;
+    has_spare_room = !has_spare_room;
+    return decoded(bytes, has_spare_room ? 40 : 0) == decoded_by_icu(bytes);
+}
+
+char byte(unsigned int value)
+{
+    return static_cast<char>(value);
+}
+
+TEST(Utf8In, NothingHasNoLength)
+{
+    EXPECT_EQ(utf16_length_of(""), 0u);
+}
+
+TEST(Utf8In, EverySequenceOfThreeBytes)
+{
+    for (unsigned int a = 0; a < 256; ++a) {
+        ASSERT_TRUE(agrees_with_icu({byte(a)})) << a;
+        for (unsigned int b = 0; b < 256; ++b) {
+            ASSERT_TRUE(agrees_with_icu({byte(a), byte(b)})) << a << ' ' << b;
+            // Where the first byte alone decides, some of the last ones stand for all.
+            const bool leads = a >= 0xC2 && a <= 0xF4;
+            for (unsigned int c = 0; c < 256; c += leads ? 1 : 0x3F)
+                if (!agrees_with_icu({byte(a), byte(b), byte(c)}))
+                    FAIL() << a << ' ' << b << ' ' << c;
+        }
+    }
+}
+
+// The same in the middle of a text, behind a step of sixteen bytes and across it.
+TEST(Utf8In, SequencesAcrossSteps)
+{
+    const std::string edges = "\x01\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xEC\xED\xEE"
+                              "\xEF\xF0\xF1\xF3\xF4\xF5\xFF";
+    for (const std::size_t before : {13u, 14u, 15u, 16u, 29u, 63u})
+        for (const char a : edges)
+            for (const char b : edges)
+                for (const char c : edges) {
+                    const std::string bytes =
+                        std::string(before, 'a') + a + b + c + std::string(before % 7 * 5, 'z');
+                    if (!agrees_with_icu(bytes))
+                        FAIL() << testing::PrintToString(bytes);
+                }
+}
+
+TEST(Utf8In, SequencesOfFourBytes)
+{
+    const std::string others = "\x7F\x80\x81\x8F\x90\x9F\xA0\xAF\xB0\xBF\xC0\xFF";
+    for (unsigned int a = 0xE0; a < 256; ++a)
+        for (unsigned int b = 0x7F; b <= 0xC0; ++b)
+            for (const char c : others)
+                for (const char d : others)
+                    if (!agrees_with_icu(std::string(a % 16, 'a') + byte(a) + byte(b) + c + d))
+                        FAIL() << a << ' ' << b << ' ' << int{c} << ' ' << int{d};
+}
+
+TEST(Utf8In, SupplementaryCharactersInEveryPlaceOfAStep)
+{
+    for (char32_t c = 0x10000; c <= 0x10FFFF; c += c < 0x10800 || c > 0x10F800 ? 1 : 61) {
+        icu::UnicodeString text(static_cast<int>(c % 17), static_cast<UChar32>(u'a'),
+                                static_cast<int>(c % 17));
+        text.append(static_cast<UChar32>(c)).append(u'\u00E9').append(static_cast<UChar32>(c));
+        std::string bytes;
+        text.toUTF8String(bytes);
+        if (!agrees_with_icu(bytes))
+            FAIL() << static_cast<std::uint32_t>(c);
+    }
+}
+
+TEST(Utf8In, EveryLengthOfAsciiAndOfOthers)
+{
+    for (std::size_t length = 1; length < 300; ++length)
+        for (const char* const character : {"x", "\xC3\xA9", "\xE4\xB8\xAD", "\xF0\x9F\x98\x80"}) {
+            std::string bytes(length % 5, '-');
+            for (std::size_t i = 0; i < length; ++i)
+                bytes += character;
+            ASSERT_TRUE(agrees_with_icu(bytes)) << length;
+            ASSERT_TRUE(agrees_with_icu(bytes.substr(0, bytes.size() - 1))) << length;
+            ASSERT_TRUE(agrees_with_icu(bytes + "\x80")) << length;
+            ASSERT_TRUE(agrees_with_icu(bytes + "\xE4\xB8")) << length;
+        }
+}
+
+// ---- UTF-8 out ----
+
+std::optional<std::string> encoded_by_icu(const std::u16string& text)
+{
+    std::string bytes(3 * text.size() + 1, '\0');
+    std::int32_t size = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    u_strToUTF8(bytes.data(), static_cast<int>(bytes.size()), &size, text.data(),
+                static_cast<int>(text.size()), &status);
+    if (status != U_ZERO_ERROR)
+        return std::nullopt;
+    bytes.resize(static_cast<std::size_t>(size));
+    return bytes;
+}
+
+std::optional<std::string> encoded(const std::u16string& text)
+{
+    std::string bytes(utf8_room_for(text.size()) + 1, '\xAB');
+    bool has_zero = true;
+    const char* const end = utf16_to_utf8(text, bytes.data(), has_zero);
+    EXPECT_EQ(bytes.back(), '\xAB') << "written beyond the room";
+    const std::optional<std::size_t> size = utf8_size_of(text);
+    if (end == nullptr) {
+        EXPECT_FALSE(size.has_value());
+        return std::nullopt;
+    }
+    EXPECT_EQ(has_zero, text.find(u'\0') != std::u16string::npos);
+    bytes.resize(static_cast<std::size_t>(end - bytes.data()));
+    EXPECT_EQ(size, bytes.size());
+    return bytes;
+}
+
+TEST(Utf8Out, EveryUnitAlone)
+{
+    for (unsigned int unit = 0; unit <= 0xFFFF; ++unit) {
+        const std::u16string text(1, static_cast<char16_t>(unit));
+        ASSERT_EQ(encoded(text), encoded_by_icu(text)) << unit;
+        const std::u16string among = std::u16string(unit % 40, u'-') + text + u"0123456789";
+        ASSERT_EQ(encoded(among), encoded_by_icu(among)) << unit;
+    }
+    EXPECT_EQ(encoded(u""), "");
+}
+
+TEST(Utf8Out, EdgesInEveryPlaceOfAStep)
+{
+    std::u16string edges = u"\x01\x7F\x80\x7FF\x800\xD7FF\xD800\xDBFF\xDC00\xDFFF\xE000\xFFFF";
+    edges += u'\0';
+    for (unsigned int before = 0; before < 40; ++before)
+        for (const char16_t a : edges)
+            for (const char16_t b : edges)
+                for (const char16_t c : edges) {
+                    std::u16string text = std::u16string(before, u'-') + a + b + c;
+                    ASSERT_EQ(encoded(text), encoded_by_icu(text));
+                    text.append(before % 11, u'\u00E9');
+                    ASSERT_EQ(encoded(text), encoded_by_icu(text));
+                }
+}
+
+TEST(Utf8Out, RandomTexts)
+{
+    std::mt19937 random(1);
+    for (int round = 0; round < 20'000; ++round) {
+        std::u16string text;
+        const auto limit = static_cast<unsigned int>(1) << (1 + random() % 16);
+        for (std::size_t length = random() % 100; length > 0; --length)
+            text += static_cast<char16_t>(random() % limit);
+        ASSERT_EQ(encoded(text), encoded_by_icu(text));
+    }
+}
+
+// ---- searching ----
+
+std::size_t wanted_position(int found)
+{
+    return found < 0 ? NOT_FOUND : static_cast<std::size_t>(found);
+}
+
+icu::UnicodeString plain(const std::u16string& text)
+{
+    return icu::UnicodeString(text.data(), static_cast<int>(text.size()));
+}
+
+// All texts of up to seven units over an alphabet with both halves of a pair.
+TEST(Search, AgreesWithIcu)
+{
+    const std::u16string alphabet = u"ab\xD83D\xDE00";
+    const std::vector<std::u16string> needles = {u"a",
+                                                 u"b",
+                                                 u"\xD83D",
+                                                 u"\xDE00",
+                                                 u"ab",
+                                                 u"aa",
+                                                 u"ba",
+                                                 u"\xDE00"
+                                                 u"a",
+                                                 u"a\xD83D",
+                                                 u"\xD83D\xDE00",
+                                                 u"aba",
+                                                 u"\xDE00\xD83D",
+                                                 u"aab\xD83D\xDE00",
+                                                 u"b\U0001F600b"};
+    for (unsigned int letters = 0; letters < 1u << 14; ++letters) {
+        std::u16string text(letters % 67, u'-');
+        for (unsigned int i = 0; i < 7; ++i)
+            text += alphabet[letters >> (2 * i) & 3];
+        text.append(letters % 5, u'-');
+        const icu::UnicodeString hay = plain(text);
+        for (const std::u16string& needle : needles) {
+            ASSERT_EQ(find_text(text, needle), wanted_position(hay.indexOf(plain(needle))));
+            if (needle.size() == 1) {
+                ASSERT_EQ(find_unit(text, needle[0]), wanted_position(hay.indexOf(needle[0])));
+            }
+        }
+    }
+}
+
+TEST(Search, OfASetAgreesWithTheStandardLibrary)
+{
+    std::mt19937 random(2);
+    for (int round = 0; round < 2'000; ++round) {
+        std::u16string text;
+        std::u16string set;
+        const unsigned int alphabet = round % 2 == 0 ? 200 : 0x10000;
+        for (std::size_t length = random() % 60; length > 0; --length)
+            text += static_cast<char16_t>(random() % alphabet);
+        for (std::size_t length = random() % 40; length > 0; --length)
+            set += static_cast<char16_t>(random() % alphabet);
+        ASSERT_EQ(find_unit_of(text, set), text.find_first_of(set));
+    }
+}
+
+}  // namespace
