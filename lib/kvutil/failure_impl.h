@@ -13,25 +13,36 @@ namespace Kvl {
 //
 // Deliberate: the first three throw on the spot, past STPException::raise, so nothing is logged.
 
+// A throw costs what it unwinds. So the temporaries that make up a message are gone before it, in a
+// function that returns the exception, and the throw itself stands in the frame of the caller.
+
+template <class T, class... Args>
+[[nodiscard, gnu::noinline]] T failure(kvutil_msg_t message, const Args&... args)
+{
+    return T(UMessage(kvutil, message, args...));
+}
+
 /// A file or system operation failed: reason 39.
 template <class... Args>
-[[noreturn]] void throw_runtime(kvutil_msg_t message, const Args&... args)
+[[noreturn, gnu::always_inline]] inline void throw_runtime(kvutil_msg_t message,
+                                                           const Args&... args)
 {
-    throw RuntimeException(UMessage(kvutil, message, args...));
+    throw failure<RuntimeException>(message, args...);
 }
 
 /// What the caller gave is malformed: reason 39.
 template <class... Args>
-[[noreturn]] void throw_illegal_arg(kvutil_msg_t message, const Args&... args)
+[[noreturn, gnu::always_inline]] inline void throw_illegal_arg(kvutil_msg_t message,
+                                                               const Args&... args)
 {
-    throw IllegalArgException(UMessage(kvutil, message, args...));
+    throw failure<IllegalArgException>(message, args...);
 }
 
 /// A rule that the library relies on is broken: reason 39.
 template <class... Args>
-[[noreturn]] void throw_state(kvutil_msg_t message, const Args&... args)
+[[noreturn, gnu::always_inline]] inline void throw_state(kvutil_msg_t message, const Args&... args)
 {
-    throw StateException(UMessage(kvutil, message, args...));
+    throw failure<StateException>(message, args...);
 }
 
 /// A refused buffer or temporary object: logged as an error, then an STPException itself with
