@@ -4,6 +4,7 @@
 #include <kvutil/stpexception.h>
 
 #include "support/all_texts.h"
+#include "support/cpu_time.h"
 #include "support/failure.h"
 #include "support/memory_fault.h"
 #include "support/recording_logger.h"
@@ -111,9 +112,9 @@ TEST(SelectorParse, KeepsUnitsThatAreNoText)
 TEST(SelectorParse, ReadsATextOfManyMegabytesInOneScan)
 {
     const UString name(std::u16string(std::size_t{4} << 20, u'%'));
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = cpu_time();
     const Selector selector(ustr("vd.file:") + name + ustr("@/v"));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_LT(cpu_time() - start, std::chrono::seconds(2));
     EXPECT_EQ(selector.name(), name);
 }
 
