@@ -663,6 +663,30 @@ TEST(UMessageCollection, AppendsInOrder)
     EXPECT_EQ(messages.size(), 8u);
 }
 
+TEST(UMessageConstructor, ReservesTwoOrTenSlots)
+{
+    const UMessage::Arg a("a");
+    EXPECT_EQ(UMessage(kvutil, 7, a, a).arguments().capacity(), 2u);
+    EXPECT_EQ(UMessage(kvutil, 7, "a").arguments().capacity(), 2u);
+    EXPECT_EQ(UMessage(kvutil, 7, "a", "b").arguments().capacity(), 2u);
+    EXPECT_EQ(UMessage(kvutil, 7, a, a, a).arguments().capacity(), 10u);
+    EXPECT_EQ(UMessage(kvutil, 7, "a", "b", "c").arguments().capacity(), 10u);
+}
+
+TEST(UMessageCollection, AppendingManyTimesMovesSeldom)
+{
+    const UMessage::collection_t one = collection_of({1});
+    UMessage::collection_t messages;
+    const UMessage* place = nullptr;
+    int times_moved = 0;
+    for (int i = 0; i < 1000; ++i) {
+        messages += one;
+        times_moved += std::exchange(place, &messages[0]) != &messages[0];
+    }
+    EXPECT_EQ(messages.size(), 1000u);
+    EXPECT_LE(times_moved, 50);
+}
+
 TEST(UMessageCollection, ChangesNothingWithoutMemory)
 {
     UMessage::collection_t messages = collection_of({1, 2});

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 #include <limits>
 #include <span>
 #include <utility>
@@ -297,8 +298,8 @@ UMessage::collection_t& UMessage::collection_t::operator+=(const collection_t& o
 {
     // Copied before anything changes: `o` may be this sequence, and a copy may fail.
     std::vector<UMessage> added(o.messages_);
-    messages_.reserve(messages_.size() + added.size());
-    std::move(added.begin(), added.end(), std::back_inserter(messages_));
+    messages_.insert(messages_.end(), std::make_move_iterator(added.begin()),
+                     std::make_move_iterator(added.end()));
     return *this;
 }
 
@@ -307,6 +308,7 @@ UMessage::collection_t& UMessage::collection_t::operator+=(const collection_t& o
 namespace {
 
 constexpr std::size_t MAX_ARGUMENTS = 10;
+constexpr std::size_t FEW_ARGUMENTS = 2;
 
 std::vector<UMessage::Arg> copies(std::size_t room, std::initializer_list<const UMessage::Arg*> all)
 {
@@ -319,10 +321,10 @@ std::vector<UMessage::Arg> copies(std::size_t room, std::initializer_list<const 
     return kept;
 }
 
-std::vector<UMessage::Arg> moved(std::initializer_list<UMessage::Arg*> all)
+std::vector<UMessage::Arg> moved(std::size_t room, std::initializer_list<UMessage::Arg*> all)
 {
     std::vector<UMessage::Arg> kept;
-    kept.reserve(all.size());
+    kept.reserve(room);
     for (UMessage::Arg* arg : all) {
         if (arg->kind() != 0)
             kept.push_back(std::move(*arg));
@@ -335,7 +337,7 @@ std::vector<UMessage::Arg> moved(std::initializer_list<UMessage::Arg*> all)
 UMessage::UMessage() : catalogue_(nullptr), index_(-1) {}
 
 UMessage::UMessage(const char** catalogue, int index, const Arg& a1, const Arg& a2)
-    : catalogue_(catalogue), index_(index), arguments_(copies(2, {&a1, &a2}))
+    : catalogue_(catalogue), index_(index), arguments_(copies(FEW_ARGUMENTS, {&a1, &a2}))
 {
 }
 
@@ -348,17 +350,17 @@ UMessage::UMessage(const char** catalogue, int index, const Arg& a1, const Arg& 
 }
 
 UMessage::UMessage(const char** catalogue, int index, Arg&& a1)
-    : catalogue_(catalogue), index_(index), arguments_(moved({&a1}))
+    : catalogue_(catalogue), index_(index), arguments_(moved(FEW_ARGUMENTS, {&a1}))
 {
 }
 
 UMessage::UMessage(const char** catalogue, int index, Arg&& a1, Arg&& a2)
-    : catalogue_(catalogue), index_(index), arguments_(moved({&a1, &a2}))
+    : catalogue_(catalogue), index_(index), arguments_(moved(FEW_ARGUMENTS, {&a1, &a2}))
 {
 }
 
 UMessage::UMessage(const char** catalogue, int index, Arg&& a1, Arg&& a2, Arg&& a3)
-    : catalogue_(catalogue), index_(index), arguments_(moved({&a1, &a2, &a3}))
+    : catalogue_(catalogue), index_(index), arguments_(moved(MAX_ARGUMENTS, {&a1, &a2, &a3}))
 {
 }
 
