@@ -263,8 +263,9 @@ KVUTIL_SSSE3 inline __m128i errors_in(__m128i block, __m128i previous)
 // One for each character, and one more for each that takes two units.
 KVUTIL_SSSE3 inline std::size_t units_begun_in(__m128i block)
 {
-    return static_cast<std::size_t>(16 - __builtin_popcount(bits(continuations(block))) +
-                                    __builtin_popcount(bits(at_least(block, 0xF0))));
+    const int units = 16 - __builtin_popcount(bits(continuations(block))) +
+                      __builtin_popcount(bits(at_least(block, 0xF0)));
+    return static_cast<std::size_t>(units);
 }
 
 // The last bytes of a text, with zeros behind them.

@@ -131,7 +131,7 @@ constexpr auto SORTED_ROWS = [] {
     for (std::size_t i = 1; i < end.size(); ++i)
         end[i] = end[i - 1] + NUM_TAGS_OF_NAMESPACE[i - 1];
     std::array<std::uint16_t, NUM_NAMED> order{};
-    for (std::uint16_t i = 0; i < ROWS.size(); ++i) {
+    for (std::uint16_t i = 0; i < std::uint16_t{ROWS.size()}; ++i) {
         if (!has_namespace(ROWS[i]))
             continue;
         std::size_t at = end[static_cast<std::size_t>(ROWS[i].nsid)]++;

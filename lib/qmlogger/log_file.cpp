@@ -116,7 +116,7 @@ std::optional<log_file> log_file::open(const std::string& program, const std::st
     return result;
 }
 
-log_file::log_file(descriptor_t directory, std::string program, std::uint64_t limit_bytes)
+log_file::log_file(descriptor_t directory, const std::string& program, std::uint64_t limit_bytes)
     : directory_(std::move(directory)), limit_bytes_(limit_bytes)
 {
     names_[0] = program + std::string(SUFFIX);

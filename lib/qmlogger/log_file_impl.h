@@ -45,7 +45,7 @@ public:
     int append(std::string_view line, std::chrono::system_clock::time_point now) noexcept;
 
 private:
-    log_file(descriptor_t directory, std::string program, std::uint64_t limit_bytes);
+    log_file(descriptor_t directory, const std::string& program, std::uint64_t limit_bytes);
 
     bool open_anew() noexcept;
     void look_after(std::chrono::system_clock::time_point now) noexcept;
