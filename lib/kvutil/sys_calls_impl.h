@@ -1,0 +1,24 @@
+#ifndef KVUTIL_SYS_CALLS_IMPL_H
+#define KVUTIL_SYS_CALLS_IMPL_H
+
+#include <cstddef>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace Kvl {
+
+/// The system calls that can fail. The library calls them through `sys_calls` and nowhere else, so
+/// that a test can make each of them fail; only tests replace an entry. Each behaves as the
+/// function of its name: -1 or null, and `errno`.
+struct sys_calls_t {
+    // Descriptors
+    int (*open)(const char* path, int flags, mode_t mode);
+    int (*close)(int descriptor);
+    ssize_t (*read)(int descriptor, void* bytes, std::size_t size_bytes);
+};
+
+extern sys_calls_t sys_calls;
+
+}  // namespace Kvl
+
+#endif
