@@ -1362,6 +1362,38 @@ TEST(UStringStream, ReadsWideWordsBehindZero)
     EXPECT_EQ(str(s), u"");
 }
 
+// ---- what never throws ----
+
+TEST(UStringNoexcept, ObserversSearchesAndComparisons)
+{
+    using T = const UString&;
+    const auto holds = [](T s, T o, const unsigned short* p) {
+        static_assert(noexcept(s.empty())&& noexcept(s.length())&& noexcept(s.capacity()));
+        static_assert(noexcept(s[0]));
+        static_assert(noexcept(s.find('a'))&& noexcept(s.find(p))&& noexcept(s.find(o)));
+        static_assert(
+            noexcept(s.find_last('a'))&& noexcept(s.find_last(p))&& noexcept(s.find_last(o)));
+        static_assert(noexcept(s.find_first_of('a'))&& noexcept(s.find_first_of(p))&& noexcept(
+            s.find_first_of(o)));
+        static_assert(
+            noexcept(s.compare(p))&& noexcept(s.compare(o))&& noexcept(s.compare(0, 1, o)));
+        static_assert(noexcept(s == o)&& noexcept(s != o)&& noexcept(s < o)&& noexcept(
+            s > o)&& noexcept(s <= o)&& noexcept(s >= o)&& noexcept(std::hash<UString>()(s)));
+        static_assert(!noexcept(s.c_str()) && !noexcept(s.substr()) && !noexcept(s.utf8_str()));
+    };
+    (void)holds;
+    static_assert(std::is_nothrow_default_constructible_v<UString>);
+    static_assert(std::is_nothrow_destructible_v<UString>);
+}
+
+TEST(UStringConstruction, IsNotAmbiguousForNulls)
+{
+    EXPECT_TRUE(UString(nullptr, nullptr).empty());
+    EXPECT_TRUE(UString(nullptr, 0).empty());
+    EXPECT_TRUE(UString(0, nullptr).empty());
+    static_assert(!std::is_constructible_v<UString, const char16_t*, std::size_t>);
+}
+
 // ---- memory ----
 
 using edit_t = std::function<void(UString&)>;

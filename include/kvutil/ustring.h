@@ -56,7 +56,7 @@ public:
     static constexpr unsigned int npos = 0xFFFFFFFFu;
 
     /// The empty text. Never throws.
-    UString();
+    UString() noexcept;
 
     /// A copy of the units. The converter of `o` is not copied.
     UString(const UString& o);
@@ -71,7 +71,7 @@ public:
 
     /// One unit, of the low seven bits of `c`: the byte 0xE9 becomes 0x69. Deliberate; meant for
     /// ASCII literals. Never throws.
-    UString(char c);
+    UString(char c) noexcept;
 
     /// The bytes decoded, as utf8_assign() does.
     UString(const Utf8String& u);
@@ -103,16 +103,22 @@ public:
     UString& operator+=(unsigned short ch);
 
     /// Never throws.
-    bool empty() const { return isEmpty() != 0; }
+    bool empty() const noexcept { return isEmpty() != 0; }
 
     /// @return the number of units. Never throws.
-    unsigned int length() const { return static_cast<unsigned int>(icu::UnicodeString::length()); }
+    unsigned int length() const noexcept
+    {
+        return static_cast<unsigned int>(icu::UnicodeString::length());
+    }
 
     /// @return the number of units that fit without reallocation. Never throws.
-    unsigned int capacity() const { return static_cast<unsigned int>(getCapacity()); }
+    unsigned int capacity() const noexcept { return static_cast<unsigned int>(getCapacity()); }
 
     /// @return the unit at `pos`, or 0xFFFF when `pos` is not in the text. Never throws.
-    unsigned short operator[](unsigned int pos) const { return charAt(static_cast<int>(pos)); }
+    unsigned short operator[](unsigned int pos) const noexcept
+    {
+        return charAt(static_cast<int>(pos));
+    }
 
     /// The units with a U+0000 behind them, which is not part of the text. May write it, and move
     /// the text to do so; earlier pointers are then invalid.
@@ -127,59 +133,59 @@ public:
     /// pair, as in ICU; this holds for all searches but those for a set. Never throws.
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
-    int find(unsigned short ch, unsigned int start = 0) const;
+    int find(unsigned short ch, unsigned int start = 0) const noexcept;
     /// The first occurrence of zero-terminated `s` at or after `start`. Never throws.
     /// @param s      null and empty are not found
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
-    int find(const unsigned short* s, unsigned int start = 0) const;
+    int find(const unsigned short* s, unsigned int start = 0) const noexcept;
     /// The first occurrence of `s` at or after `start`. Never throws.
     /// @param s      empty and bogus are not found
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
-    int find(const UString& s, unsigned int start = 0) const;
+    int find(const UString& s, unsigned int start = 0) const noexcept;
 
     /// The last `ch` in [start, length). Deliberate: unlike std::string::rfind(), `start` is the
     /// lower end of what is searched. Never throws.
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
-    int find_last(unsigned short ch, unsigned int start = 0) const;
+    int find_last(unsigned short ch, unsigned int start = 0) const noexcept;
     /// The last occurrence of zero-terminated `s` wholly in [start, length). Never throws.
     /// @param s      null and empty are not found
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
-    int find_last(const unsigned short* s, unsigned int start = 0) const;
+    int find_last(const unsigned short* s, unsigned int start = 0) const noexcept;
     /// The last occurrence of `s` wholly in [start, length). Never throws.
     /// @param s      empty and bogus are not found
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
-    int find_last(const UString& s, unsigned int start = 0) const;
+    int find_last(const UString& s, unsigned int start = 0) const noexcept;
 
     /// find(ch, start). Never throws.
     /// @return  its position, or -1
-    int find_first_of(unsigned short ch, unsigned int start = 0) const;
+    int find_first_of(unsigned short ch, unsigned int start = 0) const noexcept;
     /// The first unit at or after `start` that is in the zero-terminated `set`, looking unit by
     /// unit. Never throws.
     /// @param set    null and empty are not found
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or npos
-    unsigned int find_first_of(const unsigned short* set, unsigned int start = 0) const;
+    unsigned int find_first_of(const unsigned short* set, unsigned int start = 0) const noexcept;
     /// The first unit at or after `start` that is in `set`, looking unit by unit. Never throws.
     /// @param set    empty and bogus are not found
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or npos
-    unsigned int find_first_of(const UString& set, unsigned int start = 0) const;
+    unsigned int find_first_of(const UString& set, unsigned int start = 0) const noexcept;
 
     /// The whole text against zero-terminated `s`, in the numeric order of units. Never throws.
     /// @return  -1, 0 or 1; -1 when this string is bogus
-    int compare(const unsigned short* s) const;
+    int compare(const unsigned short* s) const noexcept;
     /// The whole text against `s`, in the numeric order of units. A bogus string is less than any
     /// other and equal to a bogus one. Never throws.
     /// @return  -1, 0 or 1
-    int compare(const UString& s) const;
+    int compare(const UString& s) const noexcept;
     /// The units [pos, pos+n) against the whole of `s`, likewise. Never throws.
     /// @return  -1, 0 or 1
-    int compare(unsigned int pos, unsigned int n, const UString& s) const;
+    int compare(unsigned int pos, unsigned int n, const UString& s) const noexcept;
 
     /// Replaces the text; a bogus `s` gives the empty text.
     UString& assign(const UString& s);
@@ -229,7 +235,7 @@ public:
     UString& erase(unsigned int pos = 0, unsigned int n = npos);
 
     /// Empties the text and keeps its buffer; a bogus string becomes valid. Never throws.
-    UString& clear();
+    UString& clear() noexcept;
 
     /// Removes white space at both ends.
     /// @see ICU u_isWhitespace
@@ -298,15 +304,19 @@ protected:
 
 private:
     friend struct constant_text_t;
-    struct alias_t {};
-    struct capacity_t {
+    // Their constructors are explicit, so that no caller's arguments turn into one of them.
+    struct alias_t {
+        explicit alias_t() = default;
+    };
+    struct room_t {
+        explicit room_t(std::size_t length) : units(length) {}
         std::size_t units;
     };
 
     UString(alias_t, const char16_t* text, int length_units) noexcept;
-    explicit UString(capacity_t capacity);
-    UString(const char16_t* units, std::size_t count);
-    UString(const Utf8String& u, std::size_t length);
+    explicit UString(room_t room);
+    UString(room_t length, const char16_t* units);
+    UString(room_t length, const Utf8String& u);
     UString& splice(unsigned int pos, unsigned int n, const char16_t* s, std::size_t count);
     UString& replace_all(const char16_t* s, std::size_t count);
     UString& adopt(icu::UnicodeString& text) noexcept;
@@ -320,28 +330,29 @@ private:
     mutable charset_converter_t* converter_;
 };
 
-/// Comparison by UString::compare(). None throws.
-inline bool operator==(const UString& a, const UString& b)
+/// Comparison by UString::compare(). None throws. Texts of different lengths are not compared to
+/// know that they differ.
+inline bool operator==(const UString& a, const UString& b) noexcept
 {
-    return a.compare(b) == 0;
+    return a.length() == b.length() && a.compare(b) == 0;
 }
-inline bool operator!=(const UString& a, const UString& b)
+inline bool operator!=(const UString& a, const UString& b) noexcept
 {
-    return a.compare(b) != 0;
+    return !(a == b);
 }
-inline bool operator<(const UString& a, const UString& b)
+inline bool operator<(const UString& a, const UString& b) noexcept
 {
     return a.compare(b) < 0;
 }
-inline bool operator>(const UString& a, const UString& b)
+inline bool operator>(const UString& a, const UString& b) noexcept
 {
     return a.compare(b) > 0;
 }
-inline bool operator<=(const UString& a, const UString& b)
+inline bool operator<=(const UString& a, const UString& b) noexcept
 {
     return a.compare(b) <= 0;
 }
-inline bool operator>=(const UString& a, const UString& b)
+inline bool operator>=(const UString& a, const UString& b) noexcept
 {
     return a.compare(b) >= 0;
 }
@@ -373,7 +384,10 @@ namespace std {
 template <>
 struct hash<Kvl::UString> {
     /// Never throws.
-    size_t operator()(const Kvl::UString& s) const { return static_cast<size_t>(s.hashCode()); }
+    size_t operator()(const Kvl::UString& s) const noexcept
+    {
+        return static_cast<size_t>(s.hashCode());
+    }
 };
 }  // namespace std
 

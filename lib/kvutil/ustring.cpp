@@ -79,7 +79,7 @@ int find_view(std::u16string_view text, std::u16string_view wanted, unsigned int
 
 // ---- construction ----
 
-UString::UString()
+UString::UString() noexcept
 {
     initialize();
 }
@@ -101,17 +101,17 @@ UString::UString(UString&& o) noexcept : icu::UnicodeString(std::move(o))
 UString::UString(const unsigned short* zero_terminated) : UString(to_char16(zero_terminated)) {}
 
 UString::UString(const char16_t* zero_terminated)
-    : UString(zero_terminated, units_in(zero_terminated))
+    : UString(room_t(units_in(zero_terminated)), zero_terminated)
 {
 }
 
-UString::UString(const char16_t* units, std::size_t count) : UString(capacity_t{count})
+UString::UString(room_t length, const char16_t* units) : UString(length)
 {
-    std::char_traits<char16_t>::copy(writable(*this), units, count);
-    set_length(*this, count);
+    std::char_traits<char16_t>::copy(writable(*this), units, length.units);
+    set_length(*this, length.units);
 }
 
-UString::UString(capacity_t capacity) : icu::UnicodeString(checked_capacity(capacity.units), 0, 0)
+UString::UString(room_t room) : icu::UnicodeString(checked_capacity(room.units), 0, 0)
 {
     initialize();
     if (isBogus())
@@ -119,7 +119,7 @@ UString::UString(capacity_t capacity) : icu::UnicodeString(checked_capacity(capa
 }
 
 // Deliberate: a byte above 0x7F loses its high bit. Meant for ASCII literals.
-UString::UString(char c) : UString()
+UString::UString(char c) noexcept : UString()
 {
     append(static_cast<unsigned short>(c & 0x7F));
 }
@@ -130,11 +130,11 @@ UString::UString(const char* bytes, const char* charset) : UString()
 }
 
 UString::UString(const std::basic_string<unsigned short>& units)
-    : UString(to_char16(units.data()), units.size())
+    : UString(room_t(units.size()), to_char16(units.data()))
 {
 }
 
-UString::UString(const std::u16string& units) : UString(units.data(), units.size()) {}
+UString::UString(const std::u16string& units) : UString(room_t(units.size()), units.data()) {}
 
 UString::UString(const std::wstring& w) : UString()
 {
@@ -224,28 +224,28 @@ UString UString::substr(unsigned int pos, unsigned int n) const
     return result;
 }
 
-int UString::find(unsigned short ch, unsigned int start) const
+int UString::find(unsigned short ch, unsigned int start) const noexcept
 {
     const unsigned int from = pinned(start, length());
     return position(find_unit(view(*this).substr(from), static_cast<char16_t>(ch)), from);
 }
 
-int UString::find(const unsigned short* s, unsigned int start) const
+int UString::find(const unsigned short* s, unsigned int start) const noexcept
 {
     return find_view(view(*this), needle(s), pinned(start, length()));
 }
 
-int UString::find(const UString& s, unsigned int start) const
+int UString::find(const UString& s, unsigned int start) const noexcept
 {
     return find_view(view(*this), view(s), pinned(start, length()));
 }
 
-int UString::find_last(unsigned short ch, unsigned int start) const
+int UString::find_last(unsigned short ch, unsigned int start) const noexcept
 {
     return lastIndexOf(static_cast<char16_t>(ch), signed_position(start));
 }
 
-int UString::find_last(const unsigned short* s, unsigned int start) const
+int UString::find_last(const unsigned short* s, unsigned int start) const noexcept
 {
     const std::u16string_view text = needle(s);
     return text.empty() || text.size() > length()
@@ -254,31 +254,31 @@ int UString::find_last(const unsigned short* s, unsigned int start) const
                              signed_position(start));
 }
 
-int UString::find_last(const UString& s, unsigned int start) const
+int UString::find_last(const UString& s, unsigned int start) const noexcept
 {
     return lastIndexOf(s, signed_position(start));
 }
 
-int UString::find_first_of(unsigned short ch, unsigned int start) const
+int UString::find_first_of(unsigned short ch, unsigned int start) const noexcept
 {
     return find(ch, start);
 }
 
-unsigned int UString::find_first_of(const unsigned short* set, unsigned int start) const
+unsigned int UString::find_first_of(const unsigned short* set, unsigned int start) const noexcept
 {
     const unsigned int from = pinned(start, length());
     return static_cast<unsigned int>(
         position(find_unit_of(view(*this).substr(from), needle(set)), from));
 }
 
-unsigned int UString::find_first_of(const UString& set, unsigned int start) const
+unsigned int UString::find_first_of(const UString& set, unsigned int start) const noexcept
 {
     const unsigned int from = pinned(start, length());
     return static_cast<unsigned int>(
         position(find_unit_of(view(*this).substr(from), view(set)), from));
 }
 
-int UString::compare(const unsigned short* s) const
+int UString::compare(const unsigned short* s) const noexcept
 {
     if (isBogus())
         return -1;
@@ -286,12 +286,12 @@ int UString::compare(const unsigned short* s) const
     return (order > 0) - (order < 0);
 }
 
-int UString::compare(const UString& s) const
+int UString::compare(const UString& s) const noexcept
 {
     return icu::UnicodeString::compare(s);
 }
 
-int UString::compare(unsigned int pos, unsigned int n, const UString& s) const
+int UString::compare(unsigned int pos, unsigned int n, const UString& s) const noexcept
 {
     const unsigned int from = pinned(pos, length());
     const unsigned int count = std::min(n, length() - from);
@@ -341,7 +341,7 @@ UString& UString::overwrite(std::size_t length, Write write)
     if (is_open(*this))
         return *this;
     if (length > capacity() || !is_exclusive(*this)) {
-        UString text(capacity_t{length});
+        UString text(room_t{length});
         text.overwrite(length, write);
         return adopt(text);
     }
@@ -460,7 +460,7 @@ UString& UString::erase(unsigned int pos, unsigned int n)
     return splice(pos, n, nullptr, 0);
 }
 
-UString& UString::clear()
+UString& UString::clear() noexcept
 {
     icu::UnicodeString::remove();
     return *this;
@@ -519,14 +519,15 @@ std::size_t checked_utf16_length_of(const std::string& bytes)
 
 }  // namespace
 
-UString::UString(const Utf8String& u) : UString(u, checked_utf16_length_of(u)) {}
+UString::UString(const Utf8String& u) : UString(room_t(checked_utf16_length_of(u)), u) {}
 
-UString::UString(const Utf8String& u, std::size_t length) : UString(capacity_t{length})
+// @param length  0 when the bytes are malformed
+UString::UString(room_t length, const Utf8String& u) : UString(length)
 {
-    if (length == 0)
+    if (length.units == 0)
         return;
-    utf8_to_utf16(u, length, writable(*this), writable(*this) + capacity());
-    set_length(*this, length);
+    utf8_to_utf16(u, length.units, writable(*this), writable(*this) + capacity());
+    set_length(*this, length.units);
 }
 
 UString& UString::utf8_assign(const Utf8String& u)
