@@ -587,7 +587,7 @@ TEST(UStringAssign, ReplacesTheWholeText)
     EXPECT_EQ(str(s.assign(UString())), u"");
 }
 
-TEST(UStringBogus, EndsOnlyByAssignmentClearingAndConversion)
+TEST(UStringBogus, EndsWithATextAndWithClearing)
 {
     EXPECT_EQ(str(bogus().assign(UString("abc"))), u"abc");
     EXPECT_EQ(str(bogus().assign(ustr(LONG_UTF8))), std::u16string(100, u'x'));
@@ -610,10 +610,6 @@ TEST(UStringBogus, EndsOnlyByAssignmentClearingAndConversion)
         EXPECT_TRUE(s.empty());
     }
     for (const edit_t& edit : std::vector<edit_t>{
-             [](UString& s) { s.append('x'); }, [](UString& s) { s.append(u"x"); },
-             [](UString& s) { s += UString("x"); }, [](UString& s) { s.insert(0, 'x'); },
-             [](UString& s) { s.insert(0, units(u"x")); },
-             [](UString& s) { s.replace(0, 1, UString("x")); },
              [](UString& s) { s.set_at(0, 'x'); }, [](UString& s) { s.erase(0, 5); },
              [](UString& s) { s.erase(1, npos); }, [](UString& s) { s.trim(); },
              [](UString& s) { s.reserve(100); },
@@ -641,6 +637,63 @@ TEST(UStringBogus, CountsAsEmptyInAnEdit)
     EXPECT_EQ(str(UString("abc").replace(1, 1, bogus())), u"ac");
     EXPECT_EQ(str(UString("abc") + bogus()), u"abc");
     EXPECT_FALSE((UString("abc") + bogus()).isBogus());
+}
+
+TEST(UStringBogus, IsTheEmptyTextToWhatAddsToIt)
+{
+    using edit_t = std::function<void(UString&)>;
+    for (const edit_t& add : std::vector<edit_t>{
+             [](UString& s) { s.append('x'); }, [](UString& s) { s.append(units(u"x")); },
+             [](UString& s) { s.append(ustr("x")); }, [](UString& s) { s += ustr("x"); },
+             [](UString& s) { s += static_cast<unsigned short>('x'); },
+             [](UString& s) { s.insert(0, 'x'); }, [](UString& s) { s.insert(7, 'x'); },
+             [](UString& s) { s.insert(0, units(u"x")); },
+             [](UString& s) { s.insert(0, ustr("x")); },
+             [](UString& s) { s.replace(0, 1, units(u"x")); },
+             [](UString& s) { s.replace(3, npos, ustr("x")); },
+             [](UString& s) { s = s + ustr("x"); }}) {
+        UString s = bogus();
+        add(s);
+        EXPECT_EQ(str(s), u"x");
+        EXPECT_FALSE(s.isBogus());
+    }
+    for (const edit_t& add : std::vector<edit_t>{
+             [](UString& s) { s.append(UString()); }, [](UString& s) { s.append(bogus()); },
+             [](UString& s) { s.append(s); }, [](UString& s) { s += bogus(); },
+             [](UString& s) { s.insert(0, units(u"")); }, [](UString& s) { s.insert(0, bogus()); },
+             [](UString& s) { s.replace(0, 5, bogus()); },
+             [](UString& s) { s = bogus() + bogus(); }}) {
+        UString s = bogus();
+        add(s);
+        EXPECT_TRUE(s.empty());
+        EXPECT_FALSE(s.isBogus());
+    }
+}
+
+TEST(UStringBogus, StaysSoWhenThereIsNoMemory)
+{
+    UString s = bogus();
+    const UString text = ustr(LONG_UTF8);
+    const auto unchanged = [&] { EXPECT_TRUE(s.isBogus()); };
+    EXPECT_EQ(for_each_memory_fault([&] { s.append(text); }, unchanged), 1);
+    EXPECT_EQ(str(s), str(text));
+}
+
+TEST(UStringBogus, ShowsOnlyInComparisons)
+{
+    const UString s = bogus();
+    EXPECT_TRUE(s.empty());
+    EXPECT_EQ(s.length(), 0u);
+    EXPECT_EQ(s[0], 0xFFFF);
+    EXPECT_EQ(s.find(units(u"a")), -1);
+    EXPECT_EQ(s.find_last('a'), -1);
+    EXPECT_EQ(s.find_last(units(u"a")), -1);
+    EXPECT_EQ(s.find_first_of('a'), -1);
+    EXPECT_EQ(s.find_first_of(units(u"a")), npos);
+    EXPECT_FALSE(s.substr().isBogus());
+    EXPECT_FALSE(s == UString());
+    EXPECT_FALSE(UString() == s);
+    EXPECT_EQ(std::hash<UString>()(s), std::hash<UString>()(bogus()));
 }
 
 TEST(UStringOpen, IgnoresEdits)

@@ -40,8 +40,10 @@ public:
 ///   the rest of the text;
 /// - a null pointer stands for the empty text and, as a charset name, for an unknown charset;
 /// - arguments may lie in the text itself, as if copied first;
-/// - a string that ICU has set to bogus, or whose buffer is open for writing, ignores edits.
-///   assign(), clear() and the conversions into a string end the bogus state.
+/// - a string that ICU has set to bogus counts as the empty text. Whatever puts a text into it,
+///   and clear(), end that state; what only moves or removes units leaves it. Comparisons alone
+///   tell bogus from empty;
+/// - a string whose buffer is open for writing ignores edits.
 ///
 /// Every operation that needs memory throws std::bad_alloc when there is none, or when the text
 /// would be longer than ICU's strings can be (2^31 - 11 units), and then leaves the text as it was.

@@ -305,7 +305,7 @@ int UString::compare(unsigned int pos, unsigned int n, const UString& s) const n
 // edit comes here: either it needs no memory, or a new text is complete before the old one goes.
 UString& UString::splice(unsigned int pos, unsigned int n, const char16_t* s, std::size_t count)
 {
-    if (is_open(*this) || isBogus())
+    if (is_open(*this))
         return *this;
     using traits = std::char_traits<char16_t>;
     const std::size_t from = pinned(pos, length());
@@ -457,7 +457,7 @@ UString& UString::erase(unsigned int pos, unsigned int n)
     // ICU's rule, and the one way in which a bogus string is erased.
     if (static_cast<std::int32_t>(pos) <= 0 && (n == npos || n == INT_MAX))
         return clear();
-    return splice(pos, n, nullptr, 0);
+    return isBogus() ? *this : splice(pos, n, nullptr, 0);
 }
 
 UString& UString::clear() noexcept
