@@ -12,11 +12,15 @@
 #include <unicode/ustring.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <functional>
+#include <iomanip>
 #include <map>
 #include <random>
 #include <sstream>
+#include <stdexcept>
+#include <streambuf>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -1413,6 +1417,147 @@ TEST(UStringStream, ReadsWideWordsBehindZero)
     EXPECT_EQ(str(s), char16_t(0) + std::u16string(u"B"));
     in >> s;
     EXPECT_EQ(str(s), u"");
+}
+
+TEST(UStringStream, LeavesBytesAloneWhenThereIsNoWord)
+{
+    std::istringstream in("  ");
+    Utf8String bytes("old");
+    in >> bytes;
+    EXPECT_TRUE(in.fail());
+    EXPECT_EQ(bytes, "old");
+    EXPECT_TRUE((in >> bytes).fail()) << "nor from a stream that has failed";
+    EXPECT_EQ(bytes, "old");
+}
+
+TEST(UStringStream, KeepsWidthAndWhiteSpaceFlag)
+{
+    std::istringstream in(" abcdef");
+    Utf8String bytes("old");
+    in >> std::noskipws >> bytes;
+    EXPECT_TRUE(in.fail());
+    EXPECT_EQ(bytes, "") << "as in the standard library, a word of no bytes";
+    in.clear();
+    in >> std::skipws >> std::setw(4) >> bytes;
+    EXPECT_EQ(bytes, "abcd");
+    EXPECT_EQ(in.width(), 0);
+    in >> bytes;
+    EXPECT_EQ(bytes, "ef");
+    EXPECT_TRUE(in.eof());
+    EXPECT_FALSE(in.fail());
+}
+
+TEST(UStringStream, ThrowsTheFailuresThatItsOwnerAskedFor)
+{
+    std::istringstream in("one");
+    in.exceptions(std::ios_base::failbit);
+    UString s;
+    in >> s;
+    EXPECT_EQ(str(s), u"one");
+    EXPECT_EQ(in.exceptions(), std::ios_base::failbit);
+    EXPECT_THROW(in >> s, std::ios_base::failure);
+    EXPECT_EQ(str(s), u"one");
+    EXPECT_EQ(in.exceptions(), std::ios_base::failbit);
+    EXPECT_TRUE(in.fail());
+}
+
+// Ends in the middle of a word with an exception of its own.
+class broken_source : public std::streambuf {
+public:
+    broken_source() { setg(text_, text_, text_ + sizeof text_); }
+
+private:
+    int_type underflow() override { throw std::logic_error("broken"); }
+    char text_[3] = {'a', 'b', 'c'};
+};
+
+TEST(UStringStream, KeepsToItselfThatItsSourceBroke)
+{
+    broken_source source;
+    std::istream in(&source);
+    UString s("old");
+    EXPECT_NO_THROW(in >> s);
+    EXPECT_TRUE(in.bad());
+    EXPECT_EQ(str(s), u"old") << "abc is no word";
+    EXPECT_EQ(in.exceptions(), std::ios_base::goodbit);
+}
+
+TEST(UStringStream, TellsThatItsSourceBrokeWhereAskedTo)
+{
+    broken_source source;
+    std::istream in(&source);
+    in.exceptions(std::ios_base::badbit);
+    Utf8String bytes("old");
+    EXPECT_THROW(in >> bytes, std::logic_error);
+    EXPECT_EQ(bytes, "old");
+}
+
+// A word that arrives in pieces, each time from its beginning.
+template <class Char>
+class word_in_pieces : public std::basic_streambuf<Char> {
+public:
+    explicit word_in_pieces(std::size_t length) : word_(length, Char('x')) {}
+    void begin()
+    {
+        next_ = 0;
+        this->setg(nullptr, nullptr, nullptr);
+    }
+
+private:
+    using traits = std::char_traits<Char>;
+    typename traits::int_type underflow() override
+    {
+        const std::size_t count = std::min<std::size_t>(100, word_.size() - next_);
+        if (count == 0)
+            return traits::eof();
+        Char* const piece = word_.data() + next_;
+        next_ += count;
+        this->setg(piece, piece, piece + count);
+        return traits::to_int_type(*piece);
+    }
+
+    std::basic_string<Char> word_;
+    std::size_t next_ = 0;
+};
+
+template <class Char, class Text>
+void expect_whole_word_only(const Text& old, const Text& whole)
+{
+    word_in_pieces<Char> source(1000);
+    std::basic_istream<Char> in(&source);
+    Text text = old;
+    const auto read = [&] {
+        source.begin();
+        in.clear();
+        in >> text;
+    };
+    const int faults = for_each_memory_fault(read, [&] {
+        EXPECT_TRUE(text == old);
+        EXPECT_TRUE(in.bad());
+        EXPECT_EQ(in.exceptions(), std::ios_base::goodbit);
+    });
+    EXPECT_GE(faults, 3) << "-1: did not throw";
+    EXPECT_TRUE(text == whole);
+    EXPECT_FALSE(in.bad());
+}
+
+TEST(UStringStream, ExhaustedMemoryThrowsAndStoresNoPartOfAWord)
+{
+    const std::string word(1000, 'x');
+    expect_whole_word_only<char>(Utf8String("old"), Utf8String(word));
+    expect_whole_word_only<char>(UString("old"), ustr(word));
+    expect_whole_word_only<wchar_t>(UString("old"), UString(std::wstring(1000, L'x')));
+}
+
+TEST(UStringStream, ExhaustedMemoryThrowsItselfWhateverTheStreamIsToThrow)
+{
+    std::istringstream in(std::string(1000, 'x'));
+    in.exceptions(std::ios_base::badbit | std::ios_base::failbit | std::ios_base::eofbit);
+    UString s("old");
+    const memory_fault fault(2);
+    EXPECT_THROW(in >> s, std::bad_alloc);
+    EXPECT_TRUE(fault.struck());
+    EXPECT_EQ(str(s), u"old");
 }
 
 // ---- what never throws ----

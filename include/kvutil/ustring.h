@@ -368,15 +368,19 @@ inline void swap(UString& a, UString& b) noexcept
     a.swap(b);
 }
 
-/// Reads one word of bytes, delimited by white space.
+/// Reads one word of bytes, delimited by white space. Without a word, `s` stays as it was.
+/// @throws std::bad_alloc there is no memory for the whole word. Deliberate: a stream that is not
+///                        asked to throw does so all the same. It is then bad(), and `s` as it was
 KVUTIL_EXPORT std::istream& operator>>(std::istream& is, Utf8String& s);
 
 /// Reads one word of bytes and takes it as UTF-8. Assigns also when there is no word: the empty
 /// text.
+/// @throws std::bad_alloc as above
 KVUTIL_EXPORT std::istream& operator>>(std::istream& is, UString& s);
 
 /// Reads one wide word. Deliberate: it stands behind a U+0000, as UString(const std::wstring&)
 /// makes it. Assigns also when there is no word: the empty text.
+/// @throws std::bad_alloc as above
 KVUTIL_EXPORT std::wistream& operator>>(std::wistream& is, UString& s);
 
 }  // namespace Kvl

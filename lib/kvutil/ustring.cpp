@@ -17,6 +17,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <cxxabi.h>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -760,25 +761,93 @@ const char* UString::eval_charset(const char* name)
 
 // ---- streams ----
 
+namespace {
+
+// While one lives, the stream lets out what is thrown while it is read, bad_alloc for one.
+// Otherwise it would turn that into a bad state and a word into its beginning.
+template <class Char>
+class outspoken_t {
+public:
+    explicit outspoken_t(std::basic_istream<Char>& is) : is_(is), asked_for_(is.exceptions())
+    {
+        if (is_.good())
+            is_.exceptions(asked_for_ | std::ios_base::badbit);
+    }
+    ~outspoken_t()
+    {
+        quietly([this] { is_.exceptions(asked_for_); });
+    }
+    outspoken_t(const outspoken_t&) = delete;
+    outspoken_t& operator=(const outspoken_t&) = delete;
+
+    void set_bad() const noexcept
+    {
+        quietly([this] { is_.setstate(std::ios_base::badbit); });
+    }
+
+    /// Whether the stream would have kept to itself what is being thrown.
+    bool is_swallowed() const { return is_.bad() && (asked_for_ & std::ios_base::badbit) == 0; }
+
+private:
+    // A stream throws when it gets a state for which its owner asked to be told, but something else
+    // is being thrown already.
+    template <class Change>
+    static void quietly(Change change) noexcept
+    {
+        try {
+            change();
+        } catch (const std::ios_base::failure&) {
+            return;
+        }
+    }
+
+    std::basic_istream<Char>& is_;
+    const std::ios_base::iostate asked_for_;
+};
+
+// Hands a word over once it is whole.
+// @param take  (word, whether there was one at all)
+template <class Char, class Take>
+std::basic_istream<Char>& read_word(std::basic_istream<Char>& is, Take take)
+{
+    const outspoken_t<Char> outspoken(is);
+    try {
+        std::basic_string<Char> word;
+        const bool can_read{typename std::basic_istream<Char>::sentry(is)};
+        if (can_read)
+            is >> word;
+        take(std::move(word), can_read);
+    } catch (const std::bad_alloc&) {
+        outspoken.set_bad();
+        throw;
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        if (!outspoken.is_swallowed())
+            throw;
+    }
+    return is;
+}
+
+}  // namespace
+
 std::istream& operator>>(std::istream& is, Utf8String& s)
 {
-    return is >> static_cast<std::string&>(s);
+    return read_word(is, [&s](std::string&& word, bool can_read) {
+        if (can_read)
+            s = std::move(word);
+    });
 }
 
 std::istream& operator>>(std::istream& is, UString& s)
 {
-    Utf8String word;
-    is >> word;
-    s = UString(word);
-    return is;
+    return read_word(is,
+                     [&s](std::string&& word, bool) { s = UString(Utf8String(std::move(word))); });
 }
 
 std::wistream& operator>>(std::wistream& is, UString& s)
 {
-    std::wstring word;
-    is >> word;
-    s = UString(word);
-    return is;
+    return read_word(is, [&s](std::wstring&& word, bool) { s = UString(word); });
 }
 
 }  // namespace Kvl
