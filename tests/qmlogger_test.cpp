@@ -799,24 +799,33 @@ TEST_F(QmLoggerFailure, ADeviceServesAsALogFile)
     EXPECT_TRUE(fs::is_symlink(file())) << "devices are not rotated";
 }
 
-TEST_F(QmLoggerFailure, AThreadCancelledWhileItLogsLeavesTheLogUsable)
+/// Cancels a thread that repeats `operation`, which has cancellation points in it.
+template <class Operation>
+void cancel_amid(Operation operation)
+{
+    std::atomic<bool> running{false};
+    std::thread thread([&] {
+        for (;;) {
+            operation();
+            running = true;
+            pthread_testcancel();
+        }
+    });
+    while (!running)
+        std::this_thread::yield();
+    pthread_cancel(thread.native_handle());
+    thread.join();
+}
+
+TEST_F(QmLoggerFailure, ACancelledThreadLeavesTheLogUsable)
 {
     QmLogger* const logger = initialize()->logger("Kvl");
     for (int i = 0; i < 20; ++i) {
-        std::atomic<bool> running{false};
-        std::thread thread([&] {
-            for (;;) {
-                logger->info("text", 0);
-                running = true;
-                pthread_testcancel();
-            }
-        });
-        while (!running)
-            std::this_thread::yield();
-        pthread_cancel(thread.native_handle());
-        thread.join();
+        cancel_amid([&] { logger->info("text", 0); });
+        cancel_amid([&] { initialize(); });
         logger->info("after", 0);
     }
+    EXPECT_EQ(std::ranges::count(texts_of(file()), "after"), 20);
 }
 
 // -- threads, forks, exit

@@ -2,11 +2,11 @@
 
 #include "fork_lock_impl.h"
 #include "log_line_impl.h"
+#include "uncancelled_impl.h"
 
 #include <cerrno>
 #include <cstring>
 #include <mutex>
-#include <pthread.h>
 
 namespace Log::SinkImpl {
 namespace {
@@ -39,18 +39,6 @@ line_t line_of(const log_msg& message)
     return {message.time, level_word(message.level), view(message.logger_name), message.source.line,
             view(message.payload)};
 }
-
-/// A thread that is cancelled while it writes would leave the file locked.
-class uncancelled_t {
-public:
-    uncancelled_t() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~uncancelled_t() { pthread_setcancelstate(before_, nullptr); }
-    uncancelled_t(const uncancelled_t&) = delete;
-    uncancelled_t& operator=(const uncancelled_t&) = delete;
-
-private:
-    int before_ = 0;
-};
 
 }  // namespace
 

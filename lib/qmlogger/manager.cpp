@@ -4,6 +4,7 @@
 #include "log_line_impl.h"
 #include "log_sink_impl.h"
 #include "thresholds_impl.h"
+#include "uncancelled_impl.h"
 
 #include <algorithm>
 #include <atomic>
@@ -145,6 +146,8 @@ QmLogManager* QmLogManager::initialize(const std::string& program, const std::st
                                        const std::string& thresholds, int max_megabytes,
                                        const std::string&)
 {
+    // Files are closed on the way, which is where a cancelled thread would end.
+    const uncancelled_t uncancelled;
     const std::lock_guard guard(g_manager_lock);
     thresholds_t parsed(thresholds);
     const auto complaints = complaints_about(parsed);
