@@ -4,12 +4,15 @@
 #include "support/memory_fault.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 // The lock-free index and the lists behind the registry, on their own.
@@ -122,6 +125,23 @@ TEST(XmlTagIndex, FindsWhatAMapFinds)
         ASSERT_EQ(index.find(scope, name), entries.back().get());
     }
     EXPECT_GT(known.size(), 10'000u);
+}
+
+// A thread that is to end may still register a name, or look for one; it ends afterwards.
+TEST(XmlTagIndex, IsMadeByAThreadThatIsBeingCancelled)
+{
+    static index_t index;  // never freed, as in the registry
+    static const entry_t entry{1, u"name"};
+    static std::atomic<bool> is_made{false};
+    std::thread thread([] {
+        pthread_cancel(pthread_self());
+        index.make_room();
+        index.add(&entry);
+        is_made = true;
+    });
+    thread.join();
+    EXPECT_TRUE(is_made);
+    EXPECT_EQ(index.find(1, u"name"), &entry);
 }
 
 TEST(XmlTagIndex, IsUnchangedWhenThereIsNoRoom)

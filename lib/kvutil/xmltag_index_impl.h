@@ -9,6 +9,8 @@
 #include <new>
 
 #include <sys/random.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace Kvl {
 namespace XmlTagImpl {
@@ -107,7 +109,9 @@ private:
     static hash_key_t random_key() noexcept
     {
         hash_key_t key{};
-        if (getrandom(&key, sizeof key, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof key))
+        // The C library's getrandom() is a cancellation point, where a thread would end half-way.
+        if (syscall(SYS_getrandom, &key, sizeof key, GRND_NONBLOCK) !=
+            static_cast<long>(sizeof key))
             key.start ^= reinterpret_cast<std::uintptr_t>(&key);  // before the pool is seeded
         key.secret |= 1;
         return key;
