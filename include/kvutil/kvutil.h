@@ -8,6 +8,7 @@
 #include <kvutil/critsec_lock.h>
 #include <kvutil/exception.h>
 #include <kvutil/export.h>
+#include <kvutil/fileutl.h>
 #include <kvutil/kvutil_msg.h>
 #include <kvutil/logadaptor.h>
 #include <kvutil/pname.h>

@@ -2,6 +2,7 @@
 // Reading order is construction order; unload runs it backwards.
 
 #include "critsec_lock_impl.h"
+#include "fileutl_impl.h"
 #include "selector_impl.h"
 #include "undying_impl.h"
 #include "ustring_impl.h"
@@ -63,5 +64,14 @@ const UString Selector::g_delimiters[] = {
     text_of<SelectorImpl::DELIMITERS[0]>(), text_of<SelectorImpl::DELIMITERS[1]>(),
     text_of<SelectorImpl::DELIMITERS[2]>(), text_of<SelectorImpl::DELIMITERS[3]>(),
     text_of<SelectorImpl::DELIMITERS[4]>()};
+
+// Temporary files.
+constinit undying_t<FileutlImpl::table_t> FileutlImpl::tmp_table;
+[[maybe_unused]] static const void* const tmp_table_is_made =
+    std::construct_at(&FileutlImpl::tmp_table.value);
+static constinit CriticalSectionImpl::unattended_mutex_t tmp_table_mutex;
+const CriticalSectionLock Fileutl::g_lock(tmp_table_mutex);
+static constinit CriticalSectionImpl::immortal_mutex_t tmp_table_change_mutex;
+const CriticalSectionLock FileutlImpl::change_lock(tmp_table_change_mutex);
 
 }  // namespace Kvl

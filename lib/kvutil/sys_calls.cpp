@@ -1,6 +1,8 @@
 #include "sys_calls_impl.h"
 
+#include <cstdio>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Kvl {
@@ -18,6 +20,12 @@ constinit sys_calls_t sys_calls = {
     .open = open_with_mode,
     .close = ::close,
     .read = ::read,
+
+    // Names
+    .access = ::access,
+    .mkdir = ::mkdir,
+    .remove = std::remove,
+    .rmdir = ::rmdir,
 };
 
 }  // namespace Kvl

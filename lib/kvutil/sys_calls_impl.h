@@ -15,6 +15,12 @@ struct sys_calls_t {
     int (*open)(const char* path, int flags, mode_t mode);
     int (*close)(int descriptor);
     ssize_t (*read)(int descriptor, void* bytes, std::size_t size_bytes);
+
+    // Names
+    int (*access)(const char* path, int mode);
+    int (*mkdir)(const char* path, mode_t mode);
+    int (*remove)(const char* path);
+    int (*rmdir)(const char* path);
 };
 
 extern sys_calls_t sys_calls;

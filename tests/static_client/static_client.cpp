@@ -87,6 +87,16 @@ void ask_selectors(answers_t& answers)
         answers["delimiters"] += published(delimiter);
 }
 
+void ask_temporary_files(answers_t& answers)
+{
+    const CriticalSection section(Fileutl::g_lock);
+    const UString file = Fileutl::create_tmp_file(7);
+    answers["temporary file"] = said(Fileutl::g_tmp_table.at(file).id == 7);
+    Fileutl::set_file_id(file, 8);
+    Fileutl::delete_tmp_files(8);
+    answers["temporary file deleted"] = said(Fileutl::g_tmp_table.empty());
+}
+
 void ask_failures(answers_t& answers)
 {
     try {
@@ -126,6 +136,7 @@ answers_t ask_every_table()
     ask_strings(answers);
     ask_tags(answers);
     ask_selectors(answers);
+    ask_temporary_files(answers);
     ask_failures(answers);
     return answers;
 }

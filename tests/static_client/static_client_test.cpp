@@ -35,6 +35,8 @@ const answers_t expected = {
     {"domain text", "ob"},
     {"separators", ":.@/\\%"},
     {"delimiters", "%:@/\\"},
+    {"temporary file", "yes"},
+    {"temporary file deleted", "yes"},
     {"rejected selector",
      "PLXSV0671E The selector 'vd.file' is not valid: missing namespace seperator: \":\""},
     {"illegal id", "PLXSV0655E XmlTag::lookup(): called with illegal id value."},

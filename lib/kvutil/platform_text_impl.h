@@ -1,0 +1,22 @@
+#ifndef KVUTIL_PLATFORM_TEXT_IMPL_H
+#define KVUTIL_PLATFORM_TEXT_IMPL_H
+
+#include <kvutil/ustring.h>
+
+#include <string>
+
+namespace Kvl {
+
+/// What the platform calls something, a path or an error, as text for a message: decoded from the
+/// platform's charset, with the substitution character for what is malformed, so that one odd byte
+/// does not empty the message.
+/// @throws std::bad_alloc  no memory for the text
+UString platform_text(const std::string& bytes);
+
+/// The system's text for an error number.
+/// @throws std::bad_alloc  no memory for the text
+UString error_text(int error);
+
+}  // namespace Kvl
+
+#endif
