@@ -363,6 +363,21 @@ TEST(SelectorEscapes, AreTheSameWhereverTheyStand)
     });
 }
 
+// Short texts stand in the text object, longer ones on the heap.
+TEST(SelectorEscapes, AreTheSameHoweverLongTheTextIs)
+{
+    std::u16string units;
+    for (int i = 0; i < 80; ++i) {
+        units += u"a%b@@c/:d\\%%"[i % 13];
+        const UString text(units);
+        const UString encoded = Selector::encode_segment(text);
+        ASSERT_EQ(encoded, literal::encode_segment(text));
+        ASSERT_EQ(Selector::decode_string(encoded), literal::decode_string(encoded));
+        ASSERT_EQ(encoded.c_str()[encoded.length()], 0);
+        ASSERT_EQ(Selector(UString(u"vd.vob:") + text).repository(), text);
+    }
+}
+
 // "%@@" is encoded to "%%@@", whose "%%" and "@" then form an escape of their own.
 TEST(SelectorEscapes, ComeBackExactlyWithoutAPercentBeforeADoubledAtSign)
 {

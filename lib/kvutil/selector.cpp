@@ -1,6 +1,7 @@
 #include "selector_impl.h"
 
 #include "failure_impl.h"
+#include "storage_impl.h"
 #include "unit_block_impl.h"
 #include "ustring_impl.h"
 #include "xmltag_impl.h"
@@ -32,6 +33,12 @@ UString text_of_at_most(std::uint64_t bound, Write write)
     if (bound > std::uint64_t{std::numeric_limits<std::int32_t>::max()})
         throw std::bad_alloc();
     UString text;
+    if (bound <= text.capacity()) {
+        // Most names fit into the text object itself, which spares ICU's two calls.
+        char16_t* const units = writable(text);
+        set_length(text, static_cast<std::size_t>(write(units) - units));
+        return text;
+    }
     char16_t* const units = text.getBuffer(static_cast<std::int32_t>(bound));
     if (units == nullptr)
         throw std::bad_alloc();
@@ -137,13 +144,19 @@ private:
 
 constexpr XmlTag::NsId RESOURCE_TYPES = 16;  // "RES:"
 
-[[noreturn]] void reject(const UString& text, text_view_t reason, text_view_t piece = {})
+[[gnu::cold, gnu::noinline]] StateException rejection(const UString& text, text_view_t reason,
+                                                      text_view_t piece)
 {
     const UString detail = composed([&](auto& sink) {
         sink.put(reason);
         sink.put(piece);
     });
-    throw_state(MSG_SELECTOR_NOT_VALID, text, detail);
+    return failure<StateException>(MSG_SELECTOR_NOT_VALID, text, detail);
+}
+
+[[noreturn]] void reject(const UString& text, text_view_t reason, text_view_t piece = {})
+{
+    throw rejection(text, reason, piece);
 }
 
 Selector::provider_domain_t read_domain(const UString& text, text_view_t piece)
@@ -356,7 +369,9 @@ std::vector<unsigned int> find_all(const UString& source, const UString& from)
 
 Selector::Selector() = default;
 
-Selector::Selector(const UString& text) : Selector(parse(text)) {}
+// A throw costs what it unwinds, and clients send many a wrong text: so all checks stand in line
+// here, the only frame between a rejection and the caller.
+[[gnu::flatten]] Selector::Selector(const UString& text) : Selector(parse(text)) {}
 
 Selector::Selector(const fields_t& fields)
     : ns_(fields.ns), domain_(fields.domain), resource_type_(fields.resource_type),
