@@ -15,6 +15,7 @@
 #include <kvutil/resource.h>
 #include <kvutil/selector.h>
 #include <kvutil/stpexception.h>
+#include <kvutil/tbs_version_id.h>
 #include <kvutil/umessage.h>
 #include <kvutil/ustring.h>
 #include <kvutil/utf8string.h>
