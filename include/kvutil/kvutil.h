@@ -6,6 +6,7 @@
 
 #include <kvutil/critsec.h>
 #include <kvutil/critsec_lock.h>
+#include <kvutil/davtime.h>
 #include <kvutil/exception.h>
 #include <kvutil/export.h>
 #include <kvutil/fileutl.h>

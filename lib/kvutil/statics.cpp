@@ -2,6 +2,7 @@
 // Reading order is construction order; unload runs it backwards.
 
 #include "critsec_lock_impl.h"
+#include "davtime_impl.h"
 #include "fileutl_impl.h"
 #include "selector_impl.h"
 #include "undying_impl.h"
@@ -73,5 +74,9 @@ static constinit CriticalSectionImpl::unattended_mutex_t tmp_table_mutex;
 const CriticalSectionLock Fileutl::g_lock(tmp_table_mutex);
 static constinit CriticalSectionImpl::immortal_mutex_t tmp_table_change_mutex;
 const CriticalSectionLock FileutlImpl::change_lock(tmp_table_change_mutex);
+
+// DAV time.
+static constinit CriticalSectionImpl::immortal_mutex_t clib_mutex;
+const CriticalSectionLock DavTimeImpl::clib_lock(clib_mutex);
 
 }  // namespace Kvl

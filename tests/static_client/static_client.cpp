@@ -70,6 +70,14 @@ void ask_tags(answers_t& answers)
     answers["namespace of our own"] = utf8(XmlTag::ns_URI(21));
 }
 
+void ask_times(answers_t& answers)
+{
+    DavTime time;
+    time.parse(u"Sun, 06 Nov 1994 08:49:37 GMT");
+    answers["time"] = utf8(time.to_string(DavTime::ISO8601));
+    answers["offset within a day"] = said(std::labs(DavTime::get_tz_offset(0)) <= 86400);
+}
+
 void ask_selectors(answers_t& answers)
 {
     const Selector selector(u"vd.file:/src/main.c@/vobs/proj");
@@ -137,6 +145,7 @@ answers_t ask_every_table()
     ask_tags(answers);
     ask_selectors(answers);
     ask_temporary_files(answers);
+    ask_times(answers);
     ask_failures(answers);
     return answers;
 }

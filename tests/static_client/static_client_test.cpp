@@ -33,6 +33,8 @@ const answers_t expected = {
     {"segment encoded", "a%/b"},
     {"namespace text", "file"},
     {"domain text", "ob"},
+    {"time", "1994-11-06T08:49:37Z"},
+    {"offset within a day", "yes"},
     {"separators", ":.@/\\%"},
     {"delimiters", "%:@/\\"},
     {"temporary file", "yes"},

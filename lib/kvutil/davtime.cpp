@@ -1,0 +1,476 @@
+#include <kvutil/critsec.h>
+#include <kvutil/davtime.h>
+
+#include "davtime_impl.h"
+#include "ustring_impl.h"
+#include "utf8_impl.h"
+
+#include <array>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string_view>
+
+namespace Kvl {
+
+constexpr const char* const DavTime::MONTHNAMES[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+
+constexpr const char* const DavTime::DAYNAMES[7] = {"Sun", "Mon", "Tue", "Wed",
+                                                    "Thu", "Fri", "Sat"};
+
+namespace {
+
+// ---- The calendar: plain arithmetic in 64 bits, the same in every time zone ----
+
+constexpr std::int64_t MINUTE_SECONDS = 60;
+constexpr std::int64_t HOUR_SECONDS = 60 * MINUTE_SECONDS;
+constexpr std::int64_t DAY_SECONDS = 24 * HOUR_SECONDS;
+
+/// The fields of a time in UTC. As read, each but the year may be out of its range; as broken down,
+/// none is.
+struct fields_t {
+    std::int64_t year = 0;
+    int month = 0;  ///< 1 = January
+    int day = 0;    ///< 1 = the first
+    int hour = 0;
+    int minute = 0;
+    int second = 0;
+};
+
+constexpr std::int64_t floor_div(std::int64_t a, std::int64_t b)
+{
+    return a / b - (a % b < 0 ? 1 : 0);
+}
+
+// Years are counted from March, so that the leap day is the last of a year. Then the months'
+// lengths repeat every five, 153 days, and a year's first day depends on the years before it alone.
+constexpr std::int64_t FROM_YEAR_0_MARCH_TO_1970 = 719'468;
+constexpr std::int64_t DAYS_OF_400_YEARS = 146'097;
+constexpr std::int64_t DAYS_OF_100_YEARS = 36'524;
+constexpr std::int64_t DAYS_OF_4_YEARS = 1'461;
+
+/// @param month  0 = March
+/// @return       the number of days of the year before that month
+constexpr std::int64_t days_before_month(std::int64_t month)
+{
+    return (153 * month + 2) / 5;
+}
+
+/// @return  days from 1970-01-01 to the first day of the month; `month` may be any number
+constexpr std::int64_t day_of_month_start(std::int64_t year, std::int64_t month)
+{
+    const std::int64_t from_march = 12 * year + month - 3;
+    const std::int64_t y = floor_div(from_march, 12);
+    return 365 * y + floor_div(y, 4) - floor_div(y, 100) + floor_div(y, 400) +
+           days_before_month(from_march - 12 * y) - FROM_YEAR_0_MARCH_TO_1970;
+}
+
+constexpr std::int64_t seconds_of(const fields_t& f)
+{
+    return (day_of_month_start(f.year, f.month) + f.day - 1) * DAY_SECONDS + f.hour * HOUR_SECONDS +
+           f.minute * MINUTE_SECONDS + f.second;
+}
+
+/// @param day  days since 1970-01-01
+constexpr void set_date(fields_t& f, std::int64_t day)
+{
+    const std::int64_t from_march = day + FROM_YEAR_0_MARCH_TO_1970;
+    const std::int64_t era = floor_div(from_march, DAYS_OF_400_YEARS);
+    const std::int64_t day_of_era = from_march - era * DAYS_OF_400_YEARS;
+    // Without the leap days that have passed, every year has 365 days.
+    const std::int64_t leap_days = day_of_era / (DAYS_OF_4_YEARS - 1) -
+                                   day_of_era / DAYS_OF_100_YEARS +
+                                   day_of_era / (DAYS_OF_400_YEARS - 1);
+    const std::int64_t year = (day_of_era - leap_days) / 365;
+    const std::int64_t day_of_year = day_of_era - (365 * year + year / 4 - year / 100);
+    const std::int64_t month = (5 * day_of_year + 2) / 153;
+    f.day = static_cast<int>(day_of_year - days_before_month(month)) + 1;
+    f.month = static_cast<int>(month < 10 ? month + 3 : month - 9);
+    f.year = era * 400 + year + (month < 10 ? 0 : 1);
+}
+
+/// @return  the day of the week, 0 = Sunday; 1970-01-01 was a Thursday
+constexpr int weekday_of(std::int64_t day)
+{
+    return static_cast<int>(day + 4 - 7 * floor_div(day + 4, 7));
+}
+
+constexpr fields_t broken_down(std::int64_t seconds)
+{
+    const std::int64_t day = floor_div(seconds, DAY_SECONDS);
+    const auto second_of_day = static_cast<int>(seconds - day * DAY_SECONDS);
+    fields_t f;
+    set_date(f, day);
+    f.hour = second_of_day / 3600;
+    f.minute = second_of_day / 60 % 60;
+    f.second = second_of_day % 60;
+    return f;
+}
+
+// ---- Names ----
+
+/// Three letters as one number.
+template <class Unit>
+constexpr std::uint64_t packed(const Unit* letters)
+{
+    return static_cast<std::uint64_t>(letters[0]) << 32 |
+           static_cast<std::uint64_t>(letters[1]) << 16 | static_cast<std::uint64_t>(letters[2]);
+}
+
+constexpr auto PACKED_MONTHS = [] {
+    std::array<std::uint64_t, 12> names{};
+    for (std::size_t i = 0; i < names.size(); ++i)
+        names[i] = packed(DavTime::MONTHNAMES[i]);
+    return names;
+}();
+
+/// @return  1 = January; 0 when three units are no month's name
+int month_named(const char16_t* letters)
+{
+    const std::uint64_t name = packed(letters);
+    for (std::size_t i = 0; i < PACKED_MONTHS.size(); ++i)
+        if (PACKED_MONTHS[i] == name)
+            return static_cast<int>(i) + 1;
+    return 0;
+}
+
+constexpr bool is_digit(char16_t unit)
+{
+    return unit >= u'0' && unit <= u'9';
+}
+
+// ---- Reading exactly what to_string() writes, which is what nearly all texts are ----
+
+constexpr std::u16string_view ISO8601_SHAPE = u"####-##-##T##:##:##Z";
+constexpr std::u16string_view RFC1123_SHAPE = u"AAA, ## AAA #### ##:##:## GMT";
+
+constexpr bool is_ascii_letter(char16_t unit)
+{
+    return (unit | 0x20) >= u'a' && (unit | 0x20) <= u'z';
+}
+
+/// Whether the text is as the shape says, where "#" stands for any digit and "A" for any ASCII
+/// letter.
+template <const std::u16string_view& shape>
+bool has_shape(std::u16string_view text)
+{
+    if (text.size() != shape.size())
+        return false;
+    bool matches = true;
+    for (std::size_t i = 0; i < shape.size(); ++i)
+        matches &= shape[i] == u'#'   ? is_digit(text[i])
+                   : shape[i] == u'A' ? is_ascii_letter(text[i])
+                                      : text[i] == shape[i];
+    return matches;
+}
+
+int two_digits(const char16_t* at)
+{
+    return (at[0] - u'0') * 10 + (at[1] - u'0');
+}
+
+int four_digits(const char16_t* at)
+{
+    return two_digits(at) * 100 + two_digits(at + 2);
+}
+
+/// @param text  of ISO8601_SHAPE
+fields_t read_iso8601(const char16_t* text)
+{
+    return {four_digits(text),     two_digits(text + 5),  two_digits(text + 8),
+            two_digits(text + 11), two_digits(text + 14), two_digits(text + 17)};
+}
+
+/// @param text  of RFC1123_SHAPE
+fields_t read_rfc1123(const char16_t* text)
+{
+    return {four_digits(text + 12), month_named(text + 8), two_digits(text + 5),
+            two_digits(text + 17),  two_digits(text + 20), two_digits(text + 23)};
+}
+
+// ---- Reading any text as sscanf() does ----
+
+/// The text's bytes in UTF-8, one after the other, up to the first that is zero. Those that are not
+/// ASCII are all alike, because no conversion asks which they are.
+class utf8_bytes_t {
+public:
+    /// @param text  without an unpaired surrogate
+    explicit utf8_bytes_t(std::u16string_view text) : text_(text) {}
+
+    /// @return  U+0000 at the end, a unit above U+007F for a byte that is not ASCII
+    char16_t peek() const { return text_.empty() ? u'\0' : text_.front(); }
+
+    char16_t take()
+    {
+        const char16_t byte = peek();
+        if (byte != 0 && ++taken_of_unit_ == size_bytes(byte)) {
+            text_.remove_prefix(1);
+            taken_of_unit_ = 0;
+        }
+        return byte;
+    }
+
+private:
+    // A half of a surrogate pair has half of the pair's four bytes.
+    static int size_bytes(char16_t unit)
+    {
+        const bool is_surrogate = (unit & 0xF800) == 0xD800;
+        return unit < 0x80 ? 1 : unit < 0x800 || is_surrogate ? 2 : 3;
+    }
+
+    std::u16string_view text_;
+    int taken_of_unit_ = 0;
+};
+
+/// The conversions of sscanf() that the two formats use; each says whether it succeeded. A blank in
+/// a format matches white space only, which the conversion that follows it skips anyway.
+class scanner_t {
+public:
+    explicit scanner_t(utf8_bytes_t bytes) : bytes_(bytes) {}
+
+    /// "%<width>d"
+    bool number(int width, int& result)
+    {
+        skip_white_space();
+        const bool is_negative = bytes_.peek() == u'-';
+        if (is_negative || bytes_.peek() == u'+') {
+            bytes_.take();
+            --width;
+        }
+        if (!is_digit(bytes_.peek()))
+            return false;
+        result = 0;
+        for (; width > 0 && is_digit(bytes_.peek()); --width)
+            result = result * 10 + (bytes_.take() - u'0');
+        result = is_negative ? -result : result;
+        return true;
+    }
+
+    bool number(int width, std::int64_t& result)
+    {
+        int narrow = 0;
+        const bool found = number(width, narrow);
+        result = narrow;
+        return found;
+    }
+
+    /// "%3s"; of a shorter word, the rest of `letters` is zero.
+    bool word(char16_t (&letters)[3])
+    {
+        skip_white_space();
+        for (char16_t& letter : letters)
+            letter = is_white_space(bytes_.peek()) ? u'\0' : bytes_.take();
+        return letters[0] != 0;
+    }
+
+    bool literal(char16_t ascii) { return bytes_.take() == ascii; }
+
+private:
+    /// As in the "C" locale, whatever the program's is.
+    static bool is_white_space(char16_t byte)
+    {
+        return byte == u' ' || (byte >= u'\t' && byte <= u'\r');
+    }
+
+    void skip_white_space()
+    {
+        while (is_white_space(bytes_.peek()))
+            bytes_.take();
+    }
+
+    utf8_bytes_t bytes_;
+};
+
+/// "%2d:%2d:%2d"
+bool scan_time_of_day(scanner_t& in, fields_t& f)
+{
+    return in.number(2, f.hour) && in.literal(u':') && in.number(2, f.minute) && in.literal(u':') &&
+           in.number(2, f.second);
+}
+
+/// "%4d-%2d-%2dT%2d:%2d:%2dZ". Deliberate: nobody counts on what follows the last conversion, so
+/// the "Z" may be missing.
+bool scan_iso8601(scanner_t in, fields_t& f)
+{
+    return in.number(4, f.year) && in.literal(u'-') && in.number(2, f.month) && in.literal(u'-') &&
+           in.number(2, f.day) && in.literal(u'T') && scan_time_of_day(in, f);
+}
+
+/// "%3s, %2d %3s %4d %2d:%2d:%2d GMT". Deliberate: the name of the day is not looked at.
+bool scan_rfc1123(scanner_t in, fields_t& f)
+{
+    char16_t day_name[3];
+    char16_t month_name[3];
+    if (!in.word(day_name) || !in.literal(u',') || !in.number(2, f.day) || !in.word(month_name))
+        return false;
+    f.month = month_named(month_name);
+    return f.month != 0 && in.number(4, f.year) && scan_time_of_day(in, f);
+}
+
+/// @return  the fourth byte; U+0000 when there are fewer
+char16_t fourth_byte(utf8_bytes_t bytes)
+{
+    for (int i = 0; i < 3; ++i)
+        bytes.take();
+    return bytes.peek();
+}
+
+bool scan(std::u16string_view text, fields_t& f)
+{
+    // Converted to UTF-8, a text with an unpaired surrogate is empty.
+    if (!utf8_size_of(text))
+        return false;
+    const utf8_bytes_t bytes(text);
+    return fourth_byte(bytes) == u',' ? scan_rfc1123(scanner_t(bytes), f)
+                                      : scan_iso8601(scanner_t(bytes), f);
+}
+
+std::int64_t scanned(std::u16string_view text)
+{
+    fields_t f;
+    return scan(text, f) ? seconds_of(f) : 0;
+}
+
+// ---- Writing ----
+
+/// A text under construction. The longest has a year of eleven characters instead of four.
+class text_t {
+public:
+    text_t& character(char c)
+    {
+        *end_++ = static_cast<unsigned char>(c);
+        return *this;
+    }
+
+    text_t& text(const char* ascii)
+    {
+        while (*ascii != '\0')
+            character(*ascii++);
+        return *this;
+    }
+
+    /// @param number  0..99
+    text_t& two_digits(int number)
+    {
+        return character(digit(number / 10)).character(digit(number % 10));
+    }
+
+    /// @param least_width  of the number with its sign, zeros between the two
+    text_t& number(std::int64_t number, int least_width)
+    {
+        char reversed[20];
+        int size = 0;
+        for (std::int64_t rest = number < 0 ? -number : number; rest != 0 || size == 0; rest /= 10)
+            reversed[size++] = digit(static_cast<int>(rest % 10));
+        if (number < 0) {
+            character('-');
+            --least_width;
+        }
+        for (; size < least_width; --least_width)
+            character('0');
+        while (size > 0)
+            character(reversed[--size]);
+        return *this;
+    }
+
+    text_t& time_of_day(const fields_t& f)
+    {
+        return two_digits(f.hour).character(':').two_digits(f.minute).character(':').two_digits(
+            f.second);
+    }
+
+    UString finished()
+    {
+        *end_ = 0;
+        return UString(units_);
+    }
+
+private:
+    static char digit(int number) { return static_cast<char>('0' + number); }
+
+    char16_t units_[RFC1123_SHAPE.size() + 8];
+    char16_t* end_ = units_;
+};
+
+/// "%Y-%m-%dT%H:%M:%SZ"
+UString written_as_iso8601(const fields_t& f)
+{
+    text_t out;
+    out.number(f.year, 1).character('-').two_digits(f.month).character('-').two_digits(f.day);
+    return out.character('T').time_of_day(f).character('Z').finished();
+}
+
+/// "%s, %02d %s %04d %02d:%02d:%02d GMT"
+UString written_as_rfc1123(const fields_t& f, int weekday)
+{
+    text_t out;
+    out.text(DavTime::DAYNAMES[weekday]).text(", ").two_digits(f.day).character(' ');
+    out.text(DavTime::MONTHNAMES[f.month - 1]).character(' ').number(f.year, 4).character(' ');
+    return out.time_of_day(f).text(" GMT").finished();
+}
+
+bool fits_tm_year(std::int64_t year)
+{
+    return year - 1900 >= INT_MIN && year - 1900 <= INT_MAX;
+}
+
+// ---- The time zone ----
+
+long time_of_day(const std::tm& t)
+{
+    return t.tm_hour * HOUR_SECONDS + t.tm_min * MINUTE_SECONDS + t.tm_sec;
+}
+
+// Deliberate: the days of the week tell which of the two is ahead, by one day or not at all.
+long offset_between(const std::tm& utc, const std::tm& local)
+{
+    const int days = (utc.tm_wday - local.tm_wday + 7) % 7;
+    const long correction = days == 1 ? -DAY_SECONDS : days == 6 ? DAY_SECONDS : 0;
+    return time_of_day(local) - time_of_day(utc) + correction;
+}
+
+}  // namespace
+
+void DavTime::parse(const UString& text) noexcept
+{
+    const std::u16string_view units = view_of(text);
+    if (has_shape<ISO8601_SHAPE>(units))
+        seconds_ = seconds_of(read_iso8601(units.data()));
+    else if (has_shape<RFC1123_SHAPE>(units) && month_named(units.data() + 8) != 0)
+        seconds_ = seconds_of(read_rfc1123(units.data()));
+    else
+        seconds_ = scanned(units);
+}
+
+UString DavTime::to_string(Format f) const
+{
+    const fields_t fields = broken_down(seconds_);
+    if (!fits_tm_year(fields.year))
+        return {};
+    switch (static_cast<int>(f)) {
+    case ISO8601:
+        return written_as_iso8601(fields);
+    case RFC1123:
+        return written_as_rfc1123(fields, weekday_of(floor_div(seconds_, DAY_SECONDS)));
+    default:
+        return {};
+    }
+}
+
+long DavTime::get_tz_offset(long t)
+{
+    const std::time_t instant = t;
+    std::tm utc{};
+    std::tm local{};
+    const CriticalSection section(DavTimeImpl::clib_lock);
+    // localtime_r() alone need not notice that TZ has changed. The forms that write into the
+    // caller's record leave the shared one alone, which a host program may be reading.
+    tzset();
+    if (gmtime_r(&instant, &utc) == nullptr || localtime_r(&instant, &local) == nullptr)
+        return 0;
+    return offset_between(utc, local);
+}
+
+}  // namespace Kvl
