@@ -16,6 +16,7 @@
 #include <kvutil/resource.h>
 #include <kvutil/selector.h>
 #include <kvutil/stpexception.h>
+#include <kvutil/sysutl_ieee_hostid.h>
 #include <kvutil/tbs_version_id.h>
 #include <kvutil/umessage.h>
 #include <kvutil/ustring.h>

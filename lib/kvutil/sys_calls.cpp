@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +13,11 @@ namespace {
 int open_with_mode(const char* path, int flags, mode_t mode)
 {
     return ::open(path, flags, mode);
+}
+
+int ioctl_with_argument(int descriptor, unsigned long request, void* argument)
+{
+    return ::ioctl(descriptor, request, argument);
 }
 
 }  // namespace
@@ -26,6 +33,10 @@ constinit sys_calls_t sys_calls = {
     .mkdir = ::mkdir,
     .remove = std::remove,
     .rmdir = ::rmdir,
+
+    // Interfaces of the network
+    .socket = ::socket,
+    .ioctl = ioctl_with_argument,
 };
 
 }  // namespace Kvl

@@ -21,6 +21,10 @@ struct sys_calls_t {
     int (*mkdir)(const char* path, mode_t mode);
     int (*remove)(const char* path);
     int (*rmdir)(const char* path);
+
+    // Interfaces of the network
+    int (*socket)(int domain, int type, int protocol);
+    int (*ioctl)(int descriptor, unsigned long request, void* argument);
 };
 
 extern sys_calls_t sys_calls;
