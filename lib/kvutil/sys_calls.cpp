@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,6 +38,14 @@ constinit sys_calls_t sys_calls = {
     // Interfaces of the network
     .socket = ::socket,
     .ioctl = ioctl_with_argument,
+
+    // Time and process
+    .gettimeofday = ::gettimeofday,
+    .nanosleep = ::nanosleep,
+    .getpid = ::getpid,
+    .mmap = ::mmap,
+    .munmap = ::munmap,
+    .madvise = ::madvise,
 };
 
 }  // namespace Kvl

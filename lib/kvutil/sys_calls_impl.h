@@ -2,7 +2,9 @@
 #define KVUTIL_SYS_CALLS_IMPL_H
 
 #include <cstddef>
+#include <ctime>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/types.h>
 
 namespace Kvl {
@@ -25,6 +27,15 @@ struct sys_calls_t {
     // Interfaces of the network
     int (*socket)(int domain, int type, int protocol);
     int (*ioctl)(int descriptor, unsigned long request, void* argument);
+
+    // Time and process. The clock and the process id do not fail, but tests choose them.
+    int (*gettimeofday)(timeval* now, void* unused);
+    int (*nanosleep)(const timespec* duration, timespec* remaining);
+    pid_t (*getpid)();
+    void* (*mmap)(void* place, std::size_t size_bytes, int access, int flags, int descriptor,
+                  off_t offset);
+    int (*munmap)(void* place, std::size_t size_bytes);
+    int (*madvise)(void* place, std::size_t size_bytes, int advice);
 };
 
 extern sys_calls_t sys_calls;

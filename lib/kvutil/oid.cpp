@@ -1,0 +1,364 @@
+#include <kvutil/oid.h>
+
+#include "failure_impl.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+namespace Kvl {
+namespace {
+
+// ---- Bytes ----
+
+/// The 16 bytes in the order of the text forms.
+using bytes_t = std::array<unsigned char, 16>;
+
+constexpr unsigned char low_byte(unsigned int value)
+{
+    return static_cast<unsigned char>(value);
+}
+
+constexpr unsigned short joined(unsigned char high, unsigned char low)
+{
+    return static_cast<unsigned short>(high << 8 | low);
+}
+
+bytes_t bytes_of(const tbs_uuid_s& s)
+{
+    bytes_t b = {low_byte(s.time_low >> 24),
+                 low_byte(s.time_low >> 16),
+                 low_byte(s.time_low >> 8),
+                 low_byte(s.time_low),
+                 low_byte(s.time_mid >> 8u),
+                 low_byte(s.time_mid),
+                 low_byte(s.time_hi_and_version >> 8u),
+                 low_byte(s.time_hi_and_version),
+                 s.clock_seq_hi_and_reserved,
+                 s.clock_seq_low};
+    std::memcpy(&b[10], s.node, sizeof s.node);
+    return b;
+}
+
+tbs_uuid_s fields_of(const bytes_t& b)
+{
+    tbs_uuid_s s{std::uint32_t{joined(b[0], b[1])} << 16 | joined(b[2], b[3]),
+                 joined(b[4], b[5]),
+                 joined(b[6], b[7]),
+                 b[8],
+                 b[9],
+                 {}};
+    std::memcpy(s.node, &b[10], sizeof s.node);
+    return s;
+}
+
+// ---- The three forms ----
+
+/// Where the digits and the separators of a form stand.
+struct form_t {
+    std::size_t length = 0;
+    std::array<unsigned char, 16> digit_pairs{};
+    std::size_t separator_count = 0;
+    std::array<unsigned char, 8> separators{};
+    std::string_view pattern;
+};
+
+/// @param pattern  "xx" for each byte, any other character for itself
+consteval form_t form_of(std::string_view pattern)
+{
+    form_t form;
+    std::size_t byte = 0;
+    for (; form.length < pattern.size(); ++form.length) {
+        const auto position = static_cast<unsigned char>(form.length);
+        if (pattern[form.length] != 'x') {
+            form.separators[form.separator_count++] = position;
+        } else {
+            form.digit_pairs[byte++] = position;
+            ++form.length;
+        }
+    }
+    form.pattern = pattern;
+    return form;
+}
+
+constexpr form_t DOTTED = form_of("xxxxxxxx.xxxxxxxx.xxxx.xx:xx:xx:xx:xx:xx");
+constexpr form_t HYPHENATED = form_of("xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx");
+constexpr form_t COMPACT = form_of("xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx");
+
+constexpr std::size_t LONGEST = DOTTED.length;
+static_assert(DOTTED.length == 40 && HYPHENATED.length == 36 && COMPACT.length == 32);
+
+// ---- Writing ----
+
+/// The two digits of each byte.
+constexpr auto DIGIT_PAIRS = [] {
+    std::array<std::array<char, 2>, 256> pairs{};
+    for (std::size_t byte = 0; byte < pairs.size(); ++byte)
+        pairs[byte] = {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 0xF]};
+    return pairs;
+}();
+
+template <const form_t& form, class Unit>
+void write_form(const bytes_t& bytes, Unit* text)
+{
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        Unit* const pair = text + form.digit_pairs[i];
+        pair[0] = static_cast<Unit>(DIGIT_PAIRS[bytes[i]][0]);
+        pair[1] = static_cast<Unit>(DIGIT_PAIRS[bytes[i]][1]);
+    }
+    for (std::size_t i = 0; i < form.separator_count; ++i)
+        text[form.separators[i]] = static_cast<Unit>(form.pattern[form.separators[i]]);
+}
+
+constexpr std::size_t length_of(bool compact)
+{
+    return compact ? COMPACT.length : DOTTED.length;
+}
+
+/// @param text  room for length_of(compact) units
+template <class Unit>
+void write(const tbs_uuid_s& s, bool compact, Unit* text)
+{
+    if (compact)
+        write_form<COMPACT>(bytes_of(s), text);
+    else
+        write_form<DOTTED>(bytes_of(s), text);
+}
+
+// ---- Reading texts as we write them ----
+
+constexpr unsigned char NO_DIGIT = 0xFF;
+
+constexpr auto DIGIT_VALUES = [] {
+    std::array<unsigned char, 256> values{};
+    values.fill(NO_DIGIT);
+    for (unsigned char value = 0; value < 16; ++value) {
+        values[static_cast<unsigned char>("0123456789abcdef"[value])] = value;
+        values[static_cast<unsigned char>("0123456789ABCDEF"[value])] = value;
+    }
+    return values;
+}();
+
+unsigned char digit_value(char c)
+{
+    return DIGIT_VALUES[static_cast<unsigned char>(c)];
+}
+
+/// Reads a text that begins with all digits and separators of the form.
+template <const form_t& form>
+bool read_exact(const std::string& text, tbs_uuid_s& result)
+{
+    if (text.size() < form.length)
+        return false;
+    bytes_t bytes;
+    unsigned int bad = 0;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        const unsigned int high = digit_value(text[form.digit_pairs[i]]);
+        const unsigned int low = digit_value(text[form.digit_pairs[i] + 1u]);
+        bad |= high | low;
+        bytes[i] = low_byte(high << 4 | low);
+    }
+    for (std::size_t i = 0; i < form.separator_count; ++i)
+        if (text[form.separators[i]] != form.pattern[form.separators[i]])
+            return false;
+    if (bad > 0xF)
+        return false;
+    result = fields_of(bytes);
+    return true;
+}
+
+/// What reading by the rules would find too, in one go: each field has as many digits as it may
+/// have, so none of them is part of a sign or of "0x".
+bool read_exact(const std::string& text, tbs_uuid_s& result)
+{
+    constexpr std::size_t FIRST_SEPARATOR = 8;
+    if (text.size() < COMPACT.length)
+        return false;
+    switch (text[FIRST_SEPARATOR]) {
+    case '.':
+        return read_exact<DOTTED>(text, result);
+    case '-':
+        return read_exact<HYPHENATED>(text, result);
+    default:
+        return read_exact<COMPACT>(text, result);
+    }
+}
+
+// ---- Reading as leniently as sscanf() ----
+
+/// Reads a zero-terminated text from left to right as sscanf() does, in the C locale.
+class scanner_t {
+public:
+    explicit scanner_t(const char* text) noexcept : at_(text) {}
+
+    bool skip(char expected) { return take_if(*at_ == expected); }
+
+    /// "%x": blanks; then, within the width, a sign, "0x" and digits. Deliberate: "0x" alone is 0.
+    /// @param width  most characters, 2 or more
+    bool read_number(int width, std::uint32_t& value)
+    {
+        while (is_blank(*at_))
+            ++at_;
+        const char* const end = at_ + std::min(width, length_up_to(width));
+        const bool is_negative = *at_ == '-';
+        take_if(is_negative || *at_ == '+');
+        bool has_digits = skip_zero_and_x(end);
+        value = 0;
+        for (; at_ != end && digit_value(*at_) != NO_DIGIT; ++at_) {
+            value = value << 4 | digit_value(*at_);
+            has_digits = true;
+        }
+        if (is_negative)
+            value = 0 - value;
+        return has_digits;
+    }
+
+private:
+    static bool is_blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+    int length_up_to(int width) const
+    {
+        return static_cast<int>(strnlen(at_, static_cast<std::size_t>(width)));
+    }
+
+    bool take_if(bool is_wanted)
+    {
+        at_ += is_wanted ? 1 : 0;
+        return is_wanted;
+    }
+
+    bool skip_zero_and_x(const char* end)
+    {
+        const bool has_zero = take_if(at_ != end && *at_ == '0');
+        if (has_zero && at_ != end)
+            take_if(*at_ == 'x' || *at_ == 'X');
+        return has_zero;
+    }
+
+    const char* at_;
+};
+
+constexpr std::size_t FIELD_COUNT = 11;
+constexpr std::array<int, FIELD_COUNT> WIDTHS = {8, 4, 4, 2, 2, 2, 2, 2, 2, 2, 2};
+
+/// What stands before each field; 0 where nothing does.
+using separators_t = std::array<char, FIELD_COUNT>;
+constexpr separators_t DOTTED_FIELDS = {0, '.', 0, '.', 0, '.', ':', ':', ':', ':', ':'};
+constexpr separators_t HYPHENATED_FIELDS = {0, '-', '-', '-', 0, '-', 0, 0, 0, 0, 0};
+constexpr separators_t COMPACT_FIELDS = {};
+
+bool scan(const char* text, const separators_t& separators, tbs_uuid_s& result)
+{
+    scanner_t scanner(text);
+    std::array<std::uint32_t, FIELD_COUNT> v;
+    for (std::size_t i = 0; i < FIELD_COUNT; ++i) {
+        if (separators[i] != 0 && !scanner.skip(separators[i]))
+            return false;
+        if (!scanner.read_number(WIDTHS[i], v[i]))
+            return false;
+    }
+    result = {v[0],
+              static_cast<unsigned short>(v[1]),
+              static_cast<unsigned short>(v[2]),
+              low_byte(v[3]),
+              low_byte(v[4]),
+              {low_byte(v[5]), low_byte(v[6]), low_byte(v[7]), low_byte(v[8]), low_byte(v[9]),
+               low_byte(v[10])}};
+    return true;
+}
+
+bool read(const std::string& text, tbs_uuid_s& result)
+{
+    return read_exact(text, result) || scan(text.c_str(), DOTTED_FIELDS, result) ||
+           scan(text.c_str(), HYPHENATED_FIELDS, result) ||
+           scan(text.c_str(), COMPACT_FIELDS, result);
+}
+
+}  // namespace
+
+// ---- Uuid ----
+
+Uuid Uuid::gen()
+{
+    tbs_uuid_s s;
+    const int status = brenner_tbs_uuid_gen(&s);
+    if (status != 0)
+        throw_runtime(MSG_UUID_NOT_GENERATED, status);
+    return s;
+}
+
+std::string Uuid::std_str(bool compact) const
+{
+    std::string text(length_of(compact), '\0');
+    write(fields_, compact, text.data());
+    return text;
+}
+
+UString Uuid::str(bool compact) const
+{
+    char16_t text[LONGEST + 1] = {};
+    write(fields_, compact, text);
+    return UString(text);
+}
+
+Uuid Uuid::from_string(const std::string& s)
+{
+    tbs_uuid_s result;
+    if (!read(s, result))
+        throw_illegal_arg(MSG_OID_FORMAT, s, UString(Utf8String(s)));
+    return result;
+}
+
+// ---- Oid ----
+
+Oid Oid::gen()
+{
+    return Uuid::gen();
+}
+
+std::string Oid::std_str(bool compact) const
+{
+    return uuid().std_str(compact);
+}
+
+UString Oid::str(bool compact) const
+{
+    return uuid().str(compact);
+}
+
+Oid Oid::from_string(const std::string& s)
+{
+    return Uuid::from_string(s);
+}
+
+Oid Oid::from_string(const UString& s)
+{
+    return from_string(s.utf8_str());
+}
+
+// ---- Wide streams ----
+
+std::wostream& operator<<(std::wostream& os, const Oid& o)
+{
+    wchar_t text[LONGEST + 1] = {};
+    write(o, false, text);
+    return os << text;
+}
+
+std::wistream& operator>>(std::wistream& is, Oid& o)
+{
+    UString word;
+    is >> word;
+    if (is.fail())
+        return is;
+    // A wide text that is not empty becomes a text that starts with U+0000.
+    word.erase(0, 1);
+    tbs_uuid_s s;
+    if (read(word.utf8_str(), s))
+        o = s;
+    else
+        is.setstate(std::ios_base::failbit);
+    return is;
+}
+
+}  // namespace Kvl
