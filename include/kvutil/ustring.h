@@ -17,6 +17,7 @@ namespace Kvl {
 
 struct charset_converter_t;  // private to the library
 struct constant_text_t;      // private to the library
+struct owned_text_t;         // private to the library
 
 /// A byte string that holds UTF-8 text. The bytes are not checked.
 /// @par Thread-safety
@@ -306,6 +307,7 @@ protected:
 
 private:
     friend struct constant_text_t;
+    friend struct owned_text_t;
     // Their constructors are explicit, so that no caller's arguments turn into one of them.
     struct alias_t {
         explicit alias_t() = default;

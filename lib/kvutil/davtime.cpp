@@ -5,12 +5,14 @@
 #include "ustring_impl.h"
 #include "utf8_impl.h"
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <string_view>
+#include <utility>
 
 namespace Kvl {
 
@@ -28,8 +30,8 @@ constexpr std::int64_t MINUTE_SECONDS = 60;
 constexpr std::int64_t HOUR_SECONDS = 60 * MINUTE_SECONDS;
 constexpr std::int64_t DAY_SECONDS = 24 * HOUR_SECONDS;
 
-/// The fields of a time in UTC. As read, each but the year may be out of its range; as broken down,
-/// none is.
+/// The fields of a time in UTC. As read, a year has up to four characters, the others two; as
+/// broken down, none but the year is out of its range.
 struct fields_t {
     std::int64_t year = 0;
     int month = 0;  ///< 1 = January
@@ -37,6 +39,7 @@ struct fields_t {
     int hour = 0;
     int minute = 0;
     int second = 0;
+    int weekday = 0;  ///< 0 = Sunday; of no account when it is read
 };
 
 constexpr std::int64_t floor_div(std::int64_t a, std::int64_t b)
@@ -46,30 +49,41 @@ constexpr std::int64_t floor_div(std::int64_t a, std::int64_t b)
 
 // Years are counted from March, so that the leap day is the last of a year. Then the months'
 // lengths repeat every five, 153 days, and a year's first day depends on the years before it alone.
-constexpr std::int64_t FROM_YEAR_0_MARCH_TO_1970 = 719'468;
-constexpr std::int64_t DAYS_OF_400_YEARS = 146'097;
-constexpr std::int64_t DAYS_OF_100_YEARS = 36'524;
-constexpr std::int64_t DAYS_OF_4_YEARS = 1'461;
+constexpr unsigned DAYS_OF_4_YEARS = 1'461;
+constexpr unsigned DAYS_OF_100_YEARS = 36'524;
+constexpr unsigned DAYS_OF_400_YEARS = 146'097;
+constexpr unsigned FROM_YEAR_0_MARCH_TO_1970 = 719'468;
+constexpr unsigned WEDNESDAY = 3;  // the first of March of the year 0
+static_assert(DAYS_OF_400_YEARS % 7 == 0);
 
 /// @param month  0 = March
 /// @return       the number of days of the year before that month
-constexpr std::int64_t days_before_month(std::int64_t month)
+constexpr unsigned days_before_month(unsigned month)
 {
     return (153 * month + 2) / 5;
 }
 
-/// @return  days from 1970-01-01 to the first day of the month; `month` may be any number
-constexpr std::int64_t day_of_month_start(std::int64_t year, std::int64_t month)
+constexpr unsigned days_before_year(unsigned year)
 {
-    const std::int64_t from_march = 12 * year + month - 3;
-    const std::int64_t y = floor_div(from_march, 12);
-    return 365 * y + floor_div(y, 4) - floor_div(y, 100) + floor_div(y, 400) +
-           days_before_month(from_march - 12 * y) - FROM_YEAR_0_MARCH_TO_1970;
+    return 365 * year + year / 4 - year / 100 + year / 400;
 }
 
+/// @param f  as read
+/// @return   days from 1970-01-01 to the first day of the month
+constexpr std::int64_t first_day_of_month(const fields_t& f)
+{
+    // The calendar repeats every 400 years; three times that and no year that is read is negative.
+    constexpr int base_year = 3 * 400;
+    constexpr std::int64_t base_day = FROM_YEAR_0_MARCH_TO_1970 + 3 * DAYS_OF_400_YEARS;
+    const auto months =
+        static_cast<unsigned>(12 * (static_cast<int>(f.year) + base_year) + f.month - 3);
+    return std::int64_t{days_before_year(months / 12)} + days_before_month(months % 12) - base_day;
+}
+
+/// @param f  as read
 constexpr std::int64_t seconds_of(const fields_t& f)
 {
-    return (day_of_month_start(f.year, f.month) + f.day - 1) * DAY_SECONDS + f.hour * HOUR_SECONDS +
+    return (first_day_of_month(f) + f.day - 1) * DAY_SECONDS + f.hour * HOUR_SECONDS +
            f.minute * MINUTE_SECONDS + f.second;
 }
 
@@ -78,23 +92,17 @@ constexpr void set_date(fields_t& f, std::int64_t day)
 {
     const std::int64_t from_march = day + FROM_YEAR_0_MARCH_TO_1970;
     const std::int64_t era = floor_div(from_march, DAYS_OF_400_YEARS);
-    const std::int64_t day_of_era = from_march - era * DAYS_OF_400_YEARS;
+    const auto day_of_era = static_cast<unsigned>(from_march - era * DAYS_OF_400_YEARS);
     // Without the leap days that have passed, every year has 365 days.
-    const std::int64_t leap_days = day_of_era / (DAYS_OF_4_YEARS - 1) -
-                                   day_of_era / DAYS_OF_100_YEARS +
-                                   day_of_era / (DAYS_OF_400_YEARS - 1);
-    const std::int64_t year = (day_of_era - leap_days) / 365;
-    const std::int64_t day_of_year = day_of_era - (365 * year + year / 4 - year / 100);
-    const std::int64_t month = (5 * day_of_year + 2) / 153;
-    f.day = static_cast<int>(day_of_year - days_before_month(month)) + 1;
+    const unsigned leap_days = day_of_era / (DAYS_OF_4_YEARS - 1) - day_of_era / DAYS_OF_100_YEARS +
+                               day_of_era / (DAYS_OF_400_YEARS - 1);
+    const unsigned year = (day_of_era - leap_days) / 365;
+    const unsigned day_of_year = day_of_era - days_before_year(year);
+    const unsigned month = (5 * day_of_year + 2) / 153;
+    f.day = static_cast<int>(day_of_year - days_before_month(month) + 1);
     f.month = static_cast<int>(month < 10 ? month + 3 : month - 9);
     f.year = era * 400 + year + (month < 10 ? 0 : 1);
-}
-
-/// @return  the day of the week, 0 = Sunday; 1970-01-01 was a Thursday
-constexpr int weekday_of(std::int64_t day)
-{
-    return static_cast<int>(day + 4 - 7 * floor_div(day + 4, 7));
+    f.weekday = static_cast<int>((day_of_era + WEDNESDAY) % 7);
 }
 
 constexpr fields_t broken_down(std::int64_t seconds)
@@ -119,21 +127,33 @@ constexpr std::uint64_t packed(const Unit* letters)
            static_cast<std::uint64_t>(letters[1]) << 16 | static_cast<std::uint64_t>(letters[2]);
 }
 
-constexpr auto PACKED_MONTHS = [] {
-    std::array<std::uint64_t, 12> names{};
-    for (std::size_t i = 0; i < names.size(); ++i)
-        names[i] = packed(DavTime::MONTHNAMES[i]);
-    return names;
+/// The last two letters alone tell the months' names apart, by their sum.
+template <class Unit>
+constexpr std::size_t month_slot(const Unit* letters)
+{
+    return static_cast<std::size_t>(letters[1] + letters[2]) % 32;
+}
+
+struct month_t {
+    std::uint64_t name = 0;
+    int number = 0;  ///< 1 = January
+};
+
+constexpr auto MONTHS = [] {
+    std::array<month_t, 32> months{};
+    for (int i = 0; i < 12; ++i) {
+        const char* const name = DavTime::MONTHNAMES[i];
+        months[month_slot(name)] = {packed(name), i + 1};
+    }
+    return months;
 }();
+static_assert(std::ranges::count(MONTHS, 0, &month_t::number) == 32 - 12, "a slot for each");
 
 /// @return  1 = January; 0 when three units are no month's name
 int month_named(const char16_t* letters)
 {
-    const std::uint64_t name = packed(letters);
-    for (std::size_t i = 0; i < PACKED_MONTHS.size(); ++i)
-        if (PACKED_MONTHS[i] == name)
-            return static_cast<int>(i) + 1;
-    return 0;
+    const month_t& month = MONTHS[month_slot(letters)];
+    return month.name == packed(letters) ? month.number : 0;
 }
 
 constexpr bool is_digit(char16_t unit)
@@ -151,19 +171,25 @@ constexpr bool is_ascii_letter(char16_t unit)
     return (unit | 0x20) >= u'a' && (unit | 0x20) <= u'z';
 }
 
-/// Whether the text is as the shape says, where "#" stands for any digit and "A" for any ASCII
-/// letter.
+/// @tparam shape  "#" stands for any digit, "A" for any ASCII letter
+template <char16_t shape>
+bool matches(char16_t unit)
+{
+    return shape == u'#' ? is_digit(unit) : shape == u'A' ? is_ascii_letter(unit) : unit == shape;
+}
+
+// Every unit is looked at, without a branch: a text that differs is rare.
+template <const std::u16string_view& shape, std::size_t... i>
+bool all_match(const char16_t* text, std::index_sequence<i...>)
+{
+    return ((matches<shape[i]>(text[i]) ? 1u : 0u) & ...) != 0;
+}
+
 template <const std::u16string_view& shape>
 bool has_shape(std::u16string_view text)
 {
-    if (text.size() != shape.size())
-        return false;
-    bool matches = true;
-    for (std::size_t i = 0; i < shape.size(); ++i)
-        matches &= shape[i] == u'#'   ? is_digit(text[i])
-                   : shape[i] == u'A' ? is_ascii_letter(text[i])
-                                      : text[i] == shape[i];
-    return matches;
+    return text.size() == shape.size() &&
+           all_match<shape>(text.data(), std::make_index_sequence<shape.size()>());
 }
 
 int two_digits(const char16_t* at)
@@ -381,11 +407,15 @@ public:
             f.second);
     }
 
-    UString finished()
+    /// @param least_width  as of number()
+    text_t& year(std::int64_t year, int least_width)
     {
-        *end_ = 0;
-        return UString(units_);
+        if (year < 1000 || year > 9999)
+            return number(year, least_width);
+        return two_digits(static_cast<int>(year) / 100).two_digits(static_cast<int>(year) % 100);
     }
+
+    UString finished() const { return owned_text_t::make({units_, end_}); }
 
 private:
     static char digit(int number) { return static_cast<char>('0' + number); }
@@ -398,16 +428,16 @@ private:
 UString written_as_iso8601(const fields_t& f)
 {
     text_t out;
-    out.number(f.year, 1).character('-').two_digits(f.month).character('-').two_digits(f.day);
+    out.year(f.year, 1).character('-').two_digits(f.month).character('-').two_digits(f.day);
     return out.character('T').time_of_day(f).character('Z').finished();
 }
 
 /// "%s, %02d %s %04d %02d:%02d:%02d GMT"
-UString written_as_rfc1123(const fields_t& f, int weekday)
+UString written_as_rfc1123(const fields_t& f)
 {
     text_t out;
-    out.text(DavTime::DAYNAMES[weekday]).text(", ").two_digits(f.day).character(' ');
-    out.text(DavTime::MONTHNAMES[f.month - 1]).character(' ').number(f.year, 4).character(' ');
+    out.text(DavTime::DAYNAMES[f.weekday]).text(", ").two_digits(f.day).character(' ');
+    out.text(DavTime::MONTHNAMES[f.month - 1]).character(' ').year(f.year, 4).character(' ');
     return out.time_of_day(f).text(" GMT").finished();
 }
 
@@ -453,7 +483,7 @@ UString DavTime::to_string(Format f) const
     case ISO8601:
         return written_as_iso8601(fields);
     case RFC1123:
-        return written_as_rfc1123(fields, weekday_of(floor_div(seconds_, DAY_SECONDS)));
+        return written_as_rfc1123(fields);
     default:
         return {};
     }

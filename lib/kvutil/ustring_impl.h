@@ -26,6 +26,16 @@ struct constant_text_t {
     }
 };
 
+/// Makes texts of units whose number is known.
+struct owned_text_t {
+    /// @param units  fewer than 2^31; copied
+    /// @throws std::bad_alloc  no memory for the text
+    static UString make(std::u16string_view units)
+    {
+        return UString(UString::room_t(units.size()), units.data());
+    }
+};
+
 /// The units of a text; empty when the text is in ICU's bogus state.
 inline std::u16string_view view_of(const UString& text) noexcept
 {
