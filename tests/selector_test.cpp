@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -21,6 +22,9 @@ using testing::ElementsAre;
 
 static_assert(std::is_nothrow_move_constructible_v<Selector>);
 static_assert(std::is_nothrow_move_assignable_v<Selector>);
+static_assert(noexcept(std::declval<const Selector&>().is_nil()));
+static_assert(noexcept(Selector::namespace_string(Selector::NS_FILE)));
+static_assert(noexcept(Selector::provider_domain_string(Selector::PD_VD)));
 static_assert(std::is_convertible_v<const UString&, Selector>, "a text can stand for a selector");
 
 // ---- Vocabulary ----

@@ -1562,26 +1562,49 @@ TEST(UStringStream, ExhaustedMemoryThrowsItselfWhateverTheStreamIsToThrow)
 
 // ---- what never throws ----
 
-TEST(UStringNoexcept, ObserversSearchesAndComparisons)
+bool observers_never_throw(const UString& s)
 {
-    using T = const UString&;
-    const auto holds = [](T s, T o, const unsigned short* p) {
-        static_assert(noexcept(s.empty())&& noexcept(s.length())&& noexcept(s.capacity()));
-        static_assert(noexcept(s[0]));
-        static_assert(noexcept(s.find('a'))&& noexcept(s.find(p))&& noexcept(s.find(o)));
-        static_assert(
-            noexcept(s.find_last('a'))&& noexcept(s.find_last(p))&& noexcept(s.find_last(o)));
-        static_assert(noexcept(s.find_first_of('a'))&& noexcept(s.find_first_of(p))&& noexcept(
-            s.find_first_of(o)));
-        static_assert(
-            noexcept(s.compare(p))&& noexcept(s.compare(o))&& noexcept(s.compare(0, 1, o)));
-        static_assert(noexcept(s == o)&& noexcept(s != o)&& noexcept(s < o)&& noexcept(
-            s > o)&& noexcept(s <= o)&& noexcept(s >= o)&& noexcept(std::hash<UString>()(s)));
-        static_assert(!noexcept(s.c_str()) && !noexcept(s.substr()) && !noexcept(s.utf8_str()));
-    };
-    (void)holds;
-    static_assert(std::is_nothrow_default_constructible_v<UString>);
-    static_assert(std::is_nothrow_destructible_v<UString>);
+    return noexcept(s.empty())&& noexcept(s.length())&& noexcept(s.capacity())&& noexcept(
+        s[0])&& noexcept(std::hash<UString>()(s));
+}
+
+bool searches_never_throw(const UString& s, const unsigned short* p)
+{
+    return noexcept(s.find('a'))&& noexcept(s.find(p))&& noexcept(s.find(s))&& noexcept(s.find_last('a'))&& noexcept(
+        s.find_last(
+            p))&& noexcept(s
+                               .find_last(
+                                   s))&& noexcept(s
+                                                      .find_first_of(
+                                                          'a'))&& noexcept(s
+                                                                               .find_first_of(
+                                                                                   p))&& noexcept(s
+                                                                                                      .find_first_of(
+                                                                                                          s));
+}
+
+bool comparisons_never_throw(const UString& s, const unsigned short* p)
+{
+    return noexcept(s.compare(p))&& noexcept(s.compare(s))&& noexcept(s.compare(
+        0, 1,
+        s))&& noexcept(s ==
+                       s)&& noexcept(s !=
+                                     s)&& noexcept(s <
+                                                   s)&& noexcept(s >
+                                                                 s)&& noexcept(s <=
+                                                                               s)&& noexcept(s >=
+                                                                                             s);
+}
+
+TEST(UStringNoexcept, IsWhatReadsOnly)
+{
+    const UString s("abc");
+    EXPECT_TRUE(observers_never_throw(s));
+    EXPECT_TRUE(searches_never_throw(s, units(u"b")));
+    EXPECT_TRUE(comparisons_never_throw(s, units(u"b")));
+    EXPECT_FALSE(noexcept(s.c_str()) || noexcept(s.substr()) || noexcept(s.utf8_str()));
+    EXPECT_TRUE(std::is_nothrow_default_constructible_v<UString>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<UString>);
 }
 
 TEST(UStringConstruction, IsNotAmbiguousForNulls)

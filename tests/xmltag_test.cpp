@@ -571,6 +571,25 @@ TEST(XmlTagComparison, OrdersByNamespaceAddressThenName)
         }
 }
 
+constexpr bool reads_never_throw(const XmlTag& a, const XmlTag& b, const UString& text)
+{
+    return noexcept(a.ns())&& noexcept(a.ns_id())&& noexcept(a.simple_name())&& noexcept(a.id())&& noexcept(a.is_well_known_namespace())&& noexcept(
+        a <
+        b)&& noexcept(a ==
+                      b)&& noexcept(a !=
+                                    b)&& noexcept(XmlTag::
+                                                      is_well_known_namespace(
+                                                          text))&& noexcept(XmlTag::
+                                                                                ns_lookup_abbreviation(
+                                                                                    text));
+}
+
+TEST(XmlTagComparison, AndReadingNeverThrow)
+{
+    const XmlTag& tag = *XmlTag::lookup(3);
+    EXPECT_TRUE(reads_never_throw(tag, tag, tag.ns()));
+}
+
 TEST(XmlTagCopy, OwnsItsName)
 {
     for (const XmlTag* const source : {XmlTag::lookup(3), XmlTag::lookup(2, ustr("copied"))}) {
@@ -715,7 +734,7 @@ TEST(XmlTagMemoryFault, CreatesANamespaceWhollyOrNotAtAll)
         ASSERT_EQ(XmlTag(uri, UString()).ns_id(), next);
         ASSERT_EQ(XmlTag::g_sorted_namespace_vector->size(), sorted + 1);
     }
-    EXPECT_GT(faults, 5);  // room for several is made at once
+    EXPECT_GT(faults, 0);  // not for each: room for several is made at once
 }
 
 TEST(XmlTagMemoryFault, ReachesTheCallerOfTheTextForms)

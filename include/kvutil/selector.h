@@ -144,7 +144,7 @@ public:
     /// Whether the selector addresses nothing. Never throws.
     /// @return true when the namespace is NS_DEFAULT or NS_NONE, the domain PD_NONE, the resource
     ///         type 0, and name and repository are empty
-    bool is_nil() const;
+    bool is_nil() const noexcept;
 
     /// The full text form, which the constructor parses. A selector that was parsed, has the domain
     /// vd or ob and no pseudo-namespace comes back with the same fields.
@@ -187,12 +187,12 @@ public:
     /// The text of a namespace. Never throws.
     /// @param ns  a namespace
     /// @return its text; the empty text for a value outside the enumeration
-    static const UString& namespace_string(namespace_t ns);
+    static const UString& namespace_string(namespace_t ns) noexcept;
 
     /// The text of a provider domain. Never throws.
     /// @param pd  a provider domain
     /// @return its text; the empty text for a value outside the enumeration
-    static const UString& provider_domain_string(provider_domain_t pd);
+    static const UString& provider_domain_string(provider_domain_t pd) noexcept;
 
     /// The pieces of a text between separators, not decoded. A separator after "%" is escaped: it
     /// stays inside its piece, with the "%". Empty pieces are dropped.

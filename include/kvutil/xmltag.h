@@ -60,9 +60,9 @@ public:
     /// Orders namespaces by URI, the order of g_sorted_namespace_vector. Never throws.
     struct KVUTIL_EXPORT CompareNamespacePtr {
         /// Whether the first URI comes before the second.
-        bool operator()(const Namespace* a, const Namespace* b) const;
-        bool operator()(const Namespace* a, const UString& uri) const;
-        bool operator()(const UString& uri, const Namespace* b) const;
+        bool operator()(const Namespace* a, const Namespace* b) const noexcept;
+        bool operator()(const Namespace* a, const UString& uri) const noexcept;
+        bool operator()(const UString& uri, const Namespace* b) const noexcept;
     };
 
     static constexpr Id NUM_WK_IDS = 1155;         ///< fixed Ids, and the first run-time Id
@@ -96,19 +96,22 @@ public:
     ~XmlTag();
 
     /// @return the namespace URI; empty for a tag without a namespace. Never throws.
-    const UString& ns() const { return ns_ != nullptr ? ns_->uri : EMPTY_NS_PREFIX; }
+    const UString& ns() const noexcept { return ns_ != nullptr ? ns_->uri : EMPTY_NS_PREFIX; }
 
     /// @return the namespace's number; -1 for a tag without a namespace. Never throws.
-    NsId ns_id() const { return ns_ != nullptr ? ns_->id : -1; }
+    NsId ns_id() const noexcept { return ns_ != nullptr ? ns_->id : -1; }
 
     /// @return whether the tag has one of the 21 well-known namespaces. Never throws.
-    bool is_well_known_namespace() const { return ns_ != nullptr && ns_->id < NUM_WK_NAMESPACES; }
+    bool is_well_known_namespace() const noexcept
+    {
+        return ns_ != nullptr && ns_->id < NUM_WK_NAMESPACES;
+    }
 
     /// @return the local name. Never throws.
-    const UString& simple_name() const { return simple_name_; }
+    const UString& simple_name() const noexcept { return simple_name_; }
 
     /// @return the Id; 0 for the nil tag and for tags that are not registered. Never throws.
-    Id id() const { return id_; }
+    Id id() const noexcept { return id_; }
 
     /// The URI, "/" and the local name; "<nil-tag>" when the Id is 0. A tag that has an Id but no
     /// namespace gives "/" and its local name.
@@ -170,11 +173,11 @@ public:
 
     /// @param abbreviation  compared exactly, colon included ("ACL:")
     /// @return              0 to 20; -1 for an unknown one. Never throws.
-    static NsId ns_lookup_abbreviation(const UString& abbreviation);
+    static NsId ns_lookup_abbreviation(const UString& abbreviation) noexcept;
 
     /// @param uri  compared exactly
     /// @return     whether it is the URI of one of the 21 well-known namespaces. Never throws.
-    static bool is_well_known_namespace(const UString& uri);
+    static bool is_well_known_namespace(const UString& uri) noexcept;
 
     /// Builds the 21 well-known namespaces when the library is loaded; later calls change nothing.
     /// @return g_sorted_namespace_vector
@@ -182,11 +185,11 @@ public:
 
     /// Orders by namespace, then by local name. The order of namespaces is that of their
     /// addresses: stable within the process, not alphabetical. Ids are not compared. Never throws.
-    bool operator<(const XmlTag& o) const;
+    bool operator<(const XmlTag& o) const noexcept;
 
     /// Same namespace and local name, whatever the Ids. Never throws.
-    bool operator==(const XmlTag& o) const;
-    bool operator!=(const XmlTag& o) const;  ///< @overload
+    bool operator==(const XmlTag& o) const noexcept;
+    bool operator!=(const XmlTag& o) const noexcept;  ///< @overload
 
     /// @name State of the registry
     /// For reading. The first is complete after load; the others change whenever a name or a URI
@@ -216,9 +219,9 @@ namespace XmlTagImpl {
 /// Orders tags by local name, the order of XmlTag::Namespace::wk_tags. Never throws.
 struct KVUTIL_EXPORT CompareXmlTagSimpleName {
     /// Whether the first name comes before the second.
-    bool operator()(const XmlTag* a, const XmlTag* b) const;
-    bool operator()(const XmlTag* a, const UString& name) const;
-    bool operator()(const UString& name, const XmlTag* b) const;
+    bool operator()(const XmlTag* a, const XmlTag* b) const noexcept;
+    bool operator()(const XmlTag* a, const UString& name) const noexcept;
+    bool operator()(const UString& name, const XmlTag* b) const noexcept;
 };
 
 /// Run-time tags by Id: a list of chunks of 128 entries that never move, so that a reference to an

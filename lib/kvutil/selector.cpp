@@ -390,7 +390,7 @@ Selector& Selector::operator=(const Selector& o)
     return *this = Selector(o);
 }
 
-bool Selector::is_nil() const
+bool Selector::is_nil() const noexcept
 {
     return (ns_ == NS_DEFAULT || ns_ == NS_NONE) && domain_ == PD_NONE && resource_type_ == 0 &&
            name_.empty() && repository_.empty();

@@ -127,7 +127,7 @@ const Selector::provider_domain_t* find_domain(std::u16string_view text) noexcep
 
 }  // namespace SelectorImpl
 
-const UString& Selector::namespace_string(namespace_t ns)
+const UString& Selector::namespace_string(namespace_t ns) noexcept
 {
     const auto& texts = SelectorImpl::g_namespace_id_map.texts;
     const auto index = static_cast<std::size_t>(ns);
@@ -135,7 +135,7 @@ const UString& Selector::namespace_string(namespace_t ns)
 }
 
 // The vocabulary's own empty text stands for every value that has none.
-const UString& Selector::provider_domain_string(provider_domain_t pd)
+const UString& Selector::provider_domain_string(provider_domain_t pd) noexcept
 {
     const auto& texts = SelectorImpl::g_provider_domain_string.texts;
     const auto index = static_cast<std::size_t>(pd);

@@ -386,7 +386,7 @@ const UString& XmlTag::ns_URI(NsId nsid)
     return ns->uri;
 }
 
-XmlTag::NsId XmlTag::ns_lookup_abbreviation(const UString& abbreviation)
+XmlTag::NsId XmlTag::ns_lookup_abbreviation(const UString& abbreviation) noexcept
 {
     for (const XmlTagImpl::wk_namespace_t& row : XmlTagImpl::wk_namespaces_array)
         if (row.abbreviation == abbreviation)
@@ -394,25 +394,25 @@ XmlTag::NsId XmlTag::ns_lookup_abbreviation(const UString& abbreviation)
     return -1;
 }
 
-bool XmlTag::is_well_known_namespace(const UString& uri)
+bool XmlTag::is_well_known_namespace(const UString& uri) noexcept
 {
     return XmlTagImpl::find_well_known_namespace(view_of(uri)) != nullptr;
 }
 
 // Addresses of unrelated objects are ordered by std::less only.
-bool XmlTag::operator<(const XmlTag& o) const
+bool XmlTag::operator<(const XmlTag& o) const noexcept
 {
     if (ns_ != o.ns_)
         return std::less<const Namespace*>()(ns_, o.ns_);
     return this != &o && simple_name_ < o.simple_name_;
 }
 
-bool XmlTag::operator==(const XmlTag& o) const
+bool XmlTag::operator==(const XmlTag& o) const noexcept
 {
     return this == &o || (ns_ == o.ns_ && simple_name_ == o.simple_name_);
 }
 
-bool XmlTag::operator!=(const XmlTag& o) const
+bool XmlTag::operator!=(const XmlTag& o) const noexcept
 {
     return !(*this == o);
 }
@@ -422,17 +422,17 @@ XmlTag::Namespace::Namespace(const UString& uri_, NsId id_, bool has_wk_tags_, b
 {
 }
 
-bool XmlTag::CompareNamespacePtr::operator()(const Namespace* a, const Namespace* b) const
+bool XmlTag::CompareNamespacePtr::operator()(const Namespace* a, const Namespace* b) const noexcept
 {
     return a->uri < b->uri;
 }
 
-bool XmlTag::CompareNamespacePtr::operator()(const Namespace* a, const UString& uri) const
+bool XmlTag::CompareNamespacePtr::operator()(const Namespace* a, const UString& uri) const noexcept
 {
     return a->uri < uri;
 }
 
-bool XmlTag::CompareNamespacePtr::operator()(const UString& uri, const Namespace* b) const
+bool XmlTag::CompareNamespacePtr::operator()(const UString& uri, const Namespace* b) const noexcept
 {
     return uri < b->uri;
 }
@@ -466,17 +466,17 @@ XmlTag* tag_access_t::construct(void* place, XmlTag::Namespace* ns, std::u16stri
     return ::new (place) XmlTag(ns, name.data(), static_cast<int>(name.size()), id);
 }
 
-bool CompareXmlTagSimpleName::operator()(const XmlTag* a, const XmlTag* b) const
+bool CompareXmlTagSimpleName::operator()(const XmlTag* a, const XmlTag* b) const noexcept
 {
     return a->simple_name() < b->simple_name();
 }
 
-bool CompareXmlTagSimpleName::operator()(const XmlTag* a, const UString& name) const
+bool CompareXmlTagSimpleName::operator()(const XmlTag* a, const UString& name) const noexcept
 {
     return a->simple_name() < name;
 }
 
-bool CompareXmlTagSimpleName::operator()(const UString& name, const XmlTag* b) const
+bool CompareXmlTagSimpleName::operator()(const UString& name, const XmlTag* b) const noexcept
 {
     return name < b->simple_name();
 }
