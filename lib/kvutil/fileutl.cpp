@@ -96,6 +96,7 @@ UString Fileutl::sys_tmpdir()
 
 namespace {
 
+constexpr unsigned short SEPARATOR = u'/';
 constexpr int MAX_SUFFIX = 9999;
 constexpr int MAX_RETRIES = 9999;
 
@@ -149,9 +150,11 @@ class new_object_t {
 public:
     new_object_t(const UString& prefix, bool is_dir)
     {
-        const UString stem = Fileutl::sys_tmpdir() + UString('/') + prefix;
+        path_ = Fileutl::sys_tmpdir();
+        path_.append(SEPARATOR).append(prefix);
+        const unsigned int stem_units = path_.length();
         int retries = 0;
-        while (const int error = try_next(stem, is_dir)) {
+        while (const int error = try_next(stem_units, is_dir)) {
             advance_suffix();
             if (error != EEXIST)
                 refuse(error_text(error));
@@ -178,10 +181,12 @@ public:
     }
 
 private:
-    int try_next(const UString& stem, bool is_dir)
+    int try_next(unsigned int stem_units, bool is_dir)
     {
         const int suffix = last_suffix.load(std::memory_order_relaxed);
-        path_ = stem + UString(Utf8String(std::to_string(suffix)));
+        path_.erase(stem_units);
+        for (const char digit : std::to_string(suffix))
+            path_.append(static_cast<unsigned short>(digit));
         bytes_ = path_.utf8_str();
         return make_object(bytes_.c_str(), is_dir);
     }
@@ -217,7 +222,8 @@ UString Fileutl::create_tmp_file(unsigned int id)
 UString Fileutl::create_tmp_file(const UString& name, unsigned int id)
 {
     new_object_t directory(constant_text_t::make(u"DIR"), true);
-    UString path = directory.path() + UString('/') + name;
+    UString path = directory.path();
+    path.append(SEPARATOR).append(name);
     record(path, {.in_dir = true, .id = id});
     directory.keep();
     return path;
@@ -239,7 +245,7 @@ namespace {
 
 /// A path as the system takes it.
 struct platform_path_t {
-    explicit platform_path_t(UString path) : text(std::move(path))
+    explicit platform_path_t(const UString& path) : text(path)
     {
         bytes = text.std_str("DEFAULT", failed);
     }
