@@ -35,7 +35,12 @@ public:
     /// The fields as they are. Never throws.
     operator tbs_uuid_s() const noexcept { return fields_; }
     /// @copydoc operator tbs_uuid_s() const
-    operator tbs_oid_s() const noexcept;
+    operator tbs_oid_s() const noexcept
+    {
+        tbs_oid_s s;
+        std::memcpy(&s, &fields_, sizeof s);
+        return s;
+    }
 
     /// @return  whether all 16 bytes are zero. Never throws.
     bool is_nil() const noexcept { return *this == Uuid(); }
@@ -106,7 +111,12 @@ public:
     /// @copydoc Oid(const Uuid&)
     Oid(const tbs_oid_s& s) noexcept : Oid(Uuid(s)) {}
     /// @copydoc Oid(const Uuid&)
-    Oid(const tbs_uuid_s& s) noexcept;
+    Oid(const tbs_uuid_s& s) noexcept
+        : bits_{s.time_low, std::uint32_t{s.time_hi_and_version} << 16 | s.time_mid,
+                word(s.clock_seq_hi_and_reserved, s.clock_seq_low, s.node[0], s.node[1]),
+                word(s.node[2], s.node[3], s.node[4], s.node[5])}
+    {
+    }
 
     /// The words as they are. Never throws.
     Oid& operator=(const bits& b) noexcept
@@ -116,7 +126,18 @@ public:
     }
 
     /// The UUID that these words come from. Never throws.
-    Uuid uuid() const noexcept;
+    Uuid uuid() const noexcept
+    {
+        const std::uint32_t w2 = bits_.w2;
+        const std::uint32_t w3 = bits_.w3;
+        return tbs_uuid_s{
+            bits_.w0,
+            static_cast<unsigned short>(bits_.w1),
+            static_cast<unsigned short>(bits_.w1 >> 16),
+            byte(w2, 0),
+            byte(w2, 1),
+            {byte(w2, 2), byte(w2, 3), byte(w3, 0), byte(w3, 1), byte(w3, 2), byte(w3, 3)}};
+    }
     /// The fields of uuid(). Never throws.
     operator tbs_oid_s() const noexcept { return static_cast<tbs_oid_s>(uuid()); }
     /// @copydoc operator tbs_oid_s() const
@@ -177,6 +198,17 @@ public:
     static Oid from_string(const UString& s);
 
 private:
+    static std::uint32_t word(unsigned char lowest, unsigned char second, unsigned char third,
+                              unsigned char highest) noexcept
+    {
+        return std::uint32_t{lowest} | std::uint32_t{second} << 8 | std::uint32_t{third} << 16 |
+               std::uint32_t{highest} << 24;
+    }
+    static unsigned char byte(std::uint32_t word, int position) noexcept
+    {
+        return static_cast<unsigned char>(word >> 8 * position);
+    }
+
     bits bits_;
 };
 
@@ -190,39 +222,6 @@ KVUTIL_EXPORT std::wostream& operator<<(std::wostream& os, const Oid& o);
 /// Reads one word, delimited by white space, as Oid::from_string() reads texts. A text of no known
 /// form sets failbit. When anything fails, `o` keeps its value.
 KVUTIL_EXPORT std::wistream& operator>>(std::wistream& is, Oid& o);
-
-inline Uuid::operator tbs_oid_s() const noexcept
-{
-    tbs_oid_s s;
-    std::memcpy(&s, &fields_, sizeof s);
-    return s;
-}
-
-inline Uuid::Uuid(const Oid& o) noexcept : Uuid(o.uuid()) {}
-
-inline Oid::Oid(const tbs_uuid_s& s) noexcept
-    : bits_{s.time_low, std::uint32_t{s.time_hi_and_version} << 16 | s.time_mid,
-            std::uint32_t{s.clock_seq_hi_and_reserved} | std::uint32_t{s.clock_seq_low} << 8 |
-                std::uint32_t{s.node[0]} << 16 | std::uint32_t{s.node[1]} << 24,
-            std::uint32_t{s.node[2]} | std::uint32_t{s.node[3]} << 8 |
-                std::uint32_t{s.node[4]} << 16 | std::uint32_t{s.node[5]} << 24}
-{
-}
-
-inline Uuid Oid::uuid() const noexcept
-{
-    const auto byte = [](std::uint32_t word, int position) {
-        return static_cast<unsigned char>(word >> 8 * position);
-    };
-    const tbs_uuid_s s = {bits_.w0,
-                          static_cast<unsigned short>(bits_.w1),
-                          static_cast<unsigned short>(bits_.w1 >> 16),
-                          byte(bits_.w2, 0),
-                          byte(bits_.w2, 1),
-                          {byte(bits_.w2, 2), byte(bits_.w2, 3), byte(bits_.w3, 0),
-                           byte(bits_.w3, 1), byte(bits_.w3, 2), byte(bits_.w3, 3)}};
-    return s;
-}
 
 }  // namespace Kvl
 

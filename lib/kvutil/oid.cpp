@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <string_view>
+#include <utility>
 
 namespace Kvl {
 namespace {
@@ -90,13 +91,18 @@ static_assert(DOTTED.length == 40 && HYPHENATED.length == 36 && COMPACT.length =
 
 // ---- Writing ----
 
-/// The two digits of each byte.
-constexpr auto DIGIT_PAIRS = [] {
-    std::array<std::array<char, 2>, 256> pairs{};
+using digit_pairs_t = std::array<std::array<char, 2>, 256>;
+
+consteval digit_pairs_t digit_pairs()
+{
+    digit_pairs_t pairs{};
     for (std::size_t byte = 0; byte < pairs.size(); ++byte)
         pairs[byte] = {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 0xF]};
     return pairs;
-}();
+}
+
+/// The two digits of each byte.
+constexpr digit_pairs_t DIGIT_PAIRS = digit_pairs();
 
 template <const form_t& form, class Unit>
 void write_form(const bytes_t& bytes, Unit* text)
@@ -127,44 +133,57 @@ void write(const tbs_uuid_s& s, bool compact, Unit* text)
 
 // ---- Reading texts as we write them ----
 
-constexpr unsigned char NO_DIGIT = 0xFF;
+/// More than a byte, also behind a shift by one digit.
+constexpr unsigned short NO_DIGIT = 0x100;
 
-constexpr auto DIGIT_VALUES = [] {
-    std::array<unsigned char, 256> values{};
+using digit_values_t = std::array<unsigned short, 256>;
+
+consteval digit_values_t digit_values()
+{
+    digit_values_t values{};
     values.fill(NO_DIGIT);
     for (unsigned char value = 0; value < 16; ++value) {
         values[static_cast<unsigned char>("0123456789abcdef"[value])] = value;
         values[static_cast<unsigned char>("0123456789ABCDEF"[value])] = value;
     }
     return values;
-}();
+}
 
-unsigned char digit_value(char c)
+constexpr digit_values_t DIGIT_VALUES = digit_values();
+
+unsigned int digit_value(char c)
 {
     return DIGIT_VALUES[static_cast<unsigned char>(c)];
 }
 
-/// Reads a text that begins with all digits and separators of the form.
+/// The byte of two digits; more than 0xFF when one of them is none.
+unsigned int byte_of(const char* digits)
+{
+    return digit_value(digits[0]) << 4 | digit_value(digits[1]);
+}
+
+/// Reads a text that begins with all digits and separators of the form. Written out pair by pair,
+/// because the places are constants then.
+template <const form_t& form, std::size_t... pair, std::size_t... separator>
+bool read_exact(const char* text, tbs_uuid_s& result, std::index_sequence<pair...>,
+                std::index_sequence<separator...>)
+{
+    if (!(... && (text[form.separators[separator]] == form.pattern[form.separators[separator]])))
+        return false;
+    const unsigned int values[] = {byte_of(text + form.digit_pairs[pair])...};
+    if ((... | values[pair]) > 0xFF)
+        return false;
+    result = fields_of({low_byte(values[pair])...});
+    return true;
+}
+
 template <const form_t& form>
 bool read_exact(const std::string& text, tbs_uuid_s& result)
 {
-    if (text.size() < form.length)
-        return false;
-    bytes_t bytes;
-    unsigned int bad = 0;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        const unsigned int high = digit_value(text[form.digit_pairs[i]]);
-        const unsigned int low = digit_value(text[form.digit_pairs[i] + 1u]);
-        bad |= high | low;
-        bytes[i] = low_byte(high << 4 | low);
-    }
-    for (std::size_t i = 0; i < form.separator_count; ++i)
-        if (text[form.separators[i]] != form.pattern[form.separators[i]])
-            return false;
-    if (bad > 0xF)
-        return false;
-    result = fields_of(bytes);
-    return true;
+    return text.size() >= form.length &&
+           read_exact<form>(text.data(), result,
+                            std::make_index_sequence<form.digit_pairs.size()>(),
+                            std::make_index_sequence<form.separator_count>());
 }
 
 /// What reading by the rules would find too, in one go: each field has as many digits as it may
@@ -274,9 +293,18 @@ bool read(const std::string& text, tbs_uuid_s& result)
            scan(text.c_str(), COMPACT_FIELDS, result);
 }
 
+// What makes up the message is gone before the throw, which then has nothing to unwind here.
+[[gnu::cold, gnu::noinline]] IllegalArgException rejection(const std::string& text)
+{
+    const UString decoded{Utf8String(text)};
+    return failure<IllegalArgException>(MSG_OID_FORMAT, text, decoded);
+}
+
 }  // namespace
 
 // ---- Uuid ----
+
+Uuid::Uuid(const Oid& o) noexcept : Uuid(o.uuid()) {}
 
 Uuid Uuid::gen()
 {
@@ -305,7 +333,7 @@ Uuid Uuid::from_string(const std::string& s)
 {
     tbs_uuid_s result;
     if (!read(s, result))
-        throw_illegal_arg(MSG_OID_FORMAT, s, UString(Utf8String(s)));
+        throw rejection(s);
     return result;
 }
 
