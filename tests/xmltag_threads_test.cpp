@@ -170,6 +170,37 @@ TEST(XmlTagThreads, ReadTagsByIdWhileOthersRegister)
     reader.join();
 }
 
+// What is handed out by reference is terminated already, so that c_str() and copies only read.
+TEST(XmlTagThreads, ReadAndCopyTheSameTexts)
+{
+    const UString short_name = ustr("short");
+    const UString long_name(std::u16string(100, u'n'));
+    const UString uri(std::u16string(100, u'u'));
+    const XmlTag copied(uri, long_name);
+    const XmlTag copy = copied;
+    const UString* const texts[] = {
+        &XmlTag::EMPTY_NS_PREFIX,
+        &XmlTag::lookup(0)->ns(),
+        &XmlTag::lookup(3)->simple_name(),
+        &XmlTag::lookup(3)->ns(),
+        &XmlTag::ns_abbreviation(3),
+        &XmlTag::lookup(2, short_name)->simple_name(),
+        &XmlTag::lookup(2, long_name)->simple_name(),
+        &copied.ns(),
+        &copied.simple_name(),
+        &copy.simple_name(),
+    };
+    on_threads(4, [&](int) {
+        for (int i = 0; i < 500; ++i)
+            for (const UString* const text : texts) {
+                ASSERT_EQ(text->c_str()[text->length()], 0);
+                const UString own = *text;
+                ASSERT_EQ(own, *text);
+                ASSERT_EQ(own.c_str()[own.length()], 0);
+            }
+    });
+}
+
 TEST(XmlTagThreads, DoNotWaitForARegistrationToLookUpWhatIsKnown)
 {
     const UString name = ustr("known");
