@@ -47,6 +47,11 @@ constexpr std::int64_t floor_div(std::int64_t a, std::int64_t b)
     return a / b - (a % b < 0 ? 1 : 0);
 }
 
+constexpr std::int64_t floor_mod(std::int64_t a, std::int64_t b)
+{
+    return a % b + (a % b < 0 ? b : 0);
+}
+
 // Years are counted from March, so that the leap day is the last of a year. Then the months'
 // lengths repeat every five, 153 days, and a year's first day depends on the years before it alone.
 constexpr unsigned DAYS_OF_4_YEARS = 1'461;
@@ -92,7 +97,7 @@ constexpr void set_date(fields_t& f, std::int64_t day)
 {
     const std::int64_t from_march = day + FROM_YEAR_0_MARCH_TO_1970;
     const std::int64_t era = floor_div(from_march, DAYS_OF_400_YEARS);
-    const auto day_of_era = static_cast<unsigned>(from_march - era * DAYS_OF_400_YEARS);
+    const auto day_of_era = static_cast<unsigned>(floor_mod(from_march, DAYS_OF_400_YEARS));
     // Without the leap days that have passed, every year has 365 days.
     const unsigned leap_days = day_of_era / (DAYS_OF_4_YEARS - 1) - day_of_era / DAYS_OF_100_YEARS +
                                day_of_era / (DAYS_OF_400_YEARS - 1);
@@ -107,10 +112,9 @@ constexpr void set_date(fields_t& f, std::int64_t day)
 
 constexpr fields_t broken_down(std::int64_t seconds)
 {
-    const std::int64_t day = floor_div(seconds, DAY_SECONDS);
-    const auto second_of_day = static_cast<int>(seconds - day * DAY_SECONDS);
+    const auto second_of_day = static_cast<int>(floor_mod(seconds, DAY_SECONDS));
     fields_t f;
-    set_date(f, day);
+    set_date(f, floor_div(seconds, DAY_SECONDS));
     f.hour = second_of_day / 3600;
     f.minute = second_of_day / 60 % 60;
     f.second = second_of_day % 60;
