@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -661,6 +662,19 @@ TEST(XmlTagTexts, AreTerminatedWithoutAllocating)
     }
 }
 
+// A name may fill its storage to the last unit, so that there was no place for the terminator.
+TEST(XmlTagTexts, OfTagsThatWereBuiltAndCopiedAreTerminatedToo)
+{
+    for (std::size_t length = 0; length < 70; ++length) {
+        const XmlTag tag(ustr("urn:terminated"), UString(std::u16string(length, u't')));
+        const XmlTag copy(tag);
+        const unsigned long before = allocations_of_this_thread();
+        EXPECT_EQ(tag.simple_name().c_str()[length], 0);
+        EXPECT_EQ(copy.simple_name().c_str()[length], 0);
+        EXPECT_EQ(allocations_of_this_thread(), before) << length;
+    }
+}
+
 TEST(XmlTagLookup, OfWhatIsKnownAllocatesNothing)
 {
     const UString well_known = ustr("acl-entry");
@@ -712,6 +726,15 @@ TEST(XmlTagMemoryFault, RegistersATagWhollyOrNotAtAll)
     }
     EXPECT_EQ(XmlTag::g_num_defined_tags, first + 400);
     EXPECT_GT(faults, 400);  // some registrations had more to allocate
+}
+
+TEST(XmlTagLimits, ReportUsedUpIdsAsExhaustedMemory)
+{
+    const UString name = fresh_name();
+    const XmlTag::Id next = std::exchange(XmlTag::g_num_defined_tags, INT_MAX);
+    EXPECT_THROW(XmlTag::lookup(8, name), std::bad_alloc);
+    EXPECT_EQ(std::exchange(XmlTag::g_num_defined_tags, next), INT_MAX);
+    EXPECT_EQ(XmlTag::lookup(8, name)->id(), next);
 }
 
 TEST(XmlTagMemoryFault, CreatesANamespaceWhollyOrNotAtAll)
