@@ -36,6 +36,7 @@ using Kvl::Oid;
 using Kvl::UString;
 using Kvl::Utf8String;
 using Kvl::Uuid;
+using namespace std::string_literals;
 
 // Every byte is another one, so that none can stand in for its neighbour.
 const tbs_uuid_s SAMPLE = {0x01234567, 0x89AB, 0xCDEF,
@@ -431,7 +432,7 @@ private:
 
     void edit(std::string& text)
     {
-        static const std::string CHARACTERS("0123fFxX+-.:gG_ \t\n\v\f\r\0\x7F\x80\xA0\xFF", 30);
+        static const std::string CHARACTERS = "0123fFxX+-.:gG_ \t\n\v\f\r\0\x7F\x80\xA0\xFF"s;
         const std::size_t at = random_() % (text.size() + 1);
         switch (random_() % 6) {
         case 0:
@@ -469,10 +470,11 @@ TEST(OidTextIn, IsAsLenientAsSscanf)
     EXPECT_LT(accepted, COUNT * 9 / 10);
 }
 
-// Every text of up to six characters from those that matter, as the start of a form and as its end.
+// Every text of up to five characters from those that matter, as the start of a form and as its
+// end.
 TEST(OidTextIn, AgreesWithSscanfOnEveryShortField)
 {
-    const std::string characters("0xf+- .\0", 8);
+    const std::string characters = "0xf+- .\0"s;
     for (int length = 0; length <= 5; ++length)
         for (int number = 0; number < 1 << 3 * length && !HasFailure(); ++number) {
             std::string field;

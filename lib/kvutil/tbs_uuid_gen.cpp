@@ -79,6 +79,7 @@ struct issued_t {
 
 constexpr std::uint64_t NOTHING_ISSUED = 0;
 constinit std::atomic<std::uint64_t> g_issued{NOTHING_ISSUED};
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
 constexpr std::uint64_t pack(const issued_t& i)
 {
@@ -138,6 +139,7 @@ std::uint64_t wait_for_window_after(const issued_t& last, const clock_reading_t&
 
 using remembered_id_t = std::atomic<std::uint32_t>;
 constexpr std::size_t REMEMBERED_ID_BYTES = sizeof(remembered_id_t);
+static_assert(remembered_id_t::is_always_lock_free);
 
 /// Stands in where the kernel cannot empty a page on fork(): the id is then asked for each time.
 constinit remembered_id_t g_never_remembered{0};
