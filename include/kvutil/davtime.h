@@ -19,6 +19,7 @@ namespace Kvl {
 /// @see ISO 8601:2004 4.3.2; RFC 1123 5.2.14
 class KVUTIL_EXPORT DavTime {
 public:
+    /// The two forms.
     enum Format {
         ISO8601 = 0,  ///< 1994-11-06T08:49:37Z, as of creation dates
         RFC1123 = 1   ///< Sun, 06 Nov 1994 08:49:37 GMT, as of last-modified dates

@@ -258,7 +258,7 @@ private:
 /// a format matches white space only, which the conversion that follows it skips anyway.
 class scanner_t {
 public:
-    explicit scanner_t(utf8_bytes_t bytes) : bytes_(bytes) {}
+    explicit scanner_t(const utf8_bytes_t& bytes) : bytes_(bytes) {}
 
     /// "%<width>d"
     bool number(int width, int& result)
