@@ -4,12 +4,14 @@
 /// @file
 /// The whole public interface, every header of the library.
 
+#include <kvutil/credentials.h>
 #include <kvutil/critsec.h>
 #include <kvutil/critsec_lock.h>
 #include <kvutil/davtime.h>
 #include <kvutil/exception.h>
 #include <kvutil/export.h>
 #include <kvutil/fileutl.h>
+#include <kvutil/identity.h>
 #include <kvutil/kvutil_msg.h>
 #include <kvutil/logadaptor.h>
 #include <kvutil/oid.h>

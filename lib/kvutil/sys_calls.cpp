@@ -1,11 +1,13 @@
 #include "sys_calls_impl.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace Kvl {
@@ -46,6 +48,19 @@ constinit sys_calls_t sys_calls = {
     .mmap = ::mmap,
     .munmap = ::munmap,
     .madvise = ::madvise,
+
+    // Files that get new content
+    .write = ::write,
+    .fstat = ::fstat,
+    .lstat = ::lstat,
+    .fgetxattr = ::fgetxattr,
+    .ftruncate = ::ftruncate,
+    .mkostemp = ::mkostemp,
+    .fchown = ::fchown,
+    .fchmod = ::fchmod,
+    .fsync = ::fsync,
+    .rename = ::rename,
+    .unlink = ::unlink,
 };
 
 }  // namespace Kvl

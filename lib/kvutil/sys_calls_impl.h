@@ -36,6 +36,19 @@ struct sys_calls_t {
                   off_t offset);
     int (*munmap)(void* place, std::size_t size_bytes);
     int (*madvise)(void* place, std::size_t size_bytes, int advice);
+
+    // Files that get new content
+    ssize_t (*write)(int descriptor, const void* bytes, std::size_t size_bytes);
+    int (*fstat)(int descriptor, struct stat* status);
+    int (*lstat)(const char* path, struct stat* status);
+    ssize_t (*fgetxattr)(int descriptor, const char* name, void* value, std::size_t size_bytes);
+    int (*ftruncate)(int descriptor, off_t size_bytes);
+    int (*mkostemp)(char* path, int flags);
+    int (*fchown)(int descriptor, uid_t owner, gid_t group);
+    int (*fchmod)(int descriptor, mode_t mode);
+    int (*fsync)(int descriptor);
+    int (*rename)(const char* from, const char* to);
+    int (*unlink)(const char* path);
 };
 
 extern sys_calls_t sys_calls;

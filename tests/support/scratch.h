@@ -28,6 +28,8 @@ public:
     scratch_t(const scratch_t&) = delete;
     scratch_t& operator=(const scratch_t&) = delete;
 
+    std::string operator/(const std::string& name) const { return path + "/" + name; }
+
     /// The names in it, sorted.
     std::vector<std::string> names() const
     {

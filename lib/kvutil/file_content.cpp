@@ -1,0 +1,242 @@
+#include "file_content_impl.h"
+
+#include "file_stream_impl.h"
+#include "sys_calls_impl.h"
+#include "uncancelled_impl.h"
+
+#include <kvutil/credentials.h>
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace Kvl {
+
+// ---- what the path names ----
+
+namespace {
+
+constexpr mode_t NEW_FILE_MODE = 0600;
+constexpr mode_t MODE_BITS = 07777;
+
+struct target_t {
+    descriptor_t
+        descriptor;  // open for writing, the content untouched; closed when nothing is there
+    struct stat status = {};  // of the descriptor
+    bool is_replaceable = false;
+};
+
+bool is_same_file(const struct stat& one, const struct stat& other)
+{
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// The rights in a list would be lost, and its mask would become the rights of the group.
+bool has_access_control_list(const descriptor_t& descriptor)
+{
+    return sys_calls.fgetxattr(descriptor.number(), "system.posix_acl_access", nullptr, 0) >= 0;
+}
+
+/// Whether another file can take the place of this one without anybody noticing: it has no other
+/// name, is not reached through a symbolic link, and its owner is the one whom a new file gets.
+bool is_replaceable_file(const std::string& path, const target_t& target)
+{
+    struct stat named;
+    return S_ISREG(target.status.st_mode) && target.status.st_nlink == 1 &&
+           target.status.st_uid == geteuid() && sys_calls.lstat(path.c_str(), &named) == 0 &&
+           is_same_file(named, target.status) && !has_access_control_list(target.descriptor);
+}
+
+/// Whether the path is free; a symbolic link to nowhere is not.
+bool is_new_name(const std::string& path)
+{
+    struct stat named;
+    const bool has_leaf = !path.empty() && path.back() != '/';
+    return has_leaf && sys_calls.lstat(path.c_str(), &named) < 0 && errno == ENOENT;
+}
+
+// A file that may not be written cannot be opened for it. So it is never replaced either.
+target_t open_target(const std::string& path)
+{
+    target_t target;
+    target.descriptor = open_file(path, O_WRONLY);
+    if (target.descriptor.is_open()) {
+        if (sys_calls.fstat(target.descriptor.number(), &target.status) < 0)
+            fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+        target.is_replaceable = is_replaceable_file(path, target);
+    } else {
+        if (errno != ENOENT)
+            fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+        target.is_replaceable = is_new_name(path);
+    }
+    return target;
+}
+
+}  // namespace
+
+// ---- content ----
+
+namespace {
+
+enum class durability_t { SYNCED, BUFFERED };
+
+/// @return whether everything has reached the disk; otherwise `errno` says why not
+bool sync_stream(std::FILE* file, int descriptor)
+{
+    if (std::fflush(file) != 0)
+        return false;
+    int result;
+    do
+        result = sys_calls.fsync(descriptor);
+    while (result < 0 && errno == EINTR);
+    return result == 0;
+}
+
+/// Writes the content and closes the descriptor.
+void fill(const std::string& path, descriptor_t descriptor, const write_content_t& write,
+          durability_t durability)
+{
+    // As large as the C library's buffers for files and devices: what fits is refused by a full
+    // device at the close, more at the write.
+    std::array<char, 4096> buffer;
+    const int number = descriptor.number();
+    UtlFileIoPtr stream(stream_over(std::move(descriptor), "w", buffer));
+    if (stream.get() == nullptr)
+        fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+    write(stream.get());
+    if (durability == durability_t::SYNCED && !sync_stream(stream.get(), number))
+        fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
+    if (stream.close() != 0)
+        fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
+}
+
+void write_in_place(const std::string& path, target_t& target, const write_content_t& write)
+{
+    if (!target.descriptor.is_open())
+        target.descriptor = open_file(path, O_WRONLY | O_CREAT | O_TRUNC, NEW_FILE_MODE);
+    else if (S_ISREG(target.status.st_mode) &&
+             sys_calls.ftruncate(target.descriptor.number(), 0) < 0)
+        fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+    if (!target.descriptor.is_open())
+        fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+    fill(path, std::move(target.descriptor), write, durability_t::BUFFERED);
+}
+
+}  // namespace
+
+// ---- replacing ----
+
+namespace {
+
+/// The name of the directory that holds `path`, with a separator behind it.
+std::string directory_of(const std::string& path)
+{
+    const std::size_t separator = path.rfind('/');
+    return separator == path.npos ? "./" : path.substr(0, separator + 1);
+}
+
+/// A file with a name of its own beside another one. It is removed unless it has taken the other
+/// one's place.
+class temporary_t {
+public:
+    explicit temporary_t(const std::string& path)
+        : directory_(directory_of(path)), name_(directory_ + PATTERN)
+    {
+    }
+    temporary_t(const temporary_t&) = delete;
+    temporary_t& operator=(const temporary_t&) = delete;
+    ~temporary_t()
+    {
+        const int error = errno;  // of the failure that brought us here
+        if (is_there_)
+            sys_calls.unlink(name_.c_str());
+        errno = error;
+    }
+
+    /// @return nothing open, and `errno`, when it cannot be created
+    descriptor_t create()
+    {
+        const uncancelled_t whole;
+        int number;
+        do {
+            name_.replace(directory_.size(), name_.npos, PATTERN);
+            number = sys_calls.mkostemp(name_.data(), O_CLOEXEC);
+        } while (number < 0 && errno == EINTR);
+        is_there_ = number >= 0;
+        return descriptor_t(number);
+    }
+
+    /// @return whether it has become `path`; otherwise `errno` says why not
+    bool become(const std::string& path)
+    {
+        if (sys_calls.rename(name_.c_str(), path.c_str()) < 0)
+            return false;
+        is_there_ = false;
+        sync_directory();
+        return true;
+    }
+
+private:
+    static constexpr char PATTERN[] = ".kvutil-XXXXXX";  // short, so that it is valid anywhere
+
+    // What has been renamed is in place, whether or not the directory reaches the disk in time.
+    void sync_directory() const
+    {
+        const descriptor_t descriptor = open_file(directory_, O_RDONLY | O_DIRECTORY);
+        if (descriptor.is_open())
+            sys_calls.fsync(descriptor.number());
+    }
+
+    const std::string directory_;
+    std::string name_;
+    bool is_there_ = false;
+};
+
+/// Gives a new file owner, group and mode of the one that it is to replace, if there is one.
+bool take_rights(const descriptor_t& descriptor, const target_t& target)
+{
+    if (!target.descriptor.is_open())
+        return true;
+    const struct stat& status = target.status;
+    return sys_calls.fchown(descriptor.number(), status.st_uid, status.st_gid) == 0 &&
+           sys_calls.fchmod(descriptor.number(), status.st_mode & MODE_BITS) == 0;
+}
+
+/// Whether `errno` says that here no file can be replaced, although it may be written: the
+/// directory is not ours, the path is too long for another name, or the file is a mount point.
+bool is_not_allowed_here(int error)
+{
+    return error == EACCES || error == EPERM || error == ENAMETOOLONG || error == EBUSY ||
+           error == EROFS || error == EXDEV;
+}
+
+/// @return whether it could be done; otherwise the file is to be written where it is
+bool replace(const std::string& path, const target_t& target, const write_content_t& write)
+{
+    temporary_t temporary(path);
+    descriptor_t descriptor = temporary.create();
+    if (!descriptor.is_open() || !take_rights(descriptor, target)) {
+        if (is_not_allowed_here(errno))
+            return false;
+        fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+    }
+    fill(path, std::move(descriptor), write, durability_t::SYNCED);
+    if (!temporary.become(path)) {
+        if (is_not_allowed_here(errno))
+            return false;
+        fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
+    }
+    return true;
+}
+
+}  // namespace
+
+void set_file_content(const std::string& path, const write_content_t& write)
+{
+    target_t target = open_target(path);
+    if (!target.is_replaceable || !replace(path, target, write))
+        write_in_place(path, target, write);
+}
+
+}  // namespace Kvl

@@ -1,0 +1,770 @@
+// What files there are, and what becomes of them: kinds, rights, names, full disks, signals, and
+// writers that are killed.
+
+#include <kvutil/credentials.h>
+
+#include "support/credentials_failure.h"
+#include "support/credentials_model.h"
+#include "support/files.h"
+#include "support/restricted_child.h"
+#include "support/scratch.h"
+#include "support/text.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <thread>
+#include <unistd.h>
+
+using Kvl::Credentials;
+using Kvl::Identity;
+using Kvl::RuntimeException;
+using Kvl::UString;
+
+namespace {
+
+typedef std::vector<std::string> names_t;
+
+Credentials sample()
+{
+    Credentials credentials;
+    credentials.user = Identity::from_str(ustr("3:010a0b0c"));
+    credentials.primary_group = Identity::from_str(ustr("1:02ff"));
+    return credentials;
+}
+
+/// More than a stream holds back.
+Credentials large_sample()
+{
+    Credentials credentials = sample();
+    credentials.groups.assign(3, model::identity(7, std::string(20000, 'g')));
+    return credentials;
+}
+
+struct stat status_of(const std::string& path)
+{
+    struct stat status = {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return status;
+}
+
+mode_t mode_of(const std::string& path)
+{
+    return status_of(path).st_mode & 07777;
+}
+
+void expect_not_written(const Credentials& credentials, const std::string& verb,
+                        const std::string& path, int error)
+{
+    const auto descriptors = open_descriptors();
+    expect_failure<RuntimeException>([&] { credentials.write_to_file(path); },
+                                     file_failure(verb, path, error));
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+void expect_not_read(const std::string& verb, const std::string& path, int error)
+{
+    const auto descriptors = open_descriptors();
+    Credentials credentials = sample();
+    expect_failure<RuntimeException>([&] { credentials.read_from_file(path, false); },
+                                     file_failure(verb, path, error));
+    EXPECT_TRUE(model::same(credentials, sample()));
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+class CredentialsFiles : public testing::Test {
+protected:
+    const scratch_t dir;
+    const std::string path = dir / "credentials";
+    const std::string content = model::file(sample());
+
+    CredentialsFiles() { chmod(dir.path.c_str(), 0777); }  // for those without privileges
+};
+
+// ---- what cannot be opened ----
+
+TEST_F(CredentialsFiles, ThatAreMissingCannotBeRead)
+{
+    expect_not_read("open", path, ENOENT);
+    expect_failure<RuntimeException>(
+        [&] { Credentials().read_from_file("/no/such/file", true); },
+        "PLXSV0665E Unable to open file '/no/such/file': No such file or directory.");
+    expect_failure<RuntimeException>(
+        [&] { sample().write_to_file("/no/such/file"); },
+        "PLXSV0665E Unable to open file '/no/such/file': No such file or directory.");
+}
+
+TEST_F(CredentialsFiles, WithImpossibleNamesCannotBeOpened)
+{
+    set_content(path, "no directory");
+    const std::string too_long(256, 'n');
+    const struct {
+        std::string path;
+        int error;
+    } rows[] = {
+        {"", ENOENT},
+        {dir / "no/such", ENOENT},
+        {path + "/x", ENOTDIR},
+        {dir / too_long, ENAMETOOLONG},
+        {std::string(5000, '/') + "x", ENAMETOOLONG},
+    };
+    for (const auto& row : rows) {
+        expect_not_read("open", row.path, row.error);
+        expect_not_written(sample(), "open", row.path, row.error);
+    }
+    expect_not_read("open", path + "/", ENOTDIR);
+    expect_not_written(sample(), "open", path + "/", ENOTDIR);
+    EXPECT_EQ(dir.names(), names_t{"credentials"});
+}
+
+// The system would take the name to end at the zero.
+TEST_F(CredentialsFiles, WithAZeroByteInTheNameDoNotExist)
+{
+    set_content(path, "other");
+    const std::string name = path + std::string("\0x", 2);
+    for (const bool reading : {false, true}) {
+        try {
+            Credentials credentials;
+            reading ? credentials.read_from_file(name, false) : credentials.write_to_file(name);
+            ADD_FAILURE() << "opened";
+        } catch (const RuntimeException& e) {
+            EXPECT_EQ(e.message().index(), 15);
+        }
+    }
+    EXPECT_EQ(content_of(path), "other");
+}
+
+TEST_F(CredentialsFiles, ThatAreDirectoriesAreOpenedForReadingOnly)
+{
+    expect_not_read("read", dir.path, EISDIR);
+    expect_not_written(sample(), "open", dir.path, EISDIR);
+    expect_not_written(sample(), "open", dir.path + "/", EISDIR);
+    expect_not_written(sample(), "open", dir / ".", EISDIR);
+}
+
+TEST_F(CredentialsFiles, ThatMayNotBeReadOrWrittenAreRefused)
+{
+    const bool allowed = without_privileges([&] {
+        sample().write_to_file(path);
+        chmod(path.c_str(), 0400);
+        expect_not_written(large_sample(), "open", path, EACCES);
+        EXPECT_EQ(content_of(path), content);
+        EXPECT_EQ(mode_of(path), 0400u);
+        chmod(path.c_str(), 0200);
+        expect_not_read("open", path, EACCES);
+        EXPECT_EQ(dir.names(), names_t{"credentials"});
+    });
+    if (!allowed)
+        GTEST_SKIP() << "cannot become an ordinary user";
+}
+
+TEST_F(CredentialsFiles, CannotBeMadeInADirectoryThatIsNotOurs)
+{
+    chmod(dir.path.c_str(), 0555);
+    const bool allowed =
+        without_privileges([&] { expect_not_written(sample(), "open", path, EACCES); });
+    if (!allowed)
+        GTEST_SKIP() << "cannot become an ordinary user";
+    EXPECT_EQ(dir.names(), names_t{});
+}
+
+// In the charset of the platform, with the substitution character for each byte that has no
+// meaning there.
+TEST_F(CredentialsFiles, AreNamedInMessagesWhateverTheirBytes)
+{
+    const std::string name = "/no/f\xC3\xBCr/\xFF";
+    const bool is_utf8 = std::string(UString::default_charset()) == "UTF-8";
+    const std::string shown =
+        is_utf8 ? "/no/f\xC3\xBCr/\xEF\xBF\xBD" : "/no/f\xEF\xBF\xBD\xEF\xBF\xBDr/\xEF\xBF\xBD";
+    if (!is_utf8 && std::string(UString::default_charset()) != "US-ASCII")
+        GTEST_SKIP() << "not made for the charset " << UString::default_charset();
+    expect_failure<RuntimeException>([&] { Credentials().read_from_file(name, false); },
+                                     file_failure("open", shown, ENOENT));
+    expect_failure<RuntimeException>([&] { sample().write_to_file(name); },
+                                     file_failure("open", shown, ENOENT));
+}
+
+TEST_F(CredentialsFiles, AreNamedInMessagesInEachCharset)
+{
+    char self[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+    for (const char* locale : {"C", "C.UTF-8"}) {
+        const bool allowed = in_restricted_child([&]() -> int {
+            setenv("LC_ALL", locale, 1);
+            execl(self, self,
+                  "--gtest_filter=CredentialsFiles.AreNamedInMessagesWhateverTheirBytes",
+                  "--gtest_brief=1", nullptr);
+            return 1;
+        });
+        EXPECT_TRUE(allowed);
+    }
+}
+
+// ---- what is replaced ----
+
+TEST_F(CredentialsFiles, ThatAreNewAreTheOwnersAlone)
+{
+    for (const mode_t mask : {0u, 022u, 077u}) {
+        const mode_t before = umask(mask);
+        sample().write_to_file(path);
+        umask(before);
+        EXPECT_EQ(mode_of(path), 0600u);
+        EXPECT_EQ(content_of(path), content);
+        unlink(path.c_str());
+    }
+}
+
+TEST_F(CredentialsFiles, ThatAreReplacedKeepTheirModeAndOwner)
+{
+    const bool allowed = without_privileges([&] {
+        for (const mode_t mode : {0600u, 0640u, 0666u, 0200u, 0755u}) {
+            set_content(path, "old");
+            chmod(path.c_str(), mode);
+            const struct stat before = status_of(path);
+            const mode_t mask = umask(077);
+            sample().write_to_file(path);
+            umask(mask);
+            const struct stat after = status_of(path);
+            EXPECT_EQ(after.st_mode, before.st_mode);
+            EXPECT_EQ(after.st_uid, before.st_uid);
+            EXPECT_EQ(after.st_gid, before.st_gid);
+            EXPECT_NE(after.st_ino, before.st_ino) << "another file";
+            chmod(path.c_str(), 0600);
+            EXPECT_EQ(content_of(path), content);
+            EXPECT_EQ(dir.names(), names_t{"credentials"});
+            unlink(path.c_str());
+        }
+    });
+    if (!allowed)
+        GTEST_SKIP() << "cannot become an ordinary user";
+}
+
+TEST_F(CredentialsFiles, ThatAreReplacedKeepTheirGroup)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "cannot give a file to another group";
+    set_content(path, "old");
+    ASSERT_EQ(chown(path.c_str(), 0, 12345), 0);
+    const struct stat before = status_of(path);
+    sample().write_to_file(path);
+    EXPECT_EQ(status_of(path).st_gid, 12345u);
+    EXPECT_NE(status_of(path).st_ino, before.st_ino);
+}
+
+TEST_F(CredentialsFiles, AreReplacedForThoseWhoHaveThemOpen)
+{
+    large_sample().write_to_file(path);
+    const int open_before = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    sample().write_to_file(path);
+    struct stat status = {};
+    fstat(open_before, &status);
+    EXPECT_EQ(status.st_nlink, 0u);
+    EXPECT_EQ(static_cast<std::size_t>(status.st_size), model::file(large_sample()).size());
+    close(open_before);
+}
+
+TEST_F(CredentialsFiles, MayHaveTheLongestName)
+{
+    const std::string longest = dir / std::string(255, 'n');
+    sample().write_to_file(longest);
+    sample().write_to_file(longest);
+    EXPECT_EQ(content_of(longest), content);
+    EXPECT_EQ(dir.names(), names_t{std::string(255, 'n')});
+}
+
+// A path of 4095 bytes, the most that the system takes, has no room for a longer name beside it.
+TEST_F(CredentialsFiles, MayHaveTheLongestPath)
+{
+    const std::string longest = dir.path + std::string(4095 - dir.path.size() - 1, '/') + "c";
+    sample().write_to_file(longest);
+    EXPECT_EQ(content_of(longest), content);
+    large_sample().write_to_file(longest);
+    EXPECT_EQ(content_of(longest), model::file(large_sample()));
+    EXPECT_EQ(dir.names(), names_t{"c"});
+}
+
+TEST_F(CredentialsFiles, MayBeInTheCurrentDirectory)
+{
+    in_restricted_child([&] {
+        EXPECT_EQ(chdir(dir.path.c_str()), 0);
+        sample().write_to_file("c");
+        sample().write_to_file("c");
+        EXPECT_EQ(content_of("c"), content);
+        EXPECT_EQ(dir.names(), names_t{"c"});
+        return 0;
+    });
+}
+
+TEST_F(CredentialsFiles, MayHaveAnyBytesInTheirNames)
+{
+    const std::string name = dir / "\xFF\n'%s";
+    sample().write_to_file(name);
+    Credentials read;
+    read.read_from_file(name, false);
+    EXPECT_TRUE(model::same(read, sample()));
+}
+
+// ---- what is written in place ----
+
+TEST_F(CredentialsFiles, ThatALinkNamesAreWrittenInPlace)
+{
+    const std::string link = dir / "link";
+    ASSERT_EQ(symlink("credentials", link.c_str()), 0);
+    sample().write_to_file(link);  // to nowhere, until now
+    EXPECT_EQ(content_of(path), content);
+    EXPECT_EQ(mode_of(path), 0600u);
+    const ino_t file = status_of(path).st_ino;
+    set_content(path, std::string(100000, 'x'));
+    sample().write_to_file(link);
+    EXPECT_EQ(content_of(path), content);
+    EXPECT_EQ(status_of(path).st_ino, file);
+    EXPECT_TRUE(S_ISLNK(status_of(link).st_mode));
+    EXPECT_EQ(dir.names(), (names_t{"credentials", "link"}));
+}
+
+TEST_F(CredentialsFiles, WithALinkToItselfCannotBeOpened)
+{
+    ASSERT_EQ(symlink("credentials", path.c_str()), 0);
+    expect_not_written(sample(), "open", path, ELOOP);
+    expect_not_read("open", path, ELOOP);
+}
+
+TEST_F(CredentialsFiles, WithSeveralNamesAreWrittenInPlace)
+{
+    const std::string other = dir / "other";
+    set_content(path, std::string(100000, 'x'));
+    ASSERT_EQ(link(path.c_str(), other.c_str()), 0);
+    sample().write_to_file(path);
+    EXPECT_EQ(content_of(other), content);
+    EXPECT_EQ(status_of(other).st_nlink, 2u);
+}
+
+TEST_F(CredentialsFiles, OfOthersAreWrittenInPlace)
+{
+    set_content(path, std::string(100000, 'x'));
+    chmod(path.c_str(), 0666);
+    const struct stat before = status_of(path);
+    const bool allowed =
+        geteuid() == 0 && without_privileges([&] { sample().write_to_file(path); });
+    if (!allowed)
+        GTEST_SKIP() << "cannot become another user";
+    EXPECT_EQ(content_of(path), content);
+    EXPECT_EQ(status_of(path).st_ino, before.st_ino);
+    EXPECT_EQ(status_of(path).st_uid, before.st_uid);
+}
+
+TEST_F(CredentialsFiles, InADirectoryThatIsNotOursAreWrittenInPlace)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "cannot become another user";
+    set_content(path, std::string(100000, 'x'));
+    ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
+    chmod(dir.path.c_str(), 0555);
+    const ino_t file = status_of(path).st_ino;
+    without_privileges([&] { sample().write_to_file(path); });
+    EXPECT_EQ(content_of(path), content);
+    EXPECT_EQ(status_of(path).st_ino, file);
+}
+
+// A group of which its owner is no member cannot be given to another file.
+TEST_F(CredentialsFiles, OfAForeignGroupAreWrittenInPlace)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "cannot give a file to another group";
+    set_content(path, "old");
+    ASSERT_EQ(chown(path.c_str(), 65534, 12345), 0);
+    const ino_t file = status_of(path).st_ino;
+    without_privileges([&] { sample().write_to_file(path); });
+    EXPECT_EQ(content_of(path), content);
+    EXPECT_EQ(status_of(path).st_ino, file);
+    EXPECT_EQ(status_of(path).st_gid, 12345u);
+    EXPECT_EQ(dir.names(), names_t{"credentials"});
+}
+
+// Otherwise its rights would be lost, and its mask would become the rights of the group.
+TEST_F(CredentialsFiles, WithAnAccessControlListAreWrittenInPlace)
+{
+    set_content(path, "old");
+    // Version 2; entries of tag, rights and id: owner rw, user 1 rw, group none, mask rw, others
+    // none.
+    const unsigned char list[] = {2,    0,    0,    0,    0x01, 0,    6,    0,    0xff, 0xff, 0xff,
+                                  0xff, 0x02, 0,    6,    0,    1,    0,    0,    0,    0x04, 0,
+                                  0,    0,    0xff, 0xff, 0xff, 0xff, 0x10, 0,    6,    0,    0xff,
+                                  0xff, 0xff, 0xff, 0x20, 0,    0,    0,    0xff, 0xff, 0xff, 0xff};
+    if (setxattr(path.c_str(), "system.posix_acl_access", list, sizeof list, 0) != 0)
+        GTEST_SKIP() << "no access control lists here";
+    const ino_t file = status_of(path).st_ino;
+    sample().write_to_file(path);
+    EXPECT_EQ(content_of(path), content);
+    EXPECT_EQ(status_of(path).st_ino, file);
+    EXPECT_GT(getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0), 0);
+}
+
+// ---- devices and pipes ----
+
+TEST_F(CredentialsFiles, OnAFullDeviceFailAtTheCloseOrAtTheWrite)
+{
+    if (access("/dev/full", W_OK) != 0)
+        GTEST_SKIP() << "no /dev/full";
+    expect_not_written(sample(), "close", "/dev/full", ENOSPC);
+    expect_not_written(large_sample(), "write", "/dev/full", ENOSPC);
+    EXPECT_TRUE(S_ISCHR(status_of("/dev/full").st_mode));
+}
+
+TEST_F(CredentialsFiles, MayBeTheNullDevice)
+{
+    sample().write_to_file("/dev/null");
+    EXPECT_TRUE(S_ISCHR(status_of("/dev/null").st_mode));
+    expect_not_read("read", "/dev/null", 0);
+}
+
+TEST_F(CredentialsFiles, MayBeAPipeBothWays)
+{
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const Credentials written = large_sample();
+    std::thread writer([&] { written.write_to_file(path); });
+    Credentials read;
+    read.read_from_file(path, false);
+    writer.join();
+    EXPECT_TRUE(model::same(read, written));
+    EXPECT_TRUE(S_ISFIFO(status_of(path).st_mode));
+    EXPECT_EQ(dir.names(), names_t{"credentials"});
+}
+
+TEST_F(CredentialsFiles, OnABrokenPipeFail)
+{
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    in_restricted_child([&] {
+        signal(SIGPIPE, SIG_IGN);
+        std::thread reader([&] { close(open(path.c_str(), O_RDONLY | O_CLOEXEC)); });
+        Credentials endless;
+        endless.groups.assign(1000, model::identity(7, std::string(65535, 'g')));
+        expect_failure<RuntimeException>([&] { endless.write_to_file(path); },
+                                         file_failure("write", path, EPIPE));
+        reader.join();
+        return 0;
+    });
+}
+
+// ---- signals ----
+
+std::atomic<int> alarms{0};
+
+/// Signals that interrupt system calls, many a second, to this thread's process.
+class interruptions {
+public:
+    interruptions()
+    {
+        alarms = 0;
+        struct sigaction action = {};
+        action.sa_handler = [](int) { ++alarms; };
+        action.sa_flags = 0;  // no SA_RESTART
+        sigaction(SIGALRM, &action, nullptr);
+        const itimerval often = {{0, 500}, {0, 500}};
+        setitimer(ITIMER_REAL, &often, nullptr);
+    }
+    ~interruptions()
+    {
+        const itimerval never = {};
+        setitimer(ITIMER_REAL, &never, nullptr);
+        signal(SIGALRM, SIG_DFL);
+    }
+};
+
+// The peer is slow to open, and slow to take or give more.
+TEST_F(CredentialsFiles, AreReadThroughAPipeAlthoughSignalsArrive)
+{
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const std::string texts =
+        model::text_record("1") + model::text_record("3") + model::text_record("2");
+    const std::string whole = model::file(large_sample()) + texts;
+    in_restricted_child([&] {
+        const pid_t writer = fork();
+        if (writer == 0) {
+            usleep(20000);
+            const int pipe = open(path.c_str(), O_WRONLY);
+            for (std::size_t at = 0; at < whole.size(); at += 5000) {
+                usleep(3000);
+                if (write(pipe, whole.data() + at, std::min<std::size_t>(5000, whole.size() - at)) <
+                    0)
+                    _exit(1);
+            }
+            _exit(0);
+        }
+        Credentials read;
+        {
+            const interruptions on;
+            read.read_from_file(path, true);
+        }
+        EXPECT_GT(alarms, 10);
+        EXPECT_TRUE(read.groups == large_sample().groups);
+        EXPECT_EQ(read.text2, ustr("2"));
+        int status = -1;
+        waitpid(writer, &status, 0);
+        EXPECT_EQ(status, 0);
+        return 0;
+    });
+}
+
+TEST_F(CredentialsFiles, AreWrittenThroughAPipeAlthoughSignalsArrive)
+{
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    Credentials large = large_sample();
+    large.groups.resize(20, large.groups[0]);
+    in_restricted_child([&] {
+        const pid_t reader = fork();
+        if (reader == 0) {
+            usleep(20000);
+            const int pipe = open(path.c_str(), O_RDONLY);
+            std::string content_read;
+            char bytes[20000];
+            for (;;) {
+                usleep(1500);
+                const ssize_t n = read(pipe, bytes, sizeof bytes);
+                if (n <= 0)
+                    break;
+                content_read.append(bytes, static_cast<std::size_t>(n));
+            }
+            _exit(content_read == model::file(large) ? 0 : 1);
+        }
+        {
+            const interruptions on;
+            large.write_to_file(path);
+        }
+        EXPECT_GT(alarms, 10);
+        int status = -1;
+        waitpid(reader, &status, 0);
+        EXPECT_EQ(status, 0);
+        return 0;
+    });
+}
+
+// The stream of a caller knows nothing of our way with signals.
+TEST_F(CredentialsFiles, StringsAreReadAlthoughSignalsArrive)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string text(3000, 't');
+    in_restricted_child([&] {
+        const pid_t writer = fork();
+        if (writer == 0) {
+            for (const char byte : model::text_record(text).substr(0, 30)) {
+                usleep(1500);
+                if (write(ends[1], &byte, 1) != 1)
+                    _exit(1);
+            }
+            const std::string rest = model::text_record(text).substr(30);
+            _exit(write(ends[1], rest.data(), rest.size()) < 0 ? 1 : 0);
+        }
+        Kvl::UtlFileIoPtr file(fdopen(ends[0], "rb"));
+        {
+            const interruptions on;
+            EXPECT_EQ(Credentials::read_string("pipe", file), ustr(text));
+        }
+        EXPECT_GT(alarms, 10);
+        waitpid(writer, nullptr, 0);
+        return 0;
+    });
+    close(ends[0]);
+    close(ends[1]);
+}
+
+// ---- full disks ----
+
+/// Runs `operation` in a child, with a small file system of its own in `directory`.
+template <class Operation>
+bool on_small_disk(const std::string& directory, const char* options, Operation operation)
+{
+    return in_restricted_child([&] {
+        if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+            return NOT_ALLOWED;
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+        if (mount("none", directory.c_str(), "tmpfs", 0, options) != 0)
+            return NOT_ALLOWED;
+        operation();
+        return 0;
+    });
+}
+
+TEST_F(CredentialsFiles, OnAFullDiskKeepTheirOldContent)
+{
+    const bool allowed = on_small_disk(dir.path, "size=64k", [&] {
+        sample().write_to_file(path);
+        const std::string filler = dir / "filler";
+        const int descriptor = open(filler.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        const std::string page(4096, 'f');
+        while (write(descriptor, page.data(), page.size()) > 0)
+            continue;
+        close(descriptor);
+        Credentials other = sample();
+        other.user = model::identity(1, "other");
+        expect_not_written(other, "close", path, ENOSPC);
+        expect_not_written(large_sample(), "write", path, ENOSPC);
+        expect_not_written(other, "close", dir / "new", ENOSPC);
+        EXPECT_EQ(content_of(path), content);
+        EXPECT_EQ(dir.names(), (names_t{"credentials", "filler"}));
+    });
+    if (!allowed)
+        GTEST_SKIP() << "cannot mount a file system";
+}
+
+TEST_F(CredentialsFiles, OnADiskWithoutRoomForNamesKeepTheirOldContent)
+{
+    const bool allowed = on_small_disk(dir.path, "nr_inodes=2", [&] {
+        sample().write_to_file(path);  // the directory and this file are all there can be
+        const ino_t file = status_of(path).st_ino;
+        expect_not_written(large_sample(), "open", path, ENOSPC);
+        expect_not_written(sample(), "open", dir / "new", ENOSPC);
+        EXPECT_EQ(content_of(path), content);
+        EXPECT_EQ(status_of(path).st_ino, file);
+    });
+    if (!allowed)
+        GTEST_SKIP() << "cannot mount a file system";
+}
+
+TEST_F(CredentialsFiles, OnAReadOnlyDiskAreRefused)
+{
+    const bool allowed = on_small_disk(dir.path, "size=64k", [&] {
+        sample().write_to_file(path);
+        ASSERT_EQ(mount(nullptr, dir.path.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+        expect_not_written(large_sample(), "open", path, EROFS);
+        expect_not_written(sample(), "open", dir / "new", EROFS);
+        EXPECT_EQ(content_of(path), content);
+    });
+    if (!allowed)
+        GTEST_SKIP() << "cannot mount a file system";
+}
+
+// A single file that is mounted, as containers do, cannot be replaced by another.
+TEST_F(CredentialsFiles, ThatAreMountPointsAreWrittenInPlace)
+{
+    const bool allowed = on_small_disk(dir.path, "size=640k", [&] {
+        set_content(path, std::string(100, 'o'));
+        const std::string mounted = dir / "mounted";
+        set_content(mounted, "");
+        ASSERT_EQ(mount(path.c_str(), mounted.c_str(), nullptr, MS_BIND, nullptr), 0);
+        large_sample().write_to_file(mounted);
+        EXPECT_EQ(content_of(path), model::file(large_sample()));
+        sample().write_to_file(mounted);
+        EXPECT_EQ(content_of(path), content);
+        EXPECT_EQ(dir.names(), (names_t{"credentials", "mounted"}));
+    });
+    if (!allowed)
+        GTEST_SKIP() << "cannot mount a file";
+}
+
+// ---- killed ----
+
+/// Kills a child that writes `credentials` at its nth stop: before or after a system call.
+/// @return whether it was still running then
+bool kill_writer(const Credentials& credentials, const std::string& path, int nth, bool& allowed)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+            _exit(NOT_ALLOWED);
+        raise(SIGSTOP);
+        credentials.write_to_file(path);
+        _exit(0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    for (int stop = 0; WIFSTOPPED(status) && stop < nth; ++stop) {
+        ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+        waitpid(child, &status, 0);
+    }
+    const bool was_running = WIFSTOPPED(status);
+    if (was_running) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFSIGNALED(status));
+    } else {
+        allowed = WEXITSTATUS(status) != NOT_ALLOWED;
+    }
+    return was_running;
+}
+
+/// Kills writers at every system call, beginning each time with `prepare`.
+/// @return the contents that were left, in the order of the calls
+template <class Prepare, class Content>
+std::vector<std::string> contents_after_kills(const Credentials& credentials,
+                                              const std::string& path, Prepare prepare,
+                                              Content content, bool& allowed)
+{
+    std::vector<std::string> contents;
+    bool was_running = true;
+    for (int nth = 1; was_running; ++nth) {
+        prepare();
+        was_running = kill_writer(credentials, path, nth, allowed);
+        contents.push_back(content());
+    }
+    return contents;
+}
+
+TEST_F(CredentialsFiles, HoldTheOldOrTheNewWhenTheWriterIsKilled)
+{
+    const std::string new_content = model::file(large_sample());
+    bool allowed = true;
+    const auto contents = contents_after_kills(
+        large_sample(), path,
+        [&] {
+            for (const std::string& name : dir.names())
+                unlink((dir / name).c_str());
+            set_content(path, content);
+        },
+        [&] { return content_of(path); }, allowed);
+    if (!allowed)
+        GTEST_SKIP() << "cannot trace a process";
+    // First the old one, then the new one, and nothing else.
+    const auto turn = std::find(contents.begin(), contents.end(), new_content);
+    EXPECT_GT(turn - contents.begin(), 20) << "two stops for each call";
+    EXPECT_GT(contents.end() - turn, 2);
+    EXPECT_TRUE(std::all_of(contents.begin(), turn, [&](auto& c) { return c == content; }));
+    EXPECT_TRUE(std::all_of(turn, contents.end(), [&](auto& c) { return c == new_content; }));
+}
+
+TEST_F(CredentialsFiles, AreThereOrNotWhenTheWriterOfANewOneIsKilled)
+{
+    const std::string none = "none";
+    const std::string new_content = model::file(large_sample());
+    bool allowed = true;
+    const auto contents = contents_after_kills(
+        large_sample(), path,
+        [&] {
+            for (const std::string& name : dir.names())
+                unlink((dir / name).c_str());
+        },
+        [&] { return access(path.c_str(), F_OK) == 0 ? content_of(path) : none; }, allowed);
+    if (!allowed)
+        GTEST_SKIP() << "cannot trace a process";
+    const auto turn = std::find(contents.begin(), contents.end(), new_content);
+    EXPECT_GT(turn - contents.begin(), 16);
+    EXPECT_GT(contents.end() - turn, 2);
+    EXPECT_TRUE(std::all_of(contents.begin(), turn, [&](auto& c) { return c == none; }));
+    EXPECT_TRUE(std::all_of(turn, contents.end(), [&](auto& c) { return c == new_content; }));
+}
+
+// What a killed writer leaves behind is in nobody's way.
+TEST_F(CredentialsFiles, AreWrittenBesideWhatAKilledWriterLeft)
+{
+    bool allowed = true;
+    for (int nth = 1; kill_writer(large_sample(), path, nth, allowed); ++nth)
+        EXPECT_NO_THROW(sample().write_to_file(path));
+    if (!allowed)
+        GTEST_SKIP() << "cannot trace a process";
+    EXPECT_EQ(content_of(path), model::file(large_sample()));
+}
+
+}  // namespace
