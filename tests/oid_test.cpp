@@ -76,6 +76,10 @@ static_assert(offsetof(tbs_oid_s, time_low) == 0 && offsetof(tbs_oid_s, time_mid
               offsetof(tbs_oid_s, time_hi_and_version) == 6 &&
               offsetof(tbs_oid_s, clock_seq_hi_and_reserved) == 8 &&
               offsetof(tbs_oid_s, clock_seq_low) == 9 && offsetof(tbs_oid_s, node) == 10);
+static_assert(std::is_nothrow_constructible_v<Uuid, tbs_oid_s> &&
+              std::is_nothrow_constructible_v<Uuid, Oid> &&
+              std::is_nothrow_constructible_v<Oid, Uuid>&& noexcept(Oid() < Oid()) && noexcept(
+                  Oid() == Oid()) && noexcept(Oid().hash()) && noexcept(Oid().uuid()));
 static_assert(!std::is_convertible_v<Oid, Uuid>, "a Uuid from an Oid is asked for");
 static_assert(std::is_convertible_v<Uuid, Oid> && std::is_constructible_v<Uuid, Oid>);
 

@@ -34,7 +34,7 @@ public:
 
     /// The fields as they are. Never throws.
     operator tbs_uuid_s() const noexcept { return fields_; }
-    /// @copydoc operator tbs_uuid_s() const
+    /// The same under the other name. Never throws.
     operator tbs_oid_s() const noexcept
     {
         tbs_oid_s s;
@@ -140,7 +140,7 @@ public:
     }
     /// The fields of uuid(). Never throws.
     operator tbs_oid_s() const noexcept { return static_cast<tbs_oid_s>(uuid()); }
-    /// @copydoc operator tbs_oid_s() const
+    /// The same under the other name. Never throws.
     operator tbs_uuid_s() const noexcept { return static_cast<tbs_uuid_s>(uuid()); }
 
     /// @return  the words; the reference lives as long as this object and follows its changes
