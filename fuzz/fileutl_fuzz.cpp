@@ -12,6 +12,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 
 using Kvl::CriticalSection;
 using Kvl::Fileutl;
@@ -29,19 +30,22 @@ void require(bool holds)
         std::abort();
 }
 
-/// A directory of this process, which becomes the one for temporary files. Removed at exit.
+/// A directory of this process, in memory where there is such a place, which becomes the one for
+/// temporary files. Removed at exit.
 class directory_t {
 public:
     directory_t()
     {
-        require(mkdtemp(name_) != nullptr);
-        setenv("TMP", name_, 1);
+        name_ = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+        name_ += "/fileutl-fuzz-XXXXXX";
+        require(mkdtemp(name_.data()) != nullptr);
+        setenv("TMP", name_.c_str(), 1);
     }
     ~directory_t() { fs::remove_all(name_); }
     bool is_empty() const { return fs::is_empty(name_); }
 
 private:
-    char name_[32] = "/tmp/fileutl-fuzz-XXXXXX";
+    std::string name_;
 };
 
 /// Kept within its directory: without separators, and with a letter before any dots.

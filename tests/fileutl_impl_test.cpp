@@ -1,5 +1,6 @@
 // Temporary files over system calls that fail, in ways and numbers that no real system would.
 
+#include "fileutl_impl.h"
 #include "sys_calls_impl.h"
 
 #include <kvutil/fileutl.h>
@@ -18,19 +19,24 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <deque>
+#include <future>
 #include <thread>
 
 namespace {
 
+using Kvl::CriticalSection;
 using Kvl::Fileutl;
 using Kvl::RuntimeException;
 using Kvl::STPException;
 using Kvl::sys_calls;
 using Kvl::UString;
+using Kvl::FileutlImpl::change_lock;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using namespace std::chrono_literals;
 
 /// What the replaced calls were asked for, in order, and what they are to answer.
 struct script_t {
@@ -436,6 +442,73 @@ TEST(MakeTmpObjectCalls, AreNotTornByCancellation)
         EXPECT_EQ(Fileutl::g_tmp_table.size(), 1u);
         Fileutl::delete_tmp_files(0);
         EXPECT_THAT(scratch.names(), IsEmpty());
+    });
+}
+
+// A fork() finds the table whole because it waits for whoever changes it.
+
+TEST(ChangeLock, IsHeldWhileAnEntryComesOrGoes)
+{
+    in_child([] {
+        Fileutl::set_file_id(u"/old", 1);
+        const auto expect_to_wait = [](auto change) {
+            std::future<void> changed;
+            {
+                const CriticalSection section(change_lock);
+                changed = std::async(std::launch::async, change);
+                EXPECT_EQ(changed.wait_for(30ms), std::future_status::timeout);
+            }
+            changed.get();
+        };
+        expect_to_wait([] { Fileutl::set_file_id(u"/new", 2); });
+        expect_to_wait([] { Fileutl::delete_tmp_file(u"/old"); });
+        expect_to_wait([] { Fileutl::delete_tmp_files(2); });
+        EXPECT_TRUE(Fileutl::g_tmp_table.empty());
+    });
+}
+
+TEST(ChangeLock, IsWaitedForByAFork)
+{
+    in_child([] {
+        static bool is_changed = false;
+        std::promise<void> held;
+        std::promise<void> done;
+        std::thread changer([&] {
+            {
+                const CriticalSection section(change_lock);
+                held.set_value();
+                std::this_thread::sleep_for(30ms);
+                is_changed = true;
+            }
+            done.get_future().wait();
+        });
+        held.get_future().wait();
+        in_child(
+            [] {
+                EXPECT_TRUE(is_changed);
+                const CriticalSection section(change_lock);
+            },
+            _exit);
+        done.set_value();
+        changer.join();
+    });
+}
+
+// Callers hold it as long as they like, so that one who waits for another process would never end.
+TEST(PublicLock, IsNotWaitedForByAFork)
+{
+    in_child([] {
+        std::promise<void> held;
+        std::promise<void> done;
+        std::thread holder([&] {
+            const CriticalSection section(Fileutl::g_lock);
+            held.set_value();
+            done.get_future().wait();
+        });
+        held.get_future().wait();
+        in_child([] { const CriticalSection section(Fileutl::g_lock); }, _exit);
+        done.set_value();
+        holder.join();
     });
 }
 

@@ -1036,12 +1036,14 @@ TEST_F(Tmp, IsUsableInTheChildOfAForkWhileTheLockIsHeld)
             done.get_future().wait();
         });
         held.get_future().wait();
-        in_child([&] {
-            EXPECT_THAT(table(), ElementsAre(row_t{utf8(before), false, 1}));
-            Fileutl::create_tmp_file(u"x", 2);
-            Fileutl::delete_tmp_files(0);
-            EXPECT_THAT(table(), IsEmpty());
-        });
+        in_child(
+            [&] {
+                EXPECT_THAT(table(), ElementsAre(row_t{utf8(before), false, 1}));
+                Fileutl::create_tmp_file(u"x", 2);
+                Fileutl::delete_tmp_files(0);
+                EXPECT_THAT(table(), IsEmpty());
+            },
+            _exit);
         done.set_value();
         holder.join();
         EXPECT_THAT(table(), ElementsAre(row_t{utf8(before), false, 1}));
@@ -1063,16 +1065,17 @@ TEST_F(Tmp, HasAWholeTableInTheChildOfAFork)
             });
         }
         for (int i = 0; i < 20; ++i) {
-            in_child([] {
-                // A map that is not whole does not end, crashes, or is out of order.
-                const std::vector<row_t> rows = table();
-                EXPECT_EQ(rows.size(), Fileutl::g_tmp_table.size());
-                for (std::size_t row = 1; row < rows.size(); ++row)
-                    EXPECT_LT(rows[row - 1].path, rows[row].path);
-                Fileutl::delete_tmp_files(0);
-                EXPECT_THAT(table(), IsEmpty());
-                _exit(testing::Test::HasFailure() ? 1 : 0);
-            });
+            in_child(
+                [] {
+                    // A map that is not whole does not end, crashes, or is out of order.
+                    const std::vector<row_t> rows = table();
+                    EXPECT_EQ(rows.size(), Fileutl::g_tmp_table.size());
+                    for (std::size_t row = 1; row < rows.size(); ++row)
+                        EXPECT_LT(rows[row - 1].path, rows[row].path);
+                    Fileutl::delete_tmp_files(0);
+                    EXPECT_THAT(table(), IsEmpty());
+                },
+                _exit);
         }
         stop = true;
         for (std::thread& thread : threads)

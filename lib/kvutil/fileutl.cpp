@@ -245,9 +245,10 @@ namespace {
 
 /// A path as the system takes it.
 struct platform_path_t {
+    // A text keeps its converter, so the one that converts is a copy that does not stay.
     explicit platform_path_t(const UString& path) : text(path)
     {
-        bytes = text.std_str("DEFAULT", failed);
+        bytes = UString(path).std_str("DEFAULT", failed);
     }
 
     const char* c_str() const

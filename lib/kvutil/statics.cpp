@@ -66,7 +66,7 @@ const UString Selector::g_delimiters[] = {
     text_of<SelectorImpl::DELIMITERS[2]>(), text_of<SelectorImpl::DELIMITERS[3]>(),
     text_of<SelectorImpl::DELIMITERS[4]>()};
 
-// Temporary files.
+// Temporary files: the table, its public lock, and the one that keeps it whole over a fork().
 constinit undying_t<FileutlImpl::table_t> FileutlImpl::tmp_table;
 [[maybe_unused]] static const void* const tmp_table_is_made =
     std::construct_at(&FileutlImpl::tmp_table.value);

@@ -10,9 +10,11 @@
 #include <cstdlib>
 
 /// Runs a body of expectations in a process of its own, which starts as a copy of this one: for
-/// what a process keeps as long as it lives. It ends as a program does.
+/// what a process keeps as long as it lives.
+/// @param end  how it ends: as a program does, or, where threads were left behind by the fork,
+///             with _exit()
 template <class Body>
-void in_child(Body body)
+void in_child(Body body, void (*end)(int) = std::exit)
 {
     std::fflush(nullptr);
     const pid_t pid = fork();
@@ -23,7 +25,8 @@ void in_child(Body body)
         } catch (...) {
             ADD_FAILURE() << "an exception left the body";
         }
-        std::exit(testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+        std::fflush(nullptr);
+        end(testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
     }
     int status = -1;
     EXPECT_EQ(waitpid(pid, &status, 0), pid);
