@@ -1,0 +1,62 @@
+// Identities from texts: each is read, or rejected with the message of the first failed check, as
+// the rules say a step a line; what is read prints in its plain form, which is read again.
+
+#include <kvutil/credentials.h>
+#include <kvutil/stpexception.h>
+
+#include "../tests/support/credentials_model.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+using Kvl::Identity;
+using Kvl::UString;
+
+namespace {
+
+void require(bool holds)
+{
+    if (!holds)
+        std::abort();
+}
+
+/// UTF-8 when the input is that, otherwise its bytes two by two: halves of surrogate pairs and all.
+UString text_of(const std::uint8_t* data, std::size_t size)
+{
+    const Kvl::Utf8String bytes(std::string(reinterpret_cast<const char*>(data), size));
+    UString text(bytes);
+    if (!text.empty())
+        return text;
+    std::u16string units;
+    for (std::size_t i = 0; i + 1 < size; i += 2)
+        units += static_cast<char16_t>(data[i] | data[i + 1] << 8);
+    return UString(units);
+}
+
+void check_printing(const Identity& identity, const UString& text)
+{
+    const UString plain = identity.str();
+    require(Identity::from_str(plain) == identity);
+    // From the colon on there is only one way to write it.
+    const auto colon = static_cast<unsigned int>(text.find(UString(u":")));
+    const auto plain_colon = static_cast<unsigned int>(plain.find(UString(u":")));
+    require(text.substr(colon) == plain.substr(plain_colon));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const UString text = text_of(data, size);
+    Identity expected;
+    const int message = model::read_text(text, expected);
+    try {
+        const Identity identity = Identity::from_str(text);
+        require(message == 0 && identity == expected);
+        check_printing(identity, text);
+    } catch (const Kvl::IllegalArgException& e) {
+        require(e.message().index() == message);
+    }
+    return 0;
+}
