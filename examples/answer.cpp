@@ -2,12 +2,17 @@
 
 #include "xml_writer.h"
 
+#include <kvutil/davtime.h>
+#include <kvutil/oid.h>
 #include <kvutil/selector.h>
 
+#include <ctime>
 #include <vector>
 
 namespace WkTag = Kvl::WkTag;
 namespace WkTagId = Kvl::WkTagId;
+using Kvl::DavTime;
+using Kvl::Oid;
 using Kvl::Selector;
 using Kvl::StateException;
 using Kvl::STPException;
@@ -116,7 +121,19 @@ const property_t PROPERTIES[] = {
     {WkTag::CTG_NAMING_PARENT, parent},
 };
 
-std::string success(const Selector& selector)
+// What the server keeps about an object besides its address. It is new, so it was last modified
+// when it was created.
+void write_object(XmlWriter& xml, std::optional<bool> is_visible)
+{
+    const DavTime now(std::time(nullptr));
+    xml.element(WkTag::TEAMPVT_OID, Oid::gen().str(false));
+    xml.element(WkTag::TEAM_CREATION_DATE, now.to_string(DavTime::ISO8601));
+    xml.element(WkTag::TEAM_LAST_MODIFIED, now.to_string(DavTime::RFC1123));
+    if (is_visible)
+        xml.element(WkTag::CTG_NOT_VISIBLE, UString(*is_visible ? u"false" : u"true"));
+}
+
+std::string success(const Selector& selector, std::optional<bool> is_visible)
 {
     XmlWriter xml(ANSWER_DEPTH);
     xml.start(WkTag::TEAM_RESPONSE);
@@ -125,6 +142,7 @@ std::string success(const Selector& selector)
     xml.start(WkTag::TEAM_PROP);
     for (const property_t& property : PROPERTIES)
         xml.element(property.tag, property.value(selector));
+    write_object(xml, is_visible);
     xml.end(WkTag::TEAM_PROP);
     xml.end(WkTag::TEAM_PROPSTAT);
     xml.end(WkTag::TEAM_RESPONSE);
@@ -148,10 +166,10 @@ const XmlTag& root()
 
 }  // namespace
 
-answer_t answer(const std::string& selector)
+answer_t answer(const std::string& selector, std::optional<bool> is_visible)
 {
     try {
-        return {true, success(Selector(decoded(selector)))};
+        return {true, success(Selector(decoded(selector)), is_visible)};
     } catch (const STPException& e) {
         STPException::log(e.message(), AS_ERROR);
         return {false, failure(e)};
@@ -161,7 +179,8 @@ answer_t answer(const std::string& selector)
 std::string opening()
 {
     XmlWriter xml;
-    xml.start_document(root(), {WkTag::TEAM_RESPONSE.ns_id(), WkTag::CTG_NAMING_PARENT.ns_id()});
+    xml.start_document(root(), {WkTag::TEAM_RESPONSE.ns_id(), WkTag::CTG_NAMING_PARENT.ns_id(),
+                                WkTag::TEAMPVT_OID.ns_id()});
     return xml.text();
 }
 

@@ -4,8 +4,14 @@
 // Every line is the text of one selector and gets one answer, in order, as soon as it is read.
 // There are no comments and no blank lines to skip: an empty line is a text that is rejected. A
 // carriage return at the end of a line belongs to the line end.
+//
+// Every accepted selector stands for a new object: it gets an identifier and a creation date. With
+// the credentials of a user and the group that may see the objects, each answer says whether that
+// user does.
 
 #include "answer.h"
+#include "output.h"
+#include "user.h"
 
 #include <kvutil/logadaptor.h>
 
@@ -25,13 +31,11 @@ namespace {
 struct options_t {
     std::string log_directory = "build/demo-log";
     std::optional<std::string> file;
+    std::optional<std::string> output;
+    std::optional<std::string> credentials;
+    bool make_credentials = false;
+    std::optional<std::string> group;
     std::vector<std::string> selectors;
-};
-
-struct outcome_t {
-    unsigned long accepted = 0;
-    unsigned long rejected = 0;
-    bool all_was_read = true;
 };
 
 // Deliberate: not a positional of CLI11, which splits "[a,b]" at the comma.
@@ -53,9 +57,21 @@ std::vector<std::string> selector_arguments(const std::vector<std::string>& argu
 options_t parse_options(CLI::App& app, int argc, char* argv[])
 {
     options_t options;
+    // So that an option can be given again behind those of a script.
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("--log", options.log_directory, "Directory of the log, made when missing")
         ->capture_default_str();
     app.add_option("--file", options.file, "File with one selector a line, in UTF-8");
+    app.add_option("--output", options.output,
+                   "File for the answers, replaced when all are written");
+    CLI::Option* const credentials = app.add_option("--credentials", options.credentials,
+                                                    "Credentials file of the user who asks");
+    app.add_flag("--make-credentials", options.make_credentials,
+                 "Write that file first, with the credentials of who runs this program")
+        ->needs(credentials);
+    app.add_option("--group", options.group,
+                   "Group that may see the objects: a name, or an identity such as 4:02000003e8")
+        ->needs(credentials);
     app.allow_extras();
     app.footer("Further arguments are selectors. Without any, and without --file, they are read "
                "from standard input, one a line.");
@@ -75,71 +91,108 @@ void start_log(const std::string& directory)
         std::cerr << "request: no log can be written in " << directory << '\n';
 }
 
-// Each text goes out at once, so that memory stays constant and a full disk is noticed.
-void write(const std::string& xml)
+// Nothing when nobody is known to ask, or no group may see the objects.
+std::optional<bool> visibility(const options_t& options)
 {
-    if (!(std::cout << xml << std::flush))
-        throw std::system_error(errno, std::generic_category(), "cannot write the answers");
+    if (!options.credentials)
+        return std::nullopt;
+    if (options.make_credentials)
+        make_credentials(*options.credentials);
+    const Kvl::Credentials user = credentials_of(*options.credentials);
+    if (!options.group)
+        return std::nullopt;
+    return user.in_group_list(group_named(*options.group));
 }
 
-void answer_one(const std::string& selector, outcome_t& outcome)
-{
-    const answer_t reply = answer(selector);
-    write(reply.xml);
-    ++(reply.is_accepted ? outcome.accepted : outcome.rejected);
-}
-
-// What was read before is answered all the same.
-void report_unread(const std::string& source, outcome_t& outcome)
-{
-    std::cerr << "request: cannot read " << source << ": " << std::generic_category().message(errno)
-              << '\n';
-    outcome.all_was_read = false;
-}
-
-void answer_lines(std::istream& lines, const std::string& source, outcome_t& outcome)
-{
-    std::string line;
-    while (std::getline(lines, line)) {
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        answer_one(line, outcome);
+class Server {
+public:
+    Server(Output& output, std::optional<bool> is_visible)
+        : output_(output), is_visible_(is_visible)
+    {
     }
-    if (lines.bad())
-        report_unread(source, outcome);
-}
 
-void answer_file(const std::string& path, outcome_t& outcome)
-{
-    std::ifstream file(path, std::ios::binary);
-    if (file)
-        answer_lines(file, path, outcome);
-    else
-        report_unread(path, outcome);
-}
+    void answer_one(const std::string& selector)
+    {
+        const answer_t reply = answer(selector, is_visible_);
+        output_.write(reply.xml);
+        ++(reply.is_accepted ? accepted_ : rejected_);
+    }
 
-outcome_t answer_all(const options_t& options)
+    void answer_lines(std::istream& lines, const std::string& source)
+    {
+        std::string line;
+        while (std::getline(lines, line)) {
+            if (!line.empty() && line.back() == '\r')
+                line.pop_back();
+            answer_one(line);
+        }
+        if (lines.bad())
+            report_unread(source);
+    }
+
+    void answer_file(const std::string& path)
+    {
+        std::ifstream file(path, std::ios::binary);
+        if (file)
+            answer_lines(file, path);
+        else
+            report_unread(path);
+    }
+
+    void report_outcome() const
+    {
+        std::cerr << "accepted " << accepted_ << ", rejected " << rejected_ << '\n';
+    }
+
+    bool all_was_read() const { return all_was_read_; }
+
+private:
+    // What was read before is answered all the same.
+    void report_unread(const std::string& source)
+    {
+        std::cerr << "request: cannot read " << source << ": "
+                  << std::generic_category().message(errno) << '\n';
+        all_was_read_ = false;
+    }
+
+    Output& output_;
+    std::optional<bool> is_visible_;
+    unsigned long accepted_ = 0;
+    unsigned long rejected_ = 0;
+    bool all_was_read_ = true;
+};
+
+void answer_all(const options_t& options, Server& server)
 {
-    outcome_t outcome;
     for (const std::string& selector : options.selectors)
-        answer_one(selector, outcome);
+        server.answer_one(selector);
     if (options.file)
-        answer_file(*options.file, outcome);
+        server.answer_file(*options.file);
     else if (options.selectors.empty())
-        answer_lines(std::cin, "standard input", outcome);
-    return outcome;
+        server.answer_lines(std::cin, "standard input");
 }
 
-// Says whether every text was answered. The opening goes out before the log is opened: a log must
-// not take the place of a closed output.
+// Says whether every text was answered; a file of answers is left as it was when not. The opening
+// goes out before the log is opened: a log must not take the place of a closed output.
 bool serve(const options_t& options)
 {
-    write(opening());
+    const std::optional<bool> is_visible = visibility(options);
+    Output output(options.output);
+    output.write(opening());
     start_log(options.log_directory);
-    const outcome_t outcome = answer_all(options);
-    write(closing());
-    std::cerr << "accepted " << outcome.accepted << ", rejected " << outcome.rejected << '\n';
-    return outcome.all_was_read;
+    Server server(output, is_visible);
+    answer_all(options, server);
+    output.write(closing());
+    if (server.all_was_read())
+        output.finish();
+    server.report_outcome();
+    return server.all_was_read();
+}
+
+int report(const std::string& error)
+{
+    std::cerr << "request: " << error << '\n';
+    return EXIT_FAILURE;
 }
 
 }  // namespace
@@ -152,8 +205,9 @@ int main(int argc, char* argv[])
         return serve(parse_options(app, argc, argv)) ? EXIT_SUCCESS : EXIT_FAILURE;
     } catch (const CLI::ParseError& e) {
         return app.exit(e);
+    } catch (const Kvl::STPException& e) {
+        return report(e.message().message_string().utf8_str());
     } catch (const std::exception& e) {
-        std::cerr << "request: " << e.what() << '\n';
-        return EXIT_FAILURE;
+        return report(e.what());
     }
 }

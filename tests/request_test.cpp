@@ -3,6 +3,9 @@
 #include "support/text.h"
 #include "xml_writer.h"
 
+#include <kvutil/credentials.h>
+#include <kvutil/davtime.h>
+#include <kvutil/oid.h>
 #include <kvutil/selector.h>
 
 #include <gmock/gmock.h>
@@ -11,12 +14,17 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <grp.h>
 #include <regex>
+#include <set>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <thread>
@@ -82,6 +90,19 @@ std::string element(const std::string& xml, const std::string& name)
     if (start == std::string::npos || end == std::string::npos)
         return "(no " + name + ")";
     return xml.substr(start + name.size() + 2, end - start - name.size() - 2);
+}
+
+// With what is new in every answer replaced by what kind of thing it is.
+std::string without_object(const std::string& xml)
+{
+    static const std::regex oid(
+        ">[0-9a-f]{8}[.][0-9a-f]{8}[.][0-9a-f]{4}[.][0-9a-f]{2}(:[0-9a-f]{2}){5}<");
+    static const std::regex iso8601(">[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z<");
+    static const std::regex rfc1123(
+        ">[A-Z][a-z]{2}, [0-9]{2} [A-Z][a-z]{2} [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2} GMT<");
+    std::string text = std::regex_replace(xml, oid, ">(an identifier)<");
+    text = std::regex_replace(text, iso8601, ">(a date)<");
+    return std::regex_replace(text, rfc1123, ">(a date)<");
 }
 
 std::string summary(unsigned long accepted, unsigned long rejected)
@@ -153,10 +174,10 @@ TEST_F(Request, AnswersWithNamesOfTheVocabularyAndEachNamespaceDeclaredOnce)
 {
     const result_t result = run({"vd.file:/src/main.c@/vobs/proj"});
     const std::string base = Kvl::XmlTag::ns_URI(18).utf8_str();
-    EXPECT_EQ(result.out,
+    EXPECT_EQ(without_object(result.out),
               R"(<?xml version="1.0" encoding="UTF-8"?>
 <TEAM:multistatus xmlns:TEAM=")" +
-                  base + R"(" xmlns:CTG=")" + base + R"(/CTG">
+                  base + R"(" xmlns:CTG=")" + base + R"(/CTG" xmlns:TEAMPVT=")" + base + R"(/PVT">
   <TEAM:response>
     <TEAM:href>vd.file:/src/main.c@/vobs/proj</TEAM:href>
     <TEAM:propstat>
@@ -168,6 +189,9 @@ TEST_F(Request, AnswersWithNamesOfTheVocabularyAndEachNamespaceDeclaredOnce)
         <TEAM:name>/src/main.c</TEAM:name>
         <CTG:parent-repository>vd.vob:/vobs/proj</CTG:parent-repository>
         <CTG:naming-parent>vd.file:src@/vobs/proj</CTG:naming-parent>
+        <TEAMPVT:oid>(an identifier)</TEAMPVT:oid>
+        <TEAM:creation-date>(a date)</TEAM:creation-date>
+        <TEAM:last-modified>(a date)</TEAM:last-modified>
       </TEAM:prop>
     </TEAM:propstat>
   </TEAM:response>
@@ -377,7 +401,7 @@ TEST_F(Request, AnswersTheSampleWhichShowsTheWholeVocabularyAndEveryRejection)
     EXPECT_EQ(occurrences(result.out, "<TEAM:response>"), lines.size());
     EXPECT_EQ(occurrences(result.out, "<TEAM:href>"), accepted);
     EXPECT_EQ(occurrences(result.out, "<TEAM:error>"), lines.size() - accepted);
-    EXPECT_EQ(occurrences(result.out, " xmlns"), 2u);
+    EXPECT_EQ(occurrences(result.out, " xmlns"), 3u);
     EXPECT_EQ(lines_of(log()).size(), lines.size() - accepted);
     EXPECT_EQ(xml_complaints(), "");
     for (int ns = 0; ns < 52; ++ns) {
@@ -426,6 +450,232 @@ TEST_F(Request, AnswersWithoutALogWhenNoneCanBeWritten)
     EXPECT_THAT(result.err, HasSubstr(summary(0, 1)));
 }
 
+// ---- New objects
+
+std::vector<std::string> elements(std::string xml, const std::string& name)
+{
+    std::vector<std::string> texts;
+    const std::string end = "</" + name + ">";
+    for (size_t at; (at = xml.find(end)) != std::string::npos; xml.erase(0, at + end.size()))
+        texts.push_back(element(xml, name));
+    return texts;
+}
+
+TEST_F(Request, GivesEachAcceptedSelectorAnIdentifierOfItsOwn)
+{
+    std::string input;
+    for (int i = 0; i < 1000; ++i)
+        input += i % 10 == 0 ? "rejected\n" : "vd.file:/a@/v\n";
+    const result_t result = run({}, input);
+    const std::vector<std::string> identifiers = elements(result.out, "TEAMPVT:oid");
+    EXPECT_EQ(identifiers.size(), 900u);
+    EXPECT_EQ(std::set<std::string>(identifiers.begin(), identifiers.end()).size(), 900u);
+    for (const std::string& identifier : identifiers)
+        ASSERT_EQ(Kvl::Oid::from_string(identifier).std_str(false), identifier);
+}
+
+std::time_t parsed(const std::string& text)
+{
+    Kvl::DavTime time;
+    time.parse(ustr(text));
+    return time.value();
+}
+
+TEST_F(Request, DatesEachNewObjectInBothForms)
+{
+    const std::time_t before = std::time(nullptr);
+    const std::string xml = answer_to("vd.file:/a@/v");
+    const std::time_t after = std::time(nullptr);
+    const std::time_t created = parsed(element(xml, "TEAM:creation-date"));
+    EXPECT_GE(created, before);
+    EXPECT_LE(created, after);
+    EXPECT_EQ(parsed(element(xml, "TEAM:last-modified")), created);
+}
+
+// ---- Credentials
+
+std::string group_identity(unsigned long number)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "4:02%08lx", number);
+    return text;
+}
+
+TEST_F(Request, AnswersWhetherTheUserMaySeeTheObject)
+{
+    Kvl::Credentials credentials;
+    credentials.user = Kvl::Identity::from_str(u"1:01aa");
+    credentials.primary_group = Kvl::Identity::from_str(u"1:02bb");
+    credentials.groups.push_back(Kvl::Identity::from_str(u"0:02"));
+    credentials.groups.push_back(Kvl::Identity::from_str(u"2:02cccc"));
+    credentials.write_to_file(path("credentials"));
+    const auto not_visible = [&](const std::string& group) {
+        const result_t result =
+            run({"--credentials", path("credentials"), "--group", group, "vd.file:/a@/v"});
+        EXPECT_EQ(result.err, summary(1, 0));
+        EXPECT_EQ(xml_complaints(), "");
+        return element(result.out, "CTG:not-visible");
+    };
+    EXPECT_EQ(not_visible("1:02bb"), "false");
+    EXPECT_EQ(not_visible("0:02"), "false");
+    EXPECT_EQ(not_visible("2:02cccc"), "false");
+    EXPECT_EQ(not_visible("1:01aa"), "true");  // the user is no group of its own
+    EXPECT_EQ(not_visible("2:03cccc"), "true");
+    EXPECT_EQ(not_visible("0:00"), "true");
+}
+
+TEST_F(Request, SaysNothingOfVisibilityWithoutAUserAndAGroup)
+{
+    EXPECT_THAT(answer_to("vd.file:/a@/v"), Not(HasSubstr("not-visible")));
+    const result_t result =
+        run({"--credentials", path("mine"), "--make-credentials", "vd.file:/a@/v"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, Not(HasSubstr("not-visible")));
+}
+
+TEST_F(Request, MakesTheCredentialsOfWhoRunsIt)
+{
+    write_file(path("mine"), "something older");
+    const result_t result = run({"--credentials", path("mine"), "--make-credentials", "--group",
+                                 group_identity(getgid()), "vd.file:/a@/v"});
+    EXPECT_EQ(result.err, summary(1, 0));
+    EXPECT_EQ(element(result.out, "CTG:not-visible"), "false");
+    Kvl::Credentials credentials;
+    credentials.read_from_file(path("mine"), false);
+    EXPECT_EQ(credentials.user.type(), 1);
+    EXPECT_EQ(credentials.user.str().utf8_str().substr(4), group_identity(getuid()).substr(4));
+    EXPECT_EQ(credentials.primary_group.str(), ustr(group_identity(getgid())));
+    std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
+    ASSERT_EQ(getgroups(static_cast<int>(groups.size()), groups.data()),
+              static_cast<int>(groups.size()));
+    ASSERT_EQ(credentials.groups.size(), groups.size());
+    for (size_t i = 0; i < groups.size(); ++i)
+        EXPECT_EQ(credentials.groups[i].str(), ustr(group_identity(groups[i])));
+}
+
+TEST_F(Request, TakesTheNameOfAGroupOfTheSystem)
+{
+    const group* const root = getgrgid(0);
+    ASSERT_NE(root, nullptr);
+    Kvl::Credentials credentials;
+    credentials.primary_group = Kvl::Identity::from_str(ustr(group_identity(0)));
+    credentials.write_to_file(path("credentials"));
+    const result_t result =
+        run({"--credentials", path("credentials"), "--group", root->gr_name, "vd.file:/a@/v"});
+    EXPECT_EQ(element(result.out, "CTG:not-visible"), "false");
+}
+
+TEST_F(Request, SaysWhyCredentialsOrAGroupAreNoGood)
+{
+    write_file(path("short"), std::string("\0\0\0\0", 4));
+    Kvl::Credentials().write_to_file(path("good"));
+    struct {
+        std::string file, group, error;
+    } rows[] = {
+        {path("none"), "1:02bb",
+         "PLXSV0665E Unable to open file '" + path("none") + "': No such file or directory."},
+        {path("short"), "1:02bb",
+         "PLXSV0666E Unable to read file '" + path("short") + "': Success."},
+        {path("good"), "1:02",
+         "PLXSV0660E Invalid Identity - bad string size for arg: 'str' with value: '1:02'"},
+        {path("good"), "no such group", "there is no group 'no such group'"},
+    };
+    for (const auto& row : rows) {
+        const result_t result =
+            run({"--credentials", row.file, "--group", row.group, "vd.file:/a@/v"});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err, "request: " + row.error + "\n");
+        EXPECT_EQ(result.out, "");
+    }
+}
+
+// ---- A file of answers
+
+std::vector<std::string> names_in(const fs::path& directory)
+{
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory))
+        names.push_back(entry.path().filename());
+    return names;
+}
+
+mode_t mode_of(const fs::path& path)
+{
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+TEST_F(Request, WritesItsAnswersToAFileThatAppearsWhenItIsComplete)
+{
+    fs::create_directory(path("answers"));
+    const std::string file = path("answers/all.xml");
+    const mode_t mask = umask(027);
+    const result_t result = run({"--output", file, "vd.file:/a@/v"});
+    umask(mask);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, summary(1, 0));
+    EXPECT_EQ(without_object(contents(file)), without_object(run({"vd.file:/a@/v"}).out));
+    EXPECT_EQ(mode_of(file), 0640u);
+    EXPECT_THAT(names_in(path("answers")), testing::ElementsAre("all.xml"));
+}
+
+TEST_F(Request, ReplacesAFileOfAnswersWithItsPermissions)
+{
+    fs::create_directory(path("answers"));
+    const std::string file = path("answers/all.xml");
+    write_file(file, std::string(100'000, 'x'));
+    chmod(file.c_str(), 0604);
+    fs::create_symlink("all.xml", path("answers/link"));
+    EXPECT_EQ(run({"--output", path("answers/link"), "vd.file:/a@/v"}).status, 0);
+    EXPECT_THAT(contents(file), StartsWith("<?xml"));
+    EXPECT_EQ(mode_of(file), 0604u);
+    EXPECT_TRUE(fs::is_symlink(path("answers/link")));
+    EXPECT_THAT(names_in(path("answers")), testing::UnorderedElementsAre("all.xml", "link"));
+}
+
+TEST_F(Request, LeavesAFileOfAnswersAsItWasWhenItCannotAnswerEverything)
+{
+    fs::create_directory(path("answers"));
+    const std::string file = path("answers/all.xml");
+    write_file(file, "older answers");
+    EXPECT_EQ(run({"--output", file, "--file", path("missing")}).status, 1);
+    EXPECT_EQ(contents(file), "older answers");
+    EXPECT_THAT(names_in(path("answers")), testing::ElementsAre("all.xml"));
+}
+
+TEST_F(Request, WritesToADeviceWhereItIs)
+{
+    const result_t null = run({"--output", "/dev/null", "vd.file:/a@/v"});
+    EXPECT_EQ(null.err, summary(1, 0));
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+    const result_t full = run({"--output", "/dev/full", "vd.file:/a@/v"});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(full.err, "request: cannot write the answers: No space left on device\n");
+    EXPECT_TRUE(fs::is_character_file("/dev/full"));
+}
+
+TEST_F(Request, SaysWhyAFileOfAnswersCannotBeMade)
+{
+    fs::create_directory(path("answers"));
+    struct {
+        std::string file, error;
+    } rows[] = {
+        {path("missing/all.xml"), "cannot write the answers: No such file or directory"},
+        {path("answers"), "cannot write the answers: Is a directory"},
+        {path("in/all.xml"),
+         "PLXSV0664E Cannot create temporary file system object: Not a directory"},
+    };
+    for (const auto& row : rows) {
+        const result_t result = run({"--output", row.file, "vd.file:/a@/v"});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err, "request: " + row.error + "\n");
+    }
+    EXPECT_THAT(names_in(path("answers")), testing::IsEmpty());
+}
+
+// ----
+
 TEST_F(Request, RefusesOptionsThatItDoesNotHave)
 {
     const result_t result = run({"--flie", "x"});
@@ -435,6 +685,17 @@ TEST_F(Request, RefusesOptionsThatItDoesNotHave)
     const result_t help = run({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.out, HasSubstr("--file"));
+}
+
+TEST_F(Request, RefusesAGroupOrAnOrderWithoutACredentialsFile)
+{
+    for (const std::vector<std::string>& options :
+         {std::vector<std::string>{"--group", "0:02"}, {"--make-credentials"}}) {
+        const result_t result = run(options);
+        EXPECT_NE(result.status, 0);
+        EXPECT_THAT(result.err, HasSubstr("requires --credentials"));
+        EXPECT_EQ(result.out, "");
+    }
 }
 
 // Texts unit by unit, also those that no UTF-8 input can hold.
