@@ -582,30 +582,62 @@ bool same_units(const UString& a, const UString& b)
            std::memcmp(a.getBuffer(), b.getBuffer(), 2 * a.length()) == 0;
 }
 
-TEST(CredentialsFileAndText, HoldIdentitiesOfAllLengths)
+/// Bits of which no two neighbours, and no two places 256 apart, are alike.
+std::string longest_bits()
 {
     std::string bits(65535, '\0');
     for (std::size_t i = 0; i < bits.size(); ++i)
         bits[i] = static_cast<char>(i * 7 + i / 256);
+    return bits;
+}
+
+TEST(IdentityOfEachLength, IsReadAndPrinted)
+{
+    const std::string bits = longest_bits();
     texts_of_each_length texts(model::identity(0x5a, bits));
+    for (unsigned int length = 0; length <= 65535; ++length) {
+        const UString text = texts(length);
+        const Identity read = Identity::from_str(text);
+        ASSERT_EQ(read.length(), static_cast<short>(length));
+        ASSERT_EQ(read.type(), 0x5a);
+        ASSERT_EQ(std::memcmp(read.bits(), bits.data(), length), 0);
+        ASSERT_TRUE(same_units(read.str(), text));
+    }
+}
+
+TEST(IdentityOfEachLength, IsCopiedAndAssigned)
+{
+    const std::string bits = longest_bits();
+    const Identity longest = model::identity(0x5a, bits);
+    Identity over_shorter;
+    Identity over_longer;
+    for (unsigned int length = 0; length <= 65535; ++length) {
+        auto* const block = new Identity::identity_t[length + 1];
+        std::memcpy(block, longest.bits() - 1, length + 1);
+        const Identity identity(static_cast<short>(length), block);
+        over_shorter = identity;
+        over_longer = longest;
+        over_longer = identity;
+        ASSERT_TRUE(over_shorter == identity);
+        ASSERT_TRUE(Identity(over_longer) == identity);
+        ASSERT_EQ(over_longer != longest, length != 65535);
+    }
+}
+
+TEST(IdentityOfEachLength, IsWrittenAndReadInAFile)
+{
     // 2 GiB are written, one file after another; no disk need wait for them.
     const int memory = memfd_create("credentials", MFD_CLOEXEC);
     const std::string file = "/proc/self/fd/" + std::to_string(memory);
-    Identity rising;
-    Identity falling = model::identity(1, bits);
+    const std::string bits = longest_bits();
     Credentials credentials;
     Credentials read;
     for (unsigned int length = 0; length <= 65535; ++length) {
-        const UString text = texts(length);
-        const Identity parsed = Identity::from_str(text);
-        ASSERT_EQ(parsed.length(), static_cast<short>(length));
-        ASSERT_EQ(std::memcmp(parsed.bits(), bits.data(), length), 0);
-        ASSERT_TRUE(same_units(parsed.str(), text));
-        rising = parsed;   // over a shorter one
-        falling = parsed;  // the longest of all has been here
-        ASSERT_TRUE(rising == parsed && falling == parsed && Identity(falling) == parsed);
-        credentials.groups.push_back(parsed);
-        if (credentials.groups.size() < 256 && length != 65535)
+        auto* const block = new Identity::identity_t[length + 1];
+        block[0] = static_cast<unsigned char>(length);
+        std::memcpy(block + 1, bits.data(), length);
+        credentials.groups.emplace_back(static_cast<short>(length), block);
+        if (credentials.groups.size() < 64 && length != 65535)
             continue;
         credentials.write_to_file(file);
         read.read_from_file(file, false);

@@ -1,15 +1,14 @@
 #include <kvutil/credentials.h>
 
 #include "failure_impl.h"
+#include "hex_impl.h"
 #include "storage_impl.h"
 #include "ustring_impl.h"
 #include "utf8_impl.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cstring>
-#include <optional>
 
 namespace Kvl {
 
@@ -88,27 +87,6 @@ bool Identity::operator==(const Identity& o) const noexcept
 
 // ---- text form, out ----
 
-namespace {
-
-typedef std::array<char16_t, 2> digit_pair_t;
-
-constexpr std::array<digit_pair_t, 256> DIGIT_PAIRS = [] {
-    constexpr char16_t digits[] = u"0123456789abcdef";
-    std::array<digit_pair_t, 256> pairs{};
-    for (std::size_t byte = 0; byte < pairs.size(); ++byte)
-        pairs[byte] = {digits[byte >> 4], digits[byte & 15]};
-    return pairs;
-}();
-
-char16_t* print_hex(const unsigned char* bytes, std::size_t size, char16_t* to)
-{
-    for (std::size_t i = 0; i < size; ++i)
-        to = std::copy_n(DIGIT_PAIRS[bytes[i]].data(), 2, to);
-    return to;
-}
-
-}  // namespace
-
 UString Identity::str() const
 {
     char number[8];
@@ -152,36 +130,6 @@ int leading_number(std::u16string_view text)
     for (; unit != text.end() && *unit >= u'0' && *unit <= u'9'; ++unit)
         number = std::min(10 * number + (*unit - u'0'), LENGTH_MAX + 1);
     return is_negative ? -number : number;
-}
-
-constexpr unsigned char NO_DIGIT = 0xFF;
-
-// Deliberate: no capitals. What is printed has none either.
-constexpr std::array<unsigned char, 256> DIGIT_VALUES = [] {
-    std::array<unsigned char, 256> values{};
-    values.fill(NO_DIGIT);
-    for (unsigned char value = 0; value < 16; ++value)
-        values[u"0123456789abcdef"[value]] = value;
-    return values;
-}();
-
-unsigned int digit_value(char16_t unit)
-{
-    return unit < DIGIT_VALUES.size() ? DIGIT_VALUES[unit] : NO_DIGIT;
-}
-
-/// @param digits  two for each byte
-/// @return        whether all of them are digits
-bool read_hex(std::u16string_view digits, unsigned char* to)
-{
-    for (std::size_t i = 0; i < digits.size(); i += 2) {
-        const unsigned int high = digit_value(digits[i]);
-        const unsigned int low = digit_value(digits[i + 1]);
-        if ((high | low) > 15)
-            return false;
-        *to++ = static_cast<unsigned char>(high << 4 | low);
-    }
-    return true;
 }
 
 }  // namespace

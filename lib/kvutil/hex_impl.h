@@ -1,0 +1,142 @@
+#ifndef KVUTIL_HEX_IMPL_H
+#define KVUTIL_HEX_IMPL_H
+
+#include "simd_impl.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+namespace Kvl {
+
+// Bytes as lower-case hexadecimal digits in UTF-16, the high nibble first, and back.
+
+namespace hex {
+
+typedef std::array<char16_t, 2> digit_pair_t;
+
+inline constexpr std::array<digit_pair_t, 256> DIGIT_PAIRS = [] {
+    constexpr char16_t digits[] = u"0123456789abcdef";
+    std::array<digit_pair_t, 256> pairs{};
+    for (std::size_t byte = 0; byte < pairs.size(); ++byte)
+        pairs[byte] = {digits[byte >> 4], digits[byte & 15]};
+    return pairs;
+}();
+
+inline constexpr unsigned char NO_DIGIT = 0xFF;
+
+// Deliberate: no capitals. What is printed has none either.
+inline constexpr std::array<unsigned char, 256> DIGIT_VALUES = [] {
+    std::array<unsigned char, 256> values{};
+    values.fill(NO_DIGIT);
+    for (unsigned char value = 0; value < 16; ++value)
+        values[u"0123456789abcdef"[value]] = value;
+    return values;
+}();
+
+inline unsigned int digit_value(char16_t unit)
+{
+    return unit < DIGIT_VALUES.size() ? DIGIT_VALUES[unit] : NO_DIGIT;
+}
+
+/// How many bytes are taken at once.
+inline constexpr std::size_t BLOCK = 8;
+
+#ifdef KVUTIL_HAVE_SIMD
+/// Prints eight bytes.
+inline void print_block(const unsigned char* bytes, char16_t* to)
+{
+    const __m128i block = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes));
+    const __m128i high = _mm_and_si128(_mm_srli_epi16(block, 4), simd::bytes(15));
+    const __m128i low = _mm_and_si128(block, simd::bytes(15));
+    const __m128i values = _mm_unpacklo_epi8(high, low);
+    const __m128i is_letter = _mm_cmpgt_epi8(values, simd::bytes(9));
+    const __m128i digits = _mm_add_epi8(_mm_add_epi8(values, simd::bytes('0')),
+                                        _mm_and_si128(is_letter, simd::bytes('a' - '0' - 10)));
+    simd::store(to, _mm_unpacklo_epi8(digits, simd::zero()));
+    simd::store(to + BLOCK, _mm_unpackhi_epi8(digits, simd::zero()));
+}
+
+/// In which places the byte is at most `limit`, unsigned.
+inline __m128i at_most(__m128i values, int limit)
+{
+    return _mm_cmpeq_epi8(_mm_min_epu8(values, simd::bytes(limit)), values);
+}
+
+/// Reads sixteen digits.
+inline bool read_block(const char16_t* digits, unsigned char* to)
+{
+    // What is no byte becomes 0 or 255, which are no digits either.
+    const __m128i block = _mm_packus_epi16(simd::load(digits), simd::load(digits + BLOCK));
+    const __m128i numbers = _mm_sub_epi8(block, simd::bytes('0'));
+    const __m128i letters = _mm_sub_epi8(block, simd::bytes('a'));
+    const __m128i is_number = at_most(numbers, 9);
+    const __m128i is_letter = at_most(letters, 5);
+    if (simd::bits(_mm_or_si128(is_number, is_letter)) != 0xFFFF)
+        return false;
+    const __m128i values =
+        _mm_or_si128(_mm_and_si128(is_number, numbers),
+                     _mm_and_si128(is_letter, _mm_add_epi8(letters, simd::bytes(10))));
+    // In each word the high nibble is the lower byte.
+    const __m128i pairs = _mm_or_si128(_mm_slli_epi16(values, 4), _mm_srli_epi16(values, 8));
+    const __m128i bytes = _mm_and_si128(pairs, simd::words(0xFF));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(to), _mm_packus_epi16(bytes, bytes));
+    return true;
+}
+#else
+inline void print_block(const unsigned char* bytes, char16_t* to)
+{
+    for (std::size_t i = 0; i < BLOCK; ++i)
+        to = std::copy_n(DIGIT_PAIRS[bytes[i]].data(), 2, to);
+}
+
+inline bool read_block(const char16_t* digits, unsigned char* to)
+{
+    unsigned int all = 0;
+    for (std::size_t i = 0; i < BLOCK; ++i) {
+        const unsigned int high = digit_value(digits[2 * i]);
+        const unsigned int low = digit_value(digits[2 * i + 1]);
+        all |= high | low;
+        to[i] = static_cast<unsigned char>(high << 4 | low);
+    }
+    return all <= 15;
+}
+#endif
+
+}  // namespace hex
+
+/// @param to  room for two units a byte
+inline void print_hex(const unsigned char* bytes, std::size_t size, char16_t* to)
+{
+    std::size_t i = 0;
+    for (; size - i >= hex::BLOCK; i += hex::BLOCK)
+        hex::print_block(bytes + i, to + 2 * i);
+    for (; i < size; ++i)
+        std::copy_n(hex::DIGIT_PAIRS[bytes[i]].data(), 2, to + 2 * i);
+}
+
+/// @param digits  two for each byte
+/// @param to      room for the bytes
+/// @return        whether all of them are digits; otherwise the bytes are of no use
+inline bool read_hex(std::u16string_view digits, unsigned char* to)
+{
+    const std::size_t size = digits.size() / 2;
+    std::size_t i = 0;
+    for (; size - i >= hex::BLOCK; i += hex::BLOCK) {
+        if (!hex::read_block(digits.data() + 2 * i, to + i))
+            return false;
+    }
+    for (; i < size; ++i) {
+        const unsigned int high = hex::digit_value(digits[2 * i]);
+        const unsigned int low = hex::digit_value(digits[2 * i + 1]);
+        if ((high | low) > 15)
+            return false;
+        to[i] = static_cast<unsigned char>(high << 4 | low);
+    }
+    return true;
+}
+
+}  // namespace Kvl
+
+#endif
