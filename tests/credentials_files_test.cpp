@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
@@ -579,6 +580,42 @@ TEST_F(CredentialsFiles, StringsAreReadAlthoughSignalsArrive)
     });
     close(ends[0]);
     close(ends[1]);
+}
+
+// ---- cancellation ----
+
+/// Cancels a thread that `operation` holds up, once it has had time to get there.
+template <class Operation>
+void cancel_while_waiting(Operation operation)
+{
+    const auto descriptors = open_descriptors();
+    const auto run = [](void* argument) -> void* {
+        (*static_cast<Operation*>(argument))();
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, run, &operation), 0);
+    usleep(20000);
+    pthread_cancel(thread);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST_F(CredentialsFiles, AreClosedWhenTheThreadThatUsesThemIsCancelled)
+{
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    cancel_while_waiting([&] { Credentials().read_from_file(path, false); });
+    cancel_while_waiting([&] { sample().write_to_file(path); });
+    const int both_ends = open(path.c_str(), O_RDWR | O_CLOEXEC);  // open, and never anything there
+    cancel_while_waiting([&] { Credentials().read_from_file(path, false); });
+    cancel_while_waiting([&] {
+        Credentials endless;
+        endless.groups.assign(10, model::identity(7, std::string(65535, 'g')));
+        endless.write_to_file(path);
+    });
+    close(both_ends);
 }
 
 // ---- full disks ----

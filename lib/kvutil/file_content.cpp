@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 namespace Kvl {
@@ -81,11 +82,30 @@ namespace {
 
 enum class durability_t { SYNCED, BUFFERED };
 
-/// @return whether everything has reached the disk; otherwise `errno` says why not
-bool sync_stream(std::FILE* file, int descriptor)
+/// At the end of its life it forgets what a stream still holds back. So the close after a failure
+/// writes nothing more, and in a thread that is cancelled before a full pipe it does not wait.
+class unwritten_t {
+public:
+    explicit unwritten_t(std::FILE* file) noexcept : file_(file) {}
+    ~unwritten_t() { __fpurge(file_); }
+    unwritten_t(const unwritten_t&) = delete;
+    unwritten_t& operator=(const unwritten_t&) = delete;
+
+private:
+    std::FILE* const file_;
+};
+
+void write_all(const std::string& path, std::FILE* file, const write_content_t& write)
 {
+    const unwritten_t rest(file);
+    write(file);
     if (std::fflush(file) != 0)
-        return false;
+        fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
+}
+
+/// @return whether the content has reached the disk; otherwise `errno` says why not
+bool sync(int descriptor)
+{
     int result;
     do
         result = sys_calls.fsync(descriptor);
@@ -104,8 +124,8 @@ void fill(const std::string& path, descriptor_t descriptor, const write_content_
     UtlFileIoPtr stream(stream_over(std::move(descriptor), "w", buffer));
     if (stream.get() == nullptr)
         fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
-    write(stream.get());
-    if (durability == durability_t::SYNCED && !sync_stream(stream.get(), number))
+    write_all(path, stream.get(), write);
+    if (durability == durability_t::SYNCED && !sync(number))
         fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
     if (stream.close() != 0)
         fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);

@@ -16,24 +16,31 @@ namespace hex {
 
 typedef std::array<char16_t, 2> digit_pair_t;
 
-inline constexpr std::array<digit_pair_t, 256> DIGIT_PAIRS = [] {
-    constexpr char16_t digits[] = u"0123456789abcdef";
+inline constexpr char16_t DIGITS[] = u"0123456789abcdef";
+
+constexpr std::array<digit_pair_t, 256> digit_pairs()
+{
     std::array<digit_pair_t, 256> pairs{};
     for (std::size_t byte = 0; byte < pairs.size(); ++byte)
-        pairs[byte] = {digits[byte >> 4], digits[byte & 15]};
+        pairs[byte] = {DIGITS[byte >> 4], DIGITS[byte & 15]};
     return pairs;
-}();
+}
+
+inline constexpr std::array<digit_pair_t, 256> DIGIT_PAIRS = digit_pairs();
 
 inline constexpr unsigned char NO_DIGIT = 0xFF;
 
 // Deliberate: no capitals. What is printed has none either.
-inline constexpr std::array<unsigned char, 256> DIGIT_VALUES = [] {
+constexpr std::array<unsigned char, 256> digit_values()
+{
     std::array<unsigned char, 256> values{};
     values.fill(NO_DIGIT);
     for (unsigned char value = 0; value < 16; ++value)
-        values[u"0123456789abcdef"[value]] = value;
+        values[DIGITS[value]] = value;
     return values;
-}();
+}
+
+inline constexpr std::array<unsigned char, 256> DIGIT_VALUES = digit_values();
 
 inline unsigned int digit_value(char16_t unit)
 {
