@@ -394,23 +394,64 @@ TEST_F(CredentialsFiles, OfAForeignGroupAreWrittenInPlace)
     EXPECT_EQ(dir.names(), names_t{"credentials"});
 }
 
-// Otherwise its rights would be lost, and its mask would become the rights of the group.
-TEST_F(CredentialsFiles, WithAnAccessControlListAreWrittenInPlace)
+// ---- access control lists ----
+
+constexpr char ACCESS_LIST[] = "system.posix_acl_access";
+constexpr char DEFAULT_LIST[] = "system.posix_acl_default";
+
+/// @return whether there can be such lists here
+bool set_list(const std::string& path, const char* name)
 {
-    set_content(path, "old");
     // Version 2; entries of tag, rights and id: owner rw, user 1 rw, group none, mask rw, others
     // none.
     const unsigned char list[] = {2,    0,    0,    0,    0x01, 0,    6,    0,    0xff, 0xff, 0xff,
                                   0xff, 0x02, 0,    6,    0,    1,    0,    0,    0,    0x04, 0,
                                   0,    0,    0xff, 0xff, 0xff, 0xff, 0x10, 0,    6,    0,    0xff,
                                   0xff, 0xff, 0xff, 0x20, 0,    0,    0,    0xff, 0xff, 0xff, 0xff};
-    if (setxattr(path.c_str(), "system.posix_acl_access", list, sizeof list, 0) != 0)
+    return setxattr(path.c_str(), name, list, sizeof list, 0) == 0;
+}
+
+bool has_list(const std::string& path)
+{
+    return getxattr(path.c_str(), ACCESS_LIST, nullptr, 0) >= 0;
+}
+
+// Otherwise its rights would be lost, and its mask would become the rights of the group.
+TEST_F(CredentialsFiles, WithAnAccessControlListAreWrittenInPlace)
+{
+    set_content(path, "old");
+    if (!set_list(path, ACCESS_LIST))
         GTEST_SKIP() << "no access control lists here";
     const ino_t file = status_of(path).st_ino;
     sample().write_to_file(path);
     EXPECT_EQ(content_of(path), content);
     EXPECT_EQ(status_of(path).st_ino, file);
-    EXPECT_GT(getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0), 0);
+    EXPECT_TRUE(has_list(path));
+}
+
+// Otherwise those whom the directory grants rights to its new files could read what was kept from
+// them.
+TEST_F(CredentialsFiles, ThatAreReplacedTakeNoListFromTheirDirectory)
+{
+    set_content(path, "old");
+    chmod(path.c_str(), 0640);
+    if (!set_list(dir.path, DEFAULT_LIST))
+        GTEST_SKIP() << "no access control lists here";
+    const ino_t file = status_of(path).st_ino;
+    sample().write_to_file(path);
+    EXPECT_EQ(content_of(path), content);
+    EXPECT_NE(status_of(path).st_ino, file);
+    EXPECT_EQ(mode_of(path), 0640u);
+    EXPECT_FALSE(has_list(path));
+}
+
+TEST_F(CredentialsFiles, ThatAreNewAreTheOwnersAloneWhateverTheListOfTheirDirectory)
+{
+    if (!set_list(dir.path, DEFAULT_LIST))
+        GTEST_SKIP() << "no access control lists here";
+    sample().write_to_file(path);
+    EXPECT_EQ(content_of(path), content);
+    EXPECT_EQ(mode_of(path), 0600u) << "the rights of the group are those of the list at most";
 }
 
 // ---- devices and pipes ----

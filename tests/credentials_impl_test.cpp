@@ -85,6 +85,9 @@ public:
             return fails_now("fgetxattr") ? -1
                                           : real_calls.fgetxattr(descriptor, name, value, size);
         };
+        sys_calls.fremovexattr = [](int descriptor, const char* name) {
+            return fails_now("fremovexattr") ? -1 : real_calls.fremovexattr(descriptor, name);
+        };
         sys_calls.ftruncate = [](int descriptor, off_t size) {
             return fails_now("ftruncate") ? -1 : real_calls.ftruncate(descriptor, size);
         };
@@ -111,9 +114,9 @@ public:
     failing_calls& operator=(const failing_calls&) = delete;
 };
 
-const char* const ROWS[] = {"open",   "close",     "read",      "write",    "fstat",
-                            "lstat",  "fgetxattr", "ftruncate", "mkostemp", "fchown",
-                            "fchmod", "fsync",     "rename",    "unlink"};
+const char* const ROWS[] = {"open",   "close",     "read",         "write",     "fstat",
+                            "lstat",  "fgetxattr", "fremovexattr", "ftruncate", "mkostemp",
+                            "fchown", "fchmod",    "fsync",        "rename",    "unlink"};
 const int ERRORS[] = {EINTR, EIO,    ENOSPC, EDQUOT, EACCES, EPERM,  EROFS,        EBUSY,
                       EXDEV, ENOENT, EMFILE, ENOMEM, EINVAL, ENOSYS, ENAMETOOLONG, ELOOP};
 
@@ -223,6 +226,35 @@ INSTANTIATE_TEST_SUITE_P(Replacing, CredentialsSteps,
                              {"close", 2, EIO, ""},
                              {"close", 3, EIO, ""},  // the old file
                          }));
+
+// The list that a new file gets from its directory must go before the file gets its mode.
+TEST_F(CredentialsCalls, ThatCannotRemoveAListWriteInPlaceOrNotAtAll)
+{
+    for (const int error : {EPERM, EIO}) {
+        make_old();
+        const failing_calls on({"fremovexattr", 1, error});
+        sys_calls.fgetxattr = [](int, const char*, void*, std::size_t) -> ssize_t {
+            static int calls = 0;
+            const bool is_of_the_new_file = ++calls % 2 == 0;
+            errno = ENODATA;
+            return is_of_the_new_file ? 44 : -1;
+        };
+        sys_calls.fchmod = [](int, mode_t) {
+            ADD_FAILURE() << "the list has taken effect";
+            return 0;
+        };
+        if (error == EPERM) {
+            credentials.write_to_file(path);
+            EXPECT_TRUE(content_of(path) == new_content);
+        } else {
+            expect_failure<RuntimeException>([&] { credentials.write_to_file(path); },
+                                             file_failure("open", path, error));
+            EXPECT_EQ(content_of(path), old_content);
+        }
+        EXPECT_TRUE(struck);
+        EXPECT_EQ(dir.names(), names_t{"credentials"});
+    }
+}
 
 // The last of what is written is handed over by the flush that precedes the close.
 TEST_F(CredentialsCalls, LastWriteFailsAsTheClose)

@@ -33,14 +33,16 @@ bool is_same_file(const struct stat& one, const struct stat& other)
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-// The rights in a list would be lost, and its mask would become the rights of the group.
+constexpr char ACCESS_CONTROL_LIST[] = "system.posix_acl_access";
+
 bool has_access_control_list(const descriptor_t& descriptor)
 {
-    return sys_calls.fgetxattr(descriptor.number(), "system.posix_acl_access", nullptr, 0) >= 0;
+    return sys_calls.fgetxattr(descriptor.number(), ACCESS_CONTROL_LIST, nullptr, 0) >= 0;
 }
 
 /// Whether another file can take the place of this one without anybody noticing: it has no other
-/// name, is not reached through a symbolic link, and its owner is the one whom a new file gets.
+/// name, is not reached through a symbolic link, its owner is the one whom a new file gets, and
+/// it has no access control list, whose mask would become the rights of the group.
 bool is_replaceable_file(const std::string& path, const target_t& target)
 {
     struct stat named;
@@ -213,13 +215,22 @@ private:
     bool is_there_ = false;
 };
 
+/// A directory may give every new file a list. The mode that would be set next would become its
+/// mask, so that the list took effect.
+bool drop_access_control_list(const descriptor_t& descriptor)
+{
+    return !has_access_control_list(descriptor) ||
+           sys_calls.fremovexattr(descriptor.number(), ACCESS_CONTROL_LIST) == 0;
+}
+
 /// Gives a new file owner, group and mode of the one that it is to replace, if there is one.
 bool take_rights(const descriptor_t& descriptor, const target_t& target)
 {
     if (!target.descriptor.is_open())
         return true;
     const struct stat& status = target.status;
-    return sys_calls.fchown(descriptor.number(), status.st_uid, status.st_gid) == 0 &&
+    return drop_access_control_list(descriptor) &&
+           sys_calls.fchown(descriptor.number(), status.st_uid, status.st_gid) == 0 &&
            sys_calls.fchmod(descriptor.number(), status.st_mode & MODE_BITS) == 0;
 }
 

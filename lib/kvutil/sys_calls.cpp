@@ -54,6 +54,7 @@ constinit sys_calls_t sys_calls = {
     .fstat = ::fstat,
     .lstat = ::lstat,
     .fgetxattr = ::fgetxattr,
+    .fremovexattr = ::fremovexattr,
     .ftruncate = ::ftruncate,
     .mkostemp = ::mkostemp,
     .fchown = ::fchown,

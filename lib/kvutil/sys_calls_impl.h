@@ -42,6 +42,7 @@ struct sys_calls_t {
     int (*fstat)(int descriptor, struct stat* status);
     int (*lstat)(const char* path, struct stat* status);
     ssize_t (*fgetxattr)(int descriptor, const char* name, void* value, std::size_t size_bytes);
+    int (*fremovexattr)(int descriptor, const char* name);
     int (*ftruncate)(int descriptor, off_t size_bytes);
     int (*mkostemp)(char* path, int flags);
     int (*fchown)(int descriptor, uid_t owner, gid_t group);
