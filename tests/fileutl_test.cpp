@@ -1,6 +1,7 @@
 // Temporary files as a caller sees them. The directory, the counter and the table belong to the
 // process, so that nearly every test has one of its own.
 
+#include <kvutil/credentials.h>
 #include <kvutil/fileutl.h>
 #include <kvutil/stpexception.h>
 
@@ -312,6 +313,25 @@ TEST_F(SysTmpdir, NamesTheBytesOfADirectoryThatDecodesToNothing)
             EXPECT_THAT(scratch.names(), ElementsAre("\xFF\xFE"));
         },
         "UTF-16");
+}
+
+// In ISO-2022-JP these three bytes choose a set of characters and are no text. The files that are
+// opened are named in messages as the directory is, which can be seen here, where the character set
+// can be chosen.
+TEST_F(SysTmpdir, NamesTheBytesOfAnyPathThatDecodesToNothing)
+{
+    in_new_process(
+        [&] {
+            fs::current_path(scratch.path);
+            try {
+                Kvl::Credentials().read_from_file("\x1B(B", false);
+                ADD_FAILURE() << "nothing thrown";
+            } catch (const RuntimeException& e) {
+                EXPECT_EQ(rendered(e), "PLXSV0665E Unable to open file '\x1B(B': "
+                                       "No such file or directory.");
+            }
+        },
+        "ISO-2022-JP");
 }
 
 TEST_F(SysTmpdir, RemembersNothingWhenMemoryRunsOut)

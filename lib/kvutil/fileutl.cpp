@@ -49,22 +49,13 @@ std::string first_writable_candidate()
     reject_path(platform_text(LAST_CANDIDATE));
 }
 
-/// Bytes that decode to nothing are shown as substitutes, one each.
-UString shown(const std::string& candidate)
-{
-    UString text = platform_text(candidate);
-    if (text.empty())
-        text.assign(candidate, "utf-8");
-    return text;
-}
-
 UString find_tmpdir()
 {
     const std::string candidate = first_writable_candidate();
     Pname directory(UString(candidate.c_str(), "DEFAULT"));
     directory.strip_trailing_separator();
     if (directory.path().empty())
-        reject_path(shown(candidate));
+        reject_path(platform_text(candidate));
     return directory.path();
 }
 

@@ -1,17 +1,17 @@
 #include "platform_text_impl.h"
 
 #include <array>
-#include <cstring>
+#include <string.h>
 
 namespace Kvl {
 
 UString platform_text(const std::string& bytes)
 {
-    // The name in capitals would reject the whole text for one malformed byte.
+    // The name in capitals would reject the whole text for one malformed byte. "DEFAULT" does not,
+    // even where it stands for UTF-8.
     static constexpr char SUBSTITUTING_UTF8[] = "utf-8";
-    const char* const charset = UString::default_charset();
     UString text;
-    if (std::strcmp(charset, "UTF-8") == 0 || text.assign(bytes, charset) == nullptr)
+    if (text.assign(bytes, "DEFAULT") == nullptr || text.empty())
         text.assign(bytes, SUBSTITUTING_UTF8);
     return text;
 }

@@ -9,7 +9,7 @@ namespace Kvl {
 
 /// What the platform calls something, a path or an error, as text for a message: decoded from the
 /// platform's charset, with the substitution character for what is malformed, so that one odd byte
-/// does not empty the message.
+/// does not empty the message. Bytes that mean nothing in that charset are shown as UTF-8.
 /// @throws std::bad_alloc  no memory for the text
 UString platform_text(const std::string& bytes);
 
