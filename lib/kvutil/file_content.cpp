@@ -108,11 +108,7 @@ void write_all(const std::string& path, std::FILE* file, const write_content_t& 
 /// @return whether the content has reached the disk; otherwise `errno` says why not
 bool sync(int descriptor)
 {
-    int result;
-    do
-        result = sys_calls.fsync(descriptor);
-    while (result < 0 && errno == EINTR);
-    return result == 0;
+    return uninterrupted([&] { return sys_calls.fsync(descriptor); }) == 0;
 }
 
 /// Writes the content and closes the descriptor.
@@ -133,15 +129,24 @@ void fill(const std::string& path, descriptor_t descriptor, const write_content_
         fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
 }
 
+/// @return whether it is empty now, or can hold nothing; otherwise `errno` says why not
+bool empty(const target_t& target)
+{
+    const int number = target.descriptor.number();
+    return !S_ISREG(target.status.st_mode) ||
+           uninterrupted([&] { return sys_calls.ftruncate(number, 0); }) == 0;
+}
+
 void write_in_place(const std::string& path, target_t& target, const write_content_t& write)
 {
-    if (!target.descriptor.is_open())
+    if (target.descriptor.is_open()) {
+        if (!empty(target))
+            fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+    } else {
         target.descriptor = open_file(path, O_WRONLY | O_CREAT | O_TRUNC, NEW_FILE_MODE);
-    else if (S_ISREG(target.status.st_mode) &&
-             sys_calls.ftruncate(target.descriptor.number(), 0) < 0)
-        fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
-    if (!target.descriptor.is_open())
-        fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+        if (!target.descriptor.is_open())
+            fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+    }
     fill(path, std::move(target.descriptor), write, durability_t::BUFFERED);
 }
 
@@ -180,13 +185,12 @@ public:
     descriptor_t create()
     {
         const uncancelled_t whole;
-        int number;
-        do {
+        descriptor_t descriptor(uninterrupted([&] {
             name_.replace(directory_.size(), name_.npos, PATTERN);
-            number = sys_calls.mkostemp(name_.data(), O_CLOEXEC);
-        } while (number < 0 && errno == EINTR);
-        is_there_ = number >= 0;
-        return descriptor_t(number);
+            return sys_calls.mkostemp(name_.data(), O_CLOEXEC);
+        }));
+        is_there_ = descriptor.is_open();
+        return descriptor;
     }
 
     /// @return whether it has become `path`; otherwise `errno` says why not
@@ -228,10 +232,14 @@ bool take_rights(const descriptor_t& descriptor, const target_t& target)
 {
     if (!target.descriptor.is_open())
         return true;
+    const int number = descriptor.number();
     const struct stat& status = target.status;
-    return drop_access_control_list(descriptor) &&
-           sys_calls.fchown(descriptor.number(), status.st_uid, status.st_gid) == 0 &&
-           sys_calls.fchmod(descriptor.number(), status.st_mode & MODE_BITS) == 0;
+    const auto change_owner = [&] {
+        return sys_calls.fchown(number, status.st_uid, status.st_gid);
+    };
+    const auto change_mode = [&] { return sys_calls.fchmod(number, status.st_mode & MODE_BITS); };
+    return drop_access_control_list(descriptor) && uninterrupted(change_owner) == 0 &&
+           uninterrupted(change_mode) == 0;
 }
 
 /// Whether `errno` says that here no file can be replaced, although it may be written: the

@@ -44,11 +44,8 @@ void fail_on_file(kvutil_msg_t message, const std::string& path, int error)
 
 descriptor_t open_file(const std::string& path, int flags, mode_t mode)
 {
-    int number;
-    do
-        number = sys_calls.open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, mode);
-    while (number < 0 && errno == EINTR);
-    return descriptor_t(number);
+    return descriptor_t(uninterrupted(
+        [&] { return sys_calls.open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, mode); }));
 }
 
 // ---- streams ----

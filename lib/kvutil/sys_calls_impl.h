@@ -1,6 +1,7 @@
 #ifndef KVUTIL_SYS_CALLS_IMPL_H
 #define KVUTIL_SYS_CALLS_IMPL_H
 
+#include <cerrno>
 #include <cstddef>
 #include <ctime>
 #include <sys/stat.h>
@@ -53,6 +54,17 @@ struct sys_calls_t {
 };
 
 extern sys_calls_t sys_calls;
+
+/// Makes a system call, again and again while a signal interrupts it.
+/// @param call  answers as the system does: negative, and `errno`, when it fails
+template <class Call>
+auto uninterrupted(Call call)
+{
+    auto result = call();
+    while (result < 0 && errno == EINTR)
+        result = call();
+    return result;
+}
 
 }  // namespace Kvl
 

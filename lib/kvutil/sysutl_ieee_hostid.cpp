@@ -5,7 +5,6 @@
 #include "sysutl_ieee_hostid_impl.h"
 #include "uncancelled_impl.h"
 
-#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <net/if.h>
@@ -25,24 +24,14 @@ namespace {
 constexpr int FOUND = 0;
 constexpr int NOT_FOUND = 1;
 
-// ---- System calls that a signal interrupts are made again ----
-
 int open_to_read(const char* path)
 {
-    int descriptor = -1;
-    do
-        descriptor = sys_calls.open(path, O_RDONLY | O_CLOEXEC, 0);
-    while (descriptor < 0 && errno == EINTR);
-    return descriptor;
+    return uninterrupted([&] { return sys_calls.open(path, O_RDONLY | O_CLOEXEC, 0); });
 }
 
 ssize_t read_some(int descriptor, void* bytes, std::size_t size_bytes)
 {
-    ssize_t count = -1;
-    do
-        count = sys_calls.read(descriptor, bytes, size_bytes);
-    while (count < 0 && errno == EINTR);
-    return count;
+    return uninterrupted([&] { return sys_calls.read(descriptor, bytes, size_bytes); });
 }
 
 /// Owns a descriptor; a negative one is none.
