@@ -5,12 +5,14 @@
 #include "sysutl_ieee_hostid_impl.h"
 #include "uncancelled_impl.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <optional>
 #include <pthread.h>
+#include <string_view>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
