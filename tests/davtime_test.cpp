@@ -26,6 +26,9 @@ using Kvl::DavTime;
 using Kvl::UString;
 
 static_assert(DavTime::ISO8601 == 0 && DavTime::RFC1123 == 1);
+static_assert(
+    std::is_same_v<std::underlying_type_t<DavTime::Format>, int>,
+    "every int is a value of it, so that one that names no form is no undefined behaviour");
 static_assert(sizeof(DavTime) == sizeof(std::time_t), "one field");
 static_assert(sizeof(std::time_t) == 8);
 static_assert(std::is_nothrow_default_constructible_v<DavTime>);

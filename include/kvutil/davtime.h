@@ -20,7 +20,7 @@ namespace Kvl {
 class KVUTIL_EXPORT DavTime {
 public:
     /// The two forms.
-    enum Format {
+    enum Format : int {
         ISO8601 = 0,  ///< 1994-11-06T08:49:37Z, as of creation dates
         RFC1123 = 1   ///< Sun, 06 Nov 1994 08:49:37 GMT, as of last-modified dates
     };

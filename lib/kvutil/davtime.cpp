@@ -483,7 +483,7 @@ UString DavTime::to_string(Format f) const
     const fields_t fields = broken_down(seconds_);
     if (!fits_tm_year(fields.year))
         return {};
-    switch (static_cast<int>(f)) {
+    switch (f) {
     case ISO8601:
         return written_as_iso8601(fields);
     case RFC1123:
