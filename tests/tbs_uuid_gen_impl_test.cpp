@@ -20,6 +20,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -164,6 +165,22 @@ TEST(UuidGen, FillsTheFieldsByTheRules)
     EXPECT_EQ(uuid.time_hi_and_version, (t >> 48 & 0x0FFF) | 0x1000);
     EXPECT_EQ(uuid.clock_seq_low, 0x2B6D7 >> 2 & 0xFF);
     EXPECT_EQ(uuid.clock_seq_hi_and_reserved, (0x2B6D7 >> 10 & 0x3F) | 0x80);
+}
+
+// The highest bit of the 60, set from the year 3409 on, and what is beyond them, from 5236 on.
+TEST(UuidGen, HasSixtyBitsOfTheTime)
+{
+    for (const std::int64_t seconds : {50'000'000'000, 200'000'000'000}) {
+        fake_system_t system;
+        system.seconds = seconds;
+        tbs_uuid_s uuid;
+        ASSERT_EQ(brenner_tbs_uuid_gen(&uuid), 0);
+        const std::uint64_t t = stamp(static_cast<std::uint64_t>(seconds), 0);
+        ASSERT_NE(t >> 59, 0u);
+        EXPECT_EQ(uuid.time_low & 0xFFF00000, t & 0xFFF00000);
+        EXPECT_EQ(uuid.time_mid, t >> 32 & 0xFFFF);
+        EXPECT_EQ(uuid.time_hi_and_version, (t >> 48 & 0x0FFF) | 0x1000);
+    }
 }
 
 TEST(UuidGen, SeedsTheSequenceWithTheMicrosecondsAndCountsOn)
@@ -329,6 +346,21 @@ TEST(UuidGenWindow, IsFollowedByTheNextOneWhateverTheClockSays)
     expect_distinct(issued);
 }
 
+// Where the clock then stands in a window of its own says nothing of how long the last one is.
+TEST(UuidGenWindow, IsSleptThroughAsAWholeWhenTheClockWasSetBack)
+{
+    fake_system_t system;
+    keys_t issued;
+    append_issued(issued, 1);
+    system.seconds -= 3600;
+    system.microseconds = 0;
+    const std::uint64_t rest = UNITS_PER_WINDOW - stamp(1'000'000'000 - 3600, 0) % UNITS_PER_WINDOW;
+    system.microseconds = static_cast<std::int64_t>(rest / 10) - 1;
+    append_issued(issued, SEQUENCES);
+    EXPECT_EQ(system.slept_nanoseconds, LONGEST_SLEEP);
+    expect_distinct(issued);
+}
+
 TEST(UuidGenWindow, IsFollowedByTheNextOneWhenTheClockStandsStill)
 {
     fake_system_t system;
@@ -410,6 +442,30 @@ TEST(UuidGenProcess, IsAskedForEachTimeWhereThePageWouldBeCopied)
     }
     EXPECT_EQ(system.pid_calls, 2);
     EXPECT_EQ(g_unmapped, 1);
+}
+
+bool g_is_overtaken = false;
+
+// Another thread has its page in place before this one has made its own.
+TEST(UuidGenProcess, GivesThePageBackThatNobodyNeeds)
+{
+    fake_system_t system;
+    g_unmapped = 0;
+    g_is_overtaken = false;
+    Kvl::sys_calls.mmap = [](void* place, std::size_t size, int access, int flags, int descriptor,
+                             off_t offset) {
+        if (!std::exchange(g_is_overtaken, true))
+            std::thread([] { EXPECT_EQ(process_id(), 0x123456u); }).join();
+        return ::mmap(place, size, access, flags, descriptor, offset);
+    };
+    Kvl::sys_calls.munmap = [](void* place, std::size_t size) {
+        ++g_unmapped;
+        return ::munmap(place, size);
+    };
+    EXPECT_EQ(process_id(), 0x123456u);
+    EXPECT_TRUE(g_is_overtaken);
+    EXPECT_EQ(g_unmapped, 1);
+    EXPECT_EQ(system.pid_calls, 1);
 }
 
 TEST(UuidGenProcess, IsRememberedInOnePageByManyThreads)
