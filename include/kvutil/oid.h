@@ -221,6 +221,8 @@ KVUTIL_EXPORT std::wostream& operator<<(std::wostream& os, const Oid& o);
 
 /// Reads one word, delimited by white space, as Oid::from_string() reads texts. A text of no known
 /// form sets failbit. When anything fails, `o` keeps its value.
+/// @throws std::bad_alloc  no memory for the word; as for a UString, also from a stream that is not
+///                         asked to throw
 KVUTIL_EXPORT std::wistream& operator>>(std::wistream& is, Oid& o);
 
 }  // namespace Kvl
