@@ -15,11 +15,23 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <new>
 #include <optional>
 #include <unistd.h>
 
 using namespace Kvl;
+
+static bool has_room_for_streams = true;
+
+// Takes the place of the C library's own.
+extern "C" std::FILE* fopencookie(void* cookie, const char* mode, cookie_io_functions_t functions)
+{
+    static const auto real = reinterpret_cast<decltype(&fopencookie)>(dlsym(RTLD_NEXT, __func__));
+    errno = ENOMEM;
+    return has_room_for_streams ? real(cookie, mode, functions) : nullptr;
+}
 
 namespace {
 
@@ -542,6 +554,26 @@ TEST_F(CredentialsCalls, FailingWithoutMemoryLeaveTheOldAndNothingElse)
         EXPECT_EQ(open_descriptors(), descriptors);
     });
     EXPECT_GE(faults, 2);
+}
+
+// The C library's own memory, which it takes from elsewhere.
+TEST_F(CredentialsCalls, WithoutRoomForAStreamLeaveTheOld)
+{
+    make_old();
+    const std::string other = dir / "other";
+    const auto descriptors = open_descriptors();
+    for (const bool in_place : {false, true}) {
+        if (in_place) {
+            ASSERT_EQ(link(path.c_str(), other.c_str()), 0);
+        }
+        has_room_for_streams = false;
+        EXPECT_THROW(credentials.write_to_file(path), std::bad_alloc);
+        EXPECT_THROW(Credentials().read_from_file(path, false), std::bad_alloc);
+        has_room_for_streams = true;
+        EXPECT_EQ(content_of(path), old_content);
+        EXPECT_EQ(dir.names().size(), in_place ? 2u : 1u);
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
 }
 
 }  // namespace

@@ -162,11 +162,9 @@ std::FILE* open_to_read(const std::string& path, std::span<char> buffer)
 {
     refuse_zero_byte(path);
     descriptor_t descriptor = open_file(path, O_RDONLY);
-    std::FILE* const file =
-        descriptor.is_open() ? stream_over(std::move(descriptor), "r", buffer) : nullptr;
-    if (file == nullptr)
+    if (!descriptor.is_open())
         fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
-    return file;
+    return stream_over(std::move(descriptor), "r", buffer);
 }
 
 }  // namespace

@@ -120,8 +120,6 @@ void fill(const std::string& path, descriptor_t descriptor, const write_content_
     std::array<char, 4096> buffer;
     const int number = descriptor.number();
     UtlFileIoPtr stream(stream_over(std::move(descriptor), "w", buffer));
-    if (stream.get() == nullptr)
-        fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
     write_all(path, stream.get(), write);
     if (durability == durability_t::SYNCED && !sync(number))
         fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
@@ -129,25 +127,26 @@ void fill(const std::string& path, descriptor_t descriptor, const write_content_
         fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
 }
 
-/// @return whether it is empty now, or can hold nothing; otherwise `errno` says why not
-bool empty(const target_t& target)
+/// @return whether there is nothing in it now; otherwise `errno` says why not
+bool truncate(int descriptor)
 {
-    const int number = target.descriptor.number();
-    return !S_ISREG(target.status.st_mode) ||
-           uninterrupted([&] { return sys_calls.ftruncate(number, 0); }) == 0;
+    return uninterrupted([&] { return sys_calls.ftruncate(descriptor, 0); }) == 0;
 }
 
 void write_in_place(const std::string& path, target_t& target, const write_content_t& write)
 {
-    if (target.descriptor.is_open()) {
-        if (!empty(target))
-            fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
-    } else {
+    if (!target.descriptor.is_open())
         target.descriptor = open_file(path, O_WRONLY | O_CREAT | O_TRUNC, NEW_FILE_MODE);
-        if (!target.descriptor.is_open())
+    if (!target.descriptor.is_open())
+        fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+    const int number = target.descriptor.number();
+    // The old content goes as late as that: without memory for a stream, it stays.
+    const auto write_afresh = [&](std::FILE* file) {
+        if (S_ISREG(target.status.st_mode) && !truncate(number))
             fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
-    }
-    fill(path, std::move(target.descriptor), write, durability_t::BUFFERED);
+        write(file);
+    };
+    fill(path, std::move(target.descriptor), std::cref(write_afresh), durability_t::BUFFERED);
 }
 
 }  // namespace

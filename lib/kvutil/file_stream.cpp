@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
+#include <new>
 #include <stdio_ext.h>
 #include <utility>
 
@@ -90,12 +91,12 @@ int close_once(void* cookie)
 
 }  // namespace
 
-std::FILE* stream_over(descriptor_t descriptor, const char* mode, std::span<char> buffer) noexcept
+std::FILE* stream_over(descriptor_t descriptor, const char* mode, std::span<char> buffer)
 {
     const cookie_io_functions_t functions = {read_some, write_all, nullptr, close_once};
     std::FILE* const file = fopencookie(to_cookie(descriptor.number()), mode, functions);
     if (file == nullptr)
-        return nullptr;
+        throw std::bad_alloc();
     descriptor.release();
     std::setvbuf(file, buffer.data(), _IOFBF, buffer.size());
     __fsetlocking(file, FSETLOCKING_BYCALLER);

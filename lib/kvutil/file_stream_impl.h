@@ -41,8 +41,9 @@ descriptor_t open_file(const std::string& path, int flags, mode_t mode = 0);
 /// @param descriptor  taken over, also when there is no stream
 /// @param mode        "r" or "w"
 /// @param buffer      the stream's buffer, which must outlive it
-/// @return            null, and `errno`, when there is no memory
-std::FILE* stream_over(descriptor_t descriptor, const char* mode, std::span<char> buffer) noexcept;
+/// @return            the caller's to close
+/// @throws std::bad_alloc  no memory for it
+std::FILE* stream_over(descriptor_t descriptor, const char* mode, std::span<char> buffer);
 
 }  // namespace Kvl
 
