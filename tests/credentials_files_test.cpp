@@ -666,7 +666,7 @@ template <class Operation>
 bool on_small_disk(const std::string& directory, const char* options, Operation operation)
 {
     return in_restricted_child([&] {
-        if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+        if (unshare(CLONE_NEWNS) != 0)
             return NOT_ALLOWED;
         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
         if (mount("none", directory.c_str(), "tmpfs", 0, options) != 0)
@@ -783,7 +783,7 @@ std::vector<std::string> contents_after_kills(const Credentials& credentials,
 {
     std::vector<std::string> contents;
     bool was_running = true;
-    for (int nth = 1; was_running; ++nth) {
+    for (int nth = 1; was_running && nth < 1000; ++nth) {
         prepare();
         was_running = kill_writer(credentials, path, nth, allowed);
         contents.push_back(content());
@@ -843,7 +843,7 @@ TEST_F(CredentialsFiles, AreThereOrNotWhenTheWriterOfANewOneIsKilled)
 TEST_F(CredentialsFiles, AreWrittenBesideWhatAKilledWriterLeft)
 {
     bool allowed = true;
-    for (int nth = 1; kill_writer(large_sample(), path, nth, allowed); ++nth)
+    for (int nth = 1; nth < 1000 && kill_writer(large_sample(), path, nth, allowed); ++nth)
         EXPECT_NO_THROW(sample().write_to_file(path));
     if (!allowed)
         GTEST_SKIP() << "cannot trace a process";

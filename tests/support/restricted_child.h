@@ -20,7 +20,12 @@ bool in_restricted_child(Operation operation)
     std::fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
-        const int result = operation();
+        int result = 0;
+        try {
+            result = operation();
+        } catch (...) {
+            ADD_FAILURE() << "an exception left the operation";
+        }
         std::fflush(nullptr);
         _exit(testing::Test::HasFailure() ? 1 : result);
     }
