@@ -4,6 +4,7 @@
 
 #include "support/failure.h"
 #include "support/memory_fault.h"
+#include "support/oid_literal.h"
 #include "support/small_stack.h"
 #include "support/text.h"
 
@@ -13,7 +14,6 @@
 #include <array>
 #include <clocale>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -260,21 +260,6 @@ TEST(OidText, OfNilIsAllZeros)
     EXPECT_EQ(Uuid().std_str(false), "00000000.00000000.0000.00:00:00:00:00:00");
 }
 
-// What the forms are defined by, in C's own words.
-std::string printed(const tbs_uuid_s& s, bool compact)
-{
-    const char* const format = compact ? "%08x%04hx%04hx%02x%02x%02x%02x%02x%02x%02x%02x"
-                                       : "%08x.%04hx%04hx.%02x%02x.%02x:%02x:%02x:%02x:%02x:%02x";
-    char text[64];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    std::snprintf(text, sizeof text, format, s.time_low, s.time_mid, s.time_hi_and_version,
-                  s.clock_seq_hi_and_reserved, s.clock_seq_low, s.node[0], s.node[1], s.node[2],
-                  s.node[3], s.node[4], s.node[5]);
-#pragma GCC diagnostic pop
-    return text;
-}
-
 TEST(OidText, HasEveryByteAtEveryPlaceAsPrintfWritesIt)
 {
     for (std::size_t place = 0; place < 16; ++place)
@@ -282,8 +267,8 @@ TEST(OidText, HasEveryByteAtEveryPlaceAsPrintfWritesIt)
             bytes_t bytes{};
             bytes[place] = static_cast<unsigned char>(value);
             const tbs_uuid_s record = record_of(bytes);
-            EXPECT_EQ(Uuid(record).std_str(false), printed(record, false));
-            EXPECT_EQ(Uuid(record).std_str(true), printed(record, true));
+            EXPECT_EQ(Uuid(record).std_str(false), literal::uuid_text(record, false));
+            EXPECT_EQ(Uuid(record).std_str(true), literal::uuid_text(record, true));
         }
 }
 
@@ -320,29 +305,6 @@ TEST(OidText, ComesBackInEveryForm)
 
 // ---- Text in, against sscanf() ----
 
-std::optional<tbs_uuid_s> scanned(const char* text)
-{
-    static const char* const FORMATS[] = {
-        "%08x.%04hx%04hx.%02hx%02hx.%02hx:%02hx:%02hx:%02hx:%02hx:%02hx",
-        "%08x-%04hx-%04hx-%02hx%02hx-%02hx%02hx%02hx%02hx%02hx%02hx",
-        "%08x%04hx%04hx%02hx%02hx%02hx%02hx%02hx%02hx%02hx%02hx"};
-    for (const char* const format : FORMATS) {
-        unsigned int low = 0;
-        unsigned short v[10] = {};
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-        const int count = std::sscanf(text, format, &low, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5],
-                                      &v[6], &v[7], &v[8], &v[9]);
-#pragma GCC diagnostic pop
-        const auto byte = [&](int i) { return static_cast<unsigned char>(v[i]); };
-        if (count == 11)
-            return tbs_uuid_s{low,     v[0],
-                              v[1],    byte(2),
-                              byte(3), {byte(4), byte(5), byte(6), byte(7), byte(8), byte(9)}};
-    }
-    return std::nullopt;
-}
-
 std::optional<tbs_uuid_s> parsed(const std::string& text)
 {
     try {
@@ -355,7 +317,7 @@ std::optional<tbs_uuid_s> parsed(const std::string& text)
 /// @return  whether the text is accepted
 bool agrees_with_sscanf(const std::string& text)
 {
-    const auto expected = scanned(text.c_str());
+    const auto expected = literal::scan_uuid(text);
     const auto actual = parsed(text);
     EXPECT_EQ(actual.has_value(), expected.has_value()) << testing::PrintToString(text);
     if (actual && expected) {
@@ -577,7 +539,7 @@ TEST(OidTextIn, IsTheSameInEveryLocale)
     const locale_with_blank_t locale;
     if (!locale.is_set)
         GTEST_SKIP() << "localedef or the locale sources are not installed";
-    ASSERT_TRUE(scanned(("\xA0" + std::string(DOTTED)).c_str()));
+    ASSERT_TRUE(literal::scan_uuid("\xA0" + std::string(DOTTED)));
     EXPECT_FALSE(parsed("\xA0" + std::string(DOTTED)));
     EXPECT_EQ(Uuid(SAMPLE).std_str(false), DOTTED);
 }
