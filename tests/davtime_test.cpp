@@ -1,12 +1,12 @@
 #include <kvutil/davtime.h>
 
+#include "support/child.h"
 #include "support/davtime_literal.h"
 #include "support/memory_fault.h"
 #include "support/small_stack.h"
 #include "support/text.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -262,16 +262,8 @@ TEST(DavTimeOffset, CanBeAskedInTheChildOfAFork)
         while (!done)
             DavTime::get_tz_offset(NOVEMBER_1994);
     });
-    for (int i = 0; i < 20; ++i) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            alarm(10);
-            _exit(DavTime::get_tz_offset(NOVEMBER_1994) == 20700 ? 0 : 1);
-        }
-        int status = -1;
-        waitpid(pid, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
+    for (int i = 0; i < 20; ++i)
+        in_child([] { EXPECT_EQ(DavTime::get_tz_offset(NOVEMBER_1994), 20700); }, _exit);
     done = true;
     asking.join();
 }

@@ -1,5 +1,6 @@
 #include "sysutl_ieee_hostid_impl.h"
 
+#include "support/child.h"
 #include "support/small_stack.h"
 #include "sys_calls_impl.h"
 
@@ -10,7 +11,6 @@
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -512,14 +512,7 @@ TEST(HostIdCache, IsFilledByTheChildOfAForkWhileAnotherThreadLooks)
     std::thread looking([] { cached_answer(); });
     while (g_readers == 0)
         std::this_thread::yield();
-    const pid_t pid = fork();
-    if (pid == 0) {
-        alarm(20);
-        _exit(cached_answer().address == A ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(status, 0);
+    in_child([] { EXPECT_EQ(cached_answer().address, A); }, _exit);
     looking.join();
 }
 

@@ -1,5 +1,6 @@
 #include "tbs_uuid_gen_impl.h"
 
+#include "support/child.h"
 #include "support/failure.h"
 #include "sys_calls_impl.h"
 #include "sysutl_ieee_hostid_impl.h"
@@ -10,7 +11,6 @@
 #include <kvutil/sysutl_ieee_hostid.h>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -381,30 +381,16 @@ TEST(UuidGenProcess, IsAskedForOnce)
     EXPECT_EQ(system.pid_calls, 1);
 }
 
-/// Runs `body` in a child process and returns its exit status.
-template <class Body>
-int exit_status_of_child(Body body)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        alarm(20);
-        _exit(body());
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return status;
-}
-
 TEST(UuidGenProcess, IsAskedForAgainInTheChildOfAFork)
 {
     fake_system_t system;
     EXPECT_EQ(process_id(), 0x123456u);
-    EXPECT_EQ(exit_status_of_child([&] {
-                  system.pid = 0x123457;
-                  const bool is_own = process_id() == 0x123457u && process_id() == 0x123457u;
-                  return is_own && system.pid_calls == 2 ? 0 : 1;
-              }),
-              0);
+    in_child([&] {
+        system.pid = 0x123457;
+        EXPECT_EQ(process_id(), 0x123457u);
+        EXPECT_EQ(process_id(), 0x123457u);
+        EXPECT_EQ(system.pid_calls, 2);
+    });
     EXPECT_EQ(process_id(), 0x123456u);
 }
 

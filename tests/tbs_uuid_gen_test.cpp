@@ -1,6 +1,7 @@
 #include <kvutil/oid.h>
 #include <kvutil/tbs_uuid_gen.h>
 
+#include "support/child.h"
 #include "support/small_stack.h"
 
 #include <gtest/gtest.h>
@@ -239,19 +240,10 @@ TEST(UuidGen, DiffersInChildrenForkedWhileThreadsGenerate)
 TEST(UuidGen, HasTheIdOfAGrandchild)
 {
     generate();
-    const pid_t pid = fork();
-    if (pid == 0) {
-        alarm(30);
-        const pid_t grandchild = fork();
-        if (grandchild == 0)
-            _exit(process_bits_of(generate()) == (getpid() & 0xFFFF) ? 0 : 1);
-        int status = 0;
-        waitpid(grandchild, &status, 0);
-        _exit(status == 0 && process_bits_of(generate()) == (getpid() & 0xFFFF) ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(status, 0);
+    in_child([] {
+        in_child([] { EXPECT_EQ(process_bits_of(generate()), getpid() & 0xFFFF); });
+        EXPECT_EQ(process_bits_of(generate()), getpid() & 0xFFFF);
+    });
 }
 
 }  // namespace
