@@ -127,6 +127,7 @@ TEST_F(CredentialsFiles, WithImpossibleNamesCannotBeOpened)
     }
     expect_not_read("open", path + "/", ENOTDIR);
     expect_not_written(sample(), "open", path + "/", ENOTDIR);
+    expect_not_written(sample(), "open", dir / "new/", EISDIR);
     EXPECT_EQ(dir.names(), names_t{"credentials"});
 }
 
@@ -230,7 +231,7 @@ TEST_F(CredentialsFiles, ThatAreNewAreTheOwnersAlone)
 TEST_F(CredentialsFiles, ThatAreReplacedKeepTheirModeAndOwner)
 {
     const bool allowed = without_privileges([&] {
-        for (const mode_t mode : {0600u, 0640u, 0666u, 0200u, 0755u}) {
+        for (const mode_t mode : {0600u, 0640u, 0666u, 0200u, 0755u, 01600u}) {
             set_content(path, "old");
             chmod(path.c_str(), mode);
             const struct stat before = status_of(path);
@@ -377,6 +378,20 @@ TEST_F(CredentialsFiles, InADirectoryThatIsNotOursAreWrittenInPlace)
     without_privileges([&] { sample().write_to_file(path); });
     EXPECT_EQ(content_of(path), content);
     EXPECT_EQ(status_of(path).st_ino, file);
+}
+
+// Whoever may do anything could give another file to the same owner; it still would be another
+// file.
+TEST_F(CredentialsFiles, OfOthersAreWrittenInPlaceByTheSuperuserToo)
+{
+    set_content(path, std::string(100000, 'x'));
+    if (geteuid() != 0 || chown(path.c_str(), 65534, 65534) != 0)
+        GTEST_SKIP() << "cannot give a file to another user";
+    const struct stat before = status_of(path);
+    sample().write_to_file(path);
+    EXPECT_EQ(content_of(path), content);
+    EXPECT_EQ(status_of(path).st_ino, before.st_ino);
+    EXPECT_EQ(status_of(path).st_uid, 65534u);
 }
 
 // A group of which its owner is no member cannot be given to another file.

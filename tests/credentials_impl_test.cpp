@@ -19,6 +19,8 @@
 #include <fcntl.h>
 #include <new>
 #include <optional>
+#include <pthread.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace Kvl;
@@ -232,6 +234,7 @@ INSTANTIATE_TEST_SUITE_P(Replacing, CredentialsSteps,
                              {"rename", 1, EBUSY, ""},  // in place
                              {"rename", 1, EPERM, ""},
                              {"rename", 1, EACCES, ""},
+                             {"rename", 1, EXDEV, ""},
                              {"rename", 1, ENOSPC, "close"},
                              {"rename", 1, EIO, "close"},
                              {"rename", 1, ENOENT, "close"},
@@ -408,6 +411,7 @@ TEST_F(CredentialsCalls, OpenEverythingCloseOnExec)
     sys_calls.open = [](const char* name, int flags, mode_t mode) {
         ++opens;
         EXPECT_EQ(flags & O_CLOEXEC, O_CLOEXEC) << name;
+        EXPECT_EQ(flags & O_NOCTTY, O_NOCTTY) << name;
         return real_calls.open(name, flags, mode);
     };
     credentials.write_to_file(path);  // a new one
@@ -463,6 +467,42 @@ TEST_F(CredentialsCalls, ThroughALinkToNowhereFailWithTheirMessage)
     EXPECT_EQ(write_with({"open", 2, EMFILE}), file_failure("open", path, EMFILE));
     EXPECT_EQ(write_with({"open", 2, EINTR}), "");
     EXPECT_TRUE(content_of(dir / "other") == new_content);
+}
+
+// What is not known to be a new name may be such a link.
+TEST_F(CredentialsCalls, ThatCannotTellALinkToNowhereDoNotReplaceIt)
+{
+    const std::string other = dir / "other";
+    ASSERT_EQ(symlink("other", path.c_str()), 0);
+    EXPECT_EQ(write_with({"lstat", 1, EIO}), "");
+    EXPECT_TRUE(content_of(other) == new_content);
+    EXPECT_EQ(dir.names(), (names_t{"credentials", "other"}));
+}
+
+// ---- cancellation ----
+
+// A request to end the thread, met while the new file is made, waits until somebody removes it.
+TEST_F(CredentialsCalls, CancelledLeaveTheOldAndNothingElse)
+{
+    make_old();
+    const auto descriptors = open_descriptors();
+    const failing_calls on({});
+    sys_calls.mkostemp = [](char* name, int flags) {
+        const int descriptor = real_calls.mkostemp(name, flags);
+        pthread_cancel(pthread_self());
+        pthread_testcancel();
+        return descriptor;
+    };
+    bool was_cancelled = true;
+    std::thread writer([&] {
+        credentials.write_to_file(path);
+        was_cancelled = false;
+    });
+    writer.join();
+    EXPECT_TRUE(was_cancelled);
+    EXPECT_EQ(content_of(path), old_content);
+    EXPECT_EQ(dir.names(), names_t{"credentials"});
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 // ---- reading ----
