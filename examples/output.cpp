@@ -26,10 +26,11 @@ constexpr unsigned int ANSWERS = 1;  // the id of their file among the temporary
 
 // A file can only be renamed within its file system, so the temporary directory is the one that the
 // answers go to. This program has no other temporary files. Another directory would be taken
-// silently in place of one that cannot be written.
+// silently in place of one that cannot be written. The dot stands for the root, which would be
+// empty without its "/".
 UString temporary_beside(const fs::path& path)
 {
-    const fs::path directory = path.has_parent_path() ? path.parent_path() : ".";
+    const fs::path directory = path.parent_path() / ".";
     if (access(directory.c_str(), W_OK) != 0 || setenv("TMP", directory.c_str(), 1) != 0)
         fail();
     return Fileutl::create_tmp_file(ANSWERS);
@@ -58,10 +59,10 @@ void sync(const std::string& path)
     close(descriptor);
 }
 
+// A link to a file that is not there yet would itself be replaced.
 bool is_replaceable(const fs::path& path)
 {
-    const fs::file_type type = fs::status(path).type();
-    return type == fs::file_type::regular || type == fs::file_type::not_found;
+    return fs::is_regular_file(path) || !fs::exists(fs::symlink_status(path));
 }
 
 }  // namespace

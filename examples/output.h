@@ -33,7 +33,7 @@ private:
 };
 
 /// Where the answers go: standard output, or a file that is replaced at the end. What is no regular
-/// file (a device, a pipe) is written where it is.
+/// file (a device, a pipe, a link to nothing) is written where it is.
 class Output {
 public:
     /// @param path  the file; standard output without one
