@@ -133,6 +133,7 @@ TEST(XmlTagInterface, HasItsFixedNumbers)
     EXPECT_EQ(XmlTag::NUM_WK_NAMESPACES, 21);
     EXPECT_TRUE(XmlTag::EMPTY_NS_PREFIX.empty());
     static_assert(std::is_same_v<XmlTag::Id, int> && std::is_same_v<XmlTag::NsId, int>);
+    static_assert(XmlTag::Format{-1} < 0);  // any int is a value of it
     static_assert(std::is_nothrow_move_constructible_v<XmlTag>);
     static_assert(std::is_nothrow_move_assignable_v<XmlTag>);
 }

@@ -34,7 +34,7 @@ public:
     typedef int NsId;  ///< -1 none, 0 to 20 fixed, 21 and up in order of creation
 
     /// The three text forms of format().
-    enum Format {
+    enum Format : int {
         START_TAG = 0,  ///< `<A:acl-entry>`
         END_TAG = 1,    ///< `</A:acl-entry>`
         EMPTY_TAG = 2   ///< `<A:acl-entry/>`
