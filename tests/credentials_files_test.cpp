@@ -630,6 +630,7 @@ TEST_F(CredentialsFiles, StringsAreReadAlthoughSignalsArrive)
             const interruptions on;
             EXPECT_EQ(Credentials::read_string("pipe", file), ustr(text));
         }
+        EXPECT_EQ(std::ferror(file.get()), 0);
         EXPECT_GT(alarms, 10);
         waitpid(writer, nullptr, 0);
         return 0;

@@ -505,6 +505,29 @@ TEST_F(CredentialsCalls, CancelledLeaveTheOldAndNothingElse)
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
+// No close is a place to end the thread at: it stands in destructors, which may not throw.
+TEST_F(CredentialsCalls, CancelledOnceEverythingIsOnTheDiskHaveReplacedTheOld)
+{
+    const auto descriptors = open_descriptors();
+    for (const int nth : {1, 2}) {  // the file, the directory
+        make_old();
+        static int syncs_left;
+        syncs_left = nth;
+        const failing_calls on({});
+        sys_calls.fsync = [](int) {
+            if (--syncs_left == 0)
+                pthread_cancel(pthread_self());
+            return 0;
+        };
+        std::thread writer([&] { credentials.write_to_file(path); });
+        writer.join();
+        EXPECT_EQ(syncs_left, 0);
+        EXPECT_TRUE(content_of(path) == new_content);
+        EXPECT_EQ(dir.names(), names_t{"credentials"});
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
+}
+
 // ---- reading ----
 
 TEST_F(CredentialsCalls, FailingReadsAreReported)

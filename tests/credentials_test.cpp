@@ -409,6 +409,19 @@ TEST_F(CredentialsFile, StringsCannotBeReadFromAStreamForWriting)
                                      file_failure("read", path, "Bad file descriptor"));
 }
 
+// As when the handler of a signal changes it.
+TEST_F(CredentialsFile, StringsEndWithTheirStreamWhateverElseErrnoSays)
+{
+    cookie_io_functions_t functions = {};
+    functions.read = [](void*, char*, std::size_t) -> ssize_t {
+        errno = EINTR;
+        return 0;
+    };
+    UtlFileIoPtr file(fopencookie(nullptr, "r", functions));
+    expect_failure<RuntimeException>([&] { Credentials::read_string(path, file); },
+                                     file_failure("read", path, "Interrupted system call"));
+}
+
 // ---- the holder of a stream ----
 
 bool is_open(int descriptor)
@@ -505,6 +518,22 @@ TEST_F(CredentialsFile, WithoutMemoryWhatWasReadBeforeStays)
     }
     EXPECT_TRUE(states.front().user.is_nobody());
     EXPECT_EQ(states.back().text3, whole.text3);
+}
+
+TEST_F(CredentialsFile, WithoutMemoryForItsGroupsHasNone)
+{
+    set_content(path, "\x06\x00"s);
+    Credentials credentials = old_credentials();
+    const auto read = [&] {
+        try {
+            credentials.read_from_file(path, false);
+        } catch (const RuntimeException&) {
+        }
+    };
+    const int faults =
+        for_each_memory_fault(read, [&] { EXPECT_TRUE(credentials.groups.empty()); });
+    EXPECT_GE(faults, 1);
+    EXPECT_EQ(credentials.user, old_credentials().user);
 }
 
 TEST_F(CredentialsFile, WithoutMemoryFailuresAreBadAlloc)
