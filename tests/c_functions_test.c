@@ -1,7 +1,10 @@
 /* The C interface from C: every header for C is valid C99, and every function links and works. */
+#include <kvutil/arm4.h>
 #include <kvutil/sysutl_ieee_hostid.h>
 #include <kvutil/tbs_uuid_gen.h>
 #include <kvutil/tbs_version_id.h>
+
+#include "support/arm4_layout.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -65,11 +68,29 @@ static void check_version_line(void)
     expect(libkvutil_print_verid() == count, "the same line is printed");
 }
 
+/* A run-time in C is written with these types. */
+static arm_error_t give_arrival_time(arm_arrival_time_t* opaque_time)
+{
+    *opaque_time = 7;
+    return 0;
+}
+
+static void check_arm_types(void)
+{
+    arm_get_arrival_time_function_t* const function = give_arrival_time;
+    arm_subbuffer_arrival_time_t record = {{ARM_SUBBUFFER_ARRIVAL_TIME}, 0};
+    arm_subbuffer_t* array[] = {ARM_SB(record)};
+    const arm_buffer4_t buffer = {1, array};
+    expect(function(&record.opaque_time) == 0 && record.opaque_time == 7, "the time is given");
+    expect(buffer.subbuffer_array[0]->format == 4, "the buffer holds the record");
+}
+
 int main(void)
 {
     check_uuids();
     check_host_id();
     check_random_bytes();
     check_version_line();
+    check_arm_types();
     return failures == 0 ? 0 : 1;
 }

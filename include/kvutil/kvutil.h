@@ -4,6 +4,8 @@
 /// @file
 /// The whole public interface, every header of the library.
 
+#include <kvutil/arm.h>
+#include <kvutil/arm4.h>
 #include <kvutil/credentials.h>
 #include <kvutil/critsec.h>
 #include <kvutil/critsec_lock.h>

@@ -1,0 +1,488 @@
+#ifndef KVUTIL_ARM_H
+#define KVUTIL_ARM_H
+
+#include <kvutil/arm4.h>
+#include <kvutil/export.h>
+#include <kvutil/ustring.h>
+
+#include <map>
+#include <pthread.h>
+#include <vector>
+
+namespace Kvl {
+
+class ArmBuffer;
+struct ArmBufferImpl;  // private to the library
+
+/// Gathers what tells an application from others of its name: identity properties, which are fixed,
+/// and the names of context properties, which get their values later.
+///
+/// Deliberate: 19 properties of both kinds together fill it, fewer than the standard's 20 of each.
+///
+/// An operation that throws leaves the object as it was. A moved-from object is empty.
+/// @par Thread-safety
+/// Distinct objects may be used at once; one may be read by many threads.
+/// @see ARM 4.0 C Binding, sub-buffer formats 102 and 104
+class KVUTIL_EXPORT ArmAppIdentyBuffer {
+public:
+    /// Context names, each with its index: the place of its text among all texts that were added,
+    /// of which a context name is one and an identity property two, its name and its value.
+    typedef std::map<UString, int> ctx_index_map_t;
+
+    /// Without properties. Never throws.
+    ArmAppIdentyBuffer() noexcept;
+    ArmAppIdentyBuffer(const ArmAppIdentyBuffer& o);
+    ArmAppIdentyBuffer(ArmAppIdentyBuffer&& o) noexcept;
+    ~ArmAppIdentyBuffer();
+    ArmAppIdentyBuffer& operator=(const ArmAppIdentyBuffer& o);
+    ArmAppIdentyBuffer& operator=(ArmAppIdentyBuffer&& o) noexcept;
+
+    /// Adds an identity property. Nothing looks for another one of its name.
+    /// @param name   zero-terminated; null is the empty text
+    /// @param value  zero-terminated; null is the empty text
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: the buffer is full
+    /// @throws std::bad_alloc  no memory for the texts
+    void add_identity_prop(const unsigned short* name, const unsigned short* value);
+    /// @copydoc add_identity_prop(const unsigned short*, const unsigned short*)
+    void add_identity_prop(const char16_t* name, const char16_t* value);
+
+    /// Adds the name of a context property. A name that is added again is listed again, but a value
+    /// for it belongs to where it was added first.
+    /// @param name  any text
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: the buffer is full
+    /// @throws std::bad_alloc  no memory for the name
+    void add_context_prop(const UString& name);
+
+    /// The context names, each once. Never throws.
+    /// @return  a reference that lives as long as this object and follows its changes
+    const ctx_index_map_t& ctx_indicies() const noexcept { return ctx_indicies_; }
+
+    /// The check that each addition makes first.
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 19 properties,
+    ///                         context names counted
+    /// @throws std::bad_alloc  no memory for the failure
+    void check_max_num_properties() const;
+
+private:
+    friend class ArmAppContextBuffer;
+    friend class ArmTransIdentyBuffer;
+    friend struct ArmBufferImpl;
+
+    std::vector<UString> strings_;
+    std::vector<int> property_names_;
+    std::vector<int> property_values_;
+    std::vector<int> context_names_;
+    ctx_index_map_t ctx_indicies_;
+    UString uri_;
+};
+
+/// The same for a transaction, which may have a URI too.
+/// @par Thread-safety
+/// As ArmAppIdentyBuffer.
+/// @see ARM 4.0 C Binding, sub-buffer format 104
+class KVUTIL_EXPORT ArmTransIdentyBuffer : public ArmAppIdentyBuffer {
+public:
+    /// Without properties and URI. Never throws.
+    ArmTransIdentyBuffer() noexcept;
+
+    /// @param uri  replaces the one before; empty means that there is none
+    /// @throws std::bad_alloc  no memory for the copy; the old one stays
+    void set_uri(const UString& uri);
+};
+
+/// Gathers values for the context names of an identity buffer. It has a copy of the names, so it
+/// is made before the identity buffer is consumed, and may outlive it.
+///
+/// An operation that throws leaves the object as it was. A moved-from object has no names.
+/// @par Thread-safety
+/// Distinct objects may be used at once; one may be read by many threads.
+/// @see ARM 4.0 C Binding, sub-buffer formats 103 and 105
+class KVUTIL_EXPORT ArmAppContextBuffer {
+public:
+    /// Values go to where `names` has their names, in the order of the indexes.
+    ///
+    /// Deliberate: a name that the identity buffer lists twice is one name here. Where that may be,
+    /// the constructor that takes the buffer itself leaves room for both.
+    /// @param names  of an identity buffer; copied
+    /// @throws std::bad_alloc  no memory for the copy
+    explicit ArmAppContextBuffer(const ArmAppIdentyBuffer::ctx_index_map_t& names);
+
+    /// Values go to where `identity` lists their names.
+    /// @param identity  its names are copied
+    /// @throws std::bad_alloc  no memory for the copy
+    explicit ArmAppContextBuffer(const ArmAppIdentyBuffer& identity);
+
+    ArmAppContextBuffer(const ArmAppContextBuffer& o);
+    ArmAppContextBuffer(ArmAppContextBuffer&& o) noexcept;
+    ~ArmAppContextBuffer();
+    ArmAppContextBuffer& operator=(const ArmAppContextBuffer& o);
+    ArmAppContextBuffer& operator=(ArmAppContextBuffer&& o) noexcept;
+
+    /// Sets the value of a context property. The last one set counts.
+    /// @param name   one of the names, unit by unit
+    /// @param value  any text
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there is no such name
+    /// @throws std::bad_alloc  no memory for the value
+    void add_ctx_prop(const UString& name, const UString& value);
+
+private:
+    friend struct ArmBufferImpl;
+
+    ArmAppIdentyBuffer::ctx_index_map_t names_;
+    std::vector<int> listed_;  // the index of each name in the record, in its order
+    std::map<int, UString> values_;
+};
+
+/// The same for a transaction.
+/// @par Thread-safety
+/// As ArmAppContextBuffer.
+/// @see ARM 4.0 C Binding, sub-buffer format 105
+class KVUTIL_EXPORT ArmTransContextBuffer : public ArmAppContextBuffer {
+public:
+    using ArmAppContextBuffer::ArmAppContextBuffer;
+};
+
+/// Gathers values of metrics: numbers for the slots 0 to 5, a text for slot 6. How many there are,
+/// and whether a slot is used twice, is not looked at.
+///
+/// An operation that throws leaves the object as it was. A moved-from object is empty.
+/// @par Thread-safety
+/// Distinct objects may be used at once; one may be read by many threads.
+/// @see ARM 4.0 C Binding, sub-buffer format 5
+class KVUTIL_EXPORT ArmMetricValuesBuffer {
+public:
+    /// One value.
+    struct value_t {
+        unsigned char slot;    ///< 0 to 6
+        unsigned char format;  ///< ARM_METRIC_FORMAT_...
+        short usage;           ///< ARM_METRIC_USE_..., or negative
+        bool valid;            ///< false: to be disregarded
+        /// The value, as `format` says; nothing for a text.
+        union {
+            int i32;
+            long long i64;
+            arm_metric_cntrdivr32 cntrdivr32;
+            arm_metric_gaugedivr32 gaugedivr32;
+        } value;
+    };
+
+    /// Without values. Never throws.
+    ArmMetricValuesBuffer() noexcept;
+    ArmMetricValuesBuffer(const ArmMetricValuesBuffer& o);
+    ArmMetricValuesBuffer(ArmMetricValuesBuffer&& o) noexcept;
+    ~ArmMetricValuesBuffer();
+    ArmMetricValuesBuffer& operator=(const ArmMetricValuesBuffer& o);
+    ArmMetricValuesBuffer& operator=(ArmMetricValuesBuffer&& o) noexcept;
+
+    /// The string metric, in slot 6 and format 10. There is one: a second takes the place of the
+    /// first.
+    /// @param usage  ARM_METRIC_USE_..., or negative
+    /// @param valid  false: to be disregarded
+    /// @param text   the value; the standard allows 31 characters, which is not checked
+    /// @throws std::bad_alloc  no memory for the text
+    void add_value(short usage, bool valid, const UString& text);
+
+    /// A gauge with its divisor, in format 6.
+    /// @param slot   0 to 5
+    /// @param usage  ARM_METRIC_USE_..., or negative
+    /// @param valid  false: to be disregarded
+    /// @param v      the value
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: `slot` is above 5
+    /// @throws std::bad_alloc  no memory for the value
+    void add_value(unsigned char slot, short usage, bool valid, arm_metric_gaugedivr32 v);
+    /// The same for a counter with its divisor, in format 3.
+    /// @param slot   0 to 5
+    /// @param usage  ARM_METRIC_USE_..., or negative
+    /// @param valid  false: to be disregarded
+    /// @param v      the value
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: `slot` is above 5
+    /// @throws std::bad_alloc  no memory for the value
+    void add_value(unsigned char slot, short usage, bool valid, arm_metric_cntrdivr32 v);
+
+    /// A number, of the format that is given. A 32-bit format takes the low 32 bits.
+    /// @param slot    0 to 5
+    /// @param format  ARM_METRIC_FORMAT_...; not checked. With the format of a text the text of
+    ///                this buffer stands in place of the number
+    /// @param usage   ARM_METRIC_USE_..., or negative
+    /// @param valid   false: to be disregarded
+    /// @param v       the value
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: `slot` is above 5
+    /// @throws std::bad_alloc  no memory for the value
+    void add_value(unsigned char slot, unsigned char format, short usage, bool valid, long long v);
+    /// @copydoc add_value(unsigned char, unsigned char, short, bool, long long)
+    void add_value(unsigned char slot, unsigned char format, short usage, bool valid, long v);
+    /// @copydoc add_value(unsigned char, unsigned char, short, bool, long long)
+    void add_value(unsigned char slot, unsigned char format, short usage, bool valid, int v);
+
+    /// The check that the addition of a number makes first.
+    /// @param slot  0 to 5
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: `slot` is above 5
+    /// @throws std::bad_alloc  no memory for the failure
+    void check_non_string_slot(unsigned char slot) const;
+
+private:
+    friend struct ArmBufferImpl;
+
+    std::vector<value_t> values_;
+    UString string_value_;
+};
+
+/// Gathers which registered metrics the slots of a transaction are for. How many there are, and
+/// whether a slot is used twice, is not looked at.
+///
+/// An operation that throws leaves the object as it was.
+/// @par Thread-safety
+/// Distinct objects may be used at once; one may be read by many threads.
+/// @see ARM 4.0 C Binding, sub-buffer format 106
+class KVUTIL_EXPORT ArmMetricBindingsBuffer {
+public:
+    /// @param slot       0 to 6; not checked
+    /// @param metric_id  as the registration of the metric gave it
+    /// @throws std::bad_alloc  no memory for the binding
+    void add_binding(unsigned char slot, arm_id metric_id);
+
+private:
+    friend struct ArmBufferImpl;
+
+    std::vector<arm_metric_binding> bindings_;
+};
+
+/// The buffer that ARM calls take: up to four sub-buffers, each a record of the standard, with
+/// texts in UTF-8.
+///
+/// A text ends at its first U+0000, and one with an unpaired surrogate becomes empty, see
+/// UString::utf8_str(). Texts are kept in a pool, each distinct one once: in that of the process,
+/// or in that of the buffer, which looks in the former first.
+///
+/// An addition that throws leaves this buffer's records and the collector as they were; texts that
+/// were pooled by then stay so.
+/// @par Thread-safety
+/// Distinct objects may be used at once, also when they share the process's pool. One may be read
+/// by many threads.
+/// @see ARM 4.0 C Binding, arm_buffer4_t
+class KVUTIL_EXPORT ArmBuffer {
+public:
+    /// Texts, each with its C string, which new[] has made.
+    typedef std::map<UString, const char*> str_pool_t;
+
+    /// Without sub-buffers. Never throws.
+    /// @param use_global_pool  true: texts go to g_str_pool and stay as long as the process lives;
+    ///                         false: they go with the buffer, or with clear()
+    explicit ArmBuffer(bool use_global_pool = false) noexcept;
+    /// As clear().
+    ~ArmBuffer();
+    ArmBuffer(const ArmBuffer&) = delete;
+    ArmBuffer& operator=(const ArmBuffer&) = delete;
+
+    /// Frees the sub-buffers and the texts of the buffer's own pool. Copies of `*buffer4()` that
+    /// were made before must not be used any more. Never throws.
+    void clear() noexcept;
+
+    /// Adds what `b` has gathered, as sub-buffer 102, and empties `b`.
+    /// @param b  may have no properties
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record or its texts
+    void add_buffer(ArmAppIdentyBuffer& b);
+    /// Adds what `b` has gathered, as sub-buffer 104, and empties `b`, of its URI too.
+    /// @param b  may have no properties; without a URI the record's is null
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record or its texts
+    void add_buffer(ArmTransIdentyBuffer& b);
+
+    /// Adds a value for each context name, null for one without, as sub-buffer 103. `b` loses the
+    /// values and keeps the names.
+    /// @param b  may have no names
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record or its texts
+    void add_buffer(ArmAppContextBuffer& b);
+    /// The same as sub-buffer 105, whose URI is null.
+    /// @param b  may have no names
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record or its texts
+    void add_buffer(ArmTransContextBuffer& b);
+
+    /// Adds the values, as sub-buffer 5, and empties `b`.
+    /// @param b  may have no values
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record or its texts
+    void add_buffer(ArmMetricValuesBuffer& b);
+
+    /// Adds the bindings, as sub-buffer 106, and empties `b`.
+    /// @param b  may have no bindings
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record
+    void add_buffer(ArmMetricBindingsBuffer& b);
+
+    /// Adds an arrival time, as sub-buffer 4.
+    /// @param arrival_time  as ArmApplication::get_arrival_time() gave it
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record
+    void add_buffer(const long long& arrival_time);
+
+    /// Declares UTF-8 as the character set, as sub-buffer 107. A refusal names
+    /// "add_charset_buffer".
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record
+    void add_buffer();
+
+    /// Adds why a transaction did not end well, as sub-buffer 7.
+    /// @param detail  the standard allows 4095 characters, which is not checked
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record or the text
+    void add_buffer(const UString& detail);
+
+    /// Adds on whose behalf a transaction runs, as sub-buffer 3.
+    /// @param user      the name
+    /// @param id_valid  whether the run-time is to use `id`
+    /// @param id        copied in either case
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record or the text
+    void add_buffer(const UString& user, bool id_valid, arm_id& id);
+
+    /// Adds where reported transactions ran, as sub-buffer 6.
+    /// @param address_format  ARM_SYSADDR_FORMAT_..., or negative; not checked
+    /// @param address_length  bytes of `address`; 0 or less means the local system, and the record
+    ///                        then says 0
+    /// @param address         copied; null means the local system too
+    /// @param id_valid        whether the run-time is to use `id`
+    /// @param id              copied in either case
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the record
+    void add_buffer(short address_format, short address_length, const unsigned char* address,
+                    bool id_valid, arm_id& id);
+
+    /// The C string of a text. It is made by the first call and kept in `map`, unless `map` is
+    /// another than g_str_pool and the latter has the text already.
+    /// @param text  any; a bogus one counts as the empty one
+    /// @param map   g_str_pool, which any number of threads may name at once, or a map of the
+    ///              caller's, who then frees with delete[] what it was given
+    /// @return      in UTF-8; as long as its pool keeps it, which g_str_pool does for good
+    /// @throws std::bad_alloc  no memory for the string; the pool is unchanged
+    static const char* pool_string(const UString& text, str_pool_t& map);
+    /// The C string of a text in the pool that a buffer was made with.
+    /// @param buffer  null means g_str_pool
+    /// @param text    any; a bogus one counts as the empty one
+    /// @return        in UTF-8; as long as its pool keeps it
+    /// @throws std::bad_alloc  no memory for the string; the pool is unchanged
+    static const char* pool_string(ArmBuffer* buffer, const UString& text);
+
+    /// The check that each addition makes first.
+    /// @param function_name  whom a refusal names
+    /// @throws STPException    PLXSV0670E, reason 40, logged as an error: there are 4 sub-buffers
+    /// @throws std::bad_alloc  no memory for the failure
+    void check_buff_length(const UString& function_name) const;
+
+    /// @return  the number of sub-buffers, 0 to 4. Never throws.
+    int count() const noexcept { return buffer4_.count; }
+
+    /// What ARM calls take. Copies of it refer to the same sub-buffers. Never throws.
+    /// @return  never null; lives as long as this object and follows its changes
+    const arm_buffer4* buffer4() const noexcept { return &buffer4_; }
+
+    /// The texts that live as long as the process. Usable until the process ends. For reading,
+    /// while no other thread pools a text.
+    static str_pool_t g_str_pool;
+
+private:
+    friend struct ArmBufferImpl;
+
+    static constexpr int MAX_SUBBUFFERS = 4;
+
+    bool use_global_pool_;
+    arm_buffer4 buffer4_;
+    arm_subbuffer* subbuffers_[MAX_SUBBUFFERS];
+    str_pool_t str_pool_;
+};
+
+// Deliberate: the destructor is not virtual. Registrars are static objects, not deleted by a base.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+/// An operation to be measured, known to ARM under its name once the application registers.
+class KVUTIL_EXPORT OperationRegistrar {
+public:
+    explicit OperationRegistrar(const UString& name);
+    ~OperationRegistrar();
+    OperationRegistrar(const OperationRegistrar&) = delete;
+    OperationRegistrar& operator=(const OperationRegistrar&) = delete;
+
+    virtual void user_data(ArmBuffer& buffer) const;
+
+    const UString& name() const;
+    const arm_id& tran_id() const;
+
+private:
+    friend class ArmApplication;
+
+    UString name_;
+    arm_id tran_id_;
+};
+
+#pragma GCC diagnostic pop
+
+/// Whether ARM measures.
+enum arm_level_t : int { ARM_LEVEL_OFF = 0, ARM_LEVEL_ON = 1 };
+
+/// The ARM run-time, loaded when the application registers.
+class KVUTIL_EXPORT ArmRuntimeLoader {
+public:
+    static int load_runtime();
+
+    static void* g_arm4_handle;
+    static decltype(&::arm_register_application) g_fnc_arm_register_application;
+    static decltype(&::arm_start_application) g_fnc_arm_start_application;
+    static decltype(&::arm_start_transaction) g_fnc_arm_start_transaction;
+    static decltype(&::arm_stop_transaction) g_fnc_arm_stop_transaction;
+    static decltype(&::arm_register_transaction) g_fnc_arm_register_transaction;
+    static decltype(&::arm_get_error_message) g_fnc_arm_get_error_message;
+    static decltype(&::arm_get_arrival_time) g_fnc_arm_get_arrival_time;
+};
+
+/// The application as ARM knows it.
+class KVUTIL_EXPORT ArmApplication {
+public:
+    typedef Kvl::arm_level_t arm_level_t;
+    typedef Kvl::OperationRegistrar OperationRegistrar;
+    typedef Kvl::ArmRuntimeLoader ArmRuntimeLoader;
+
+    struct global_data_t {
+        pthread_key_t key;
+        static void delete_stack(void* stack);
+    };
+
+    static int register_application(arm_level_t level, const UString& name,
+                                    const ArmBuffer* buffer);
+    static int start_application(const ArmBuffer* buffer, const UString& group,
+                                 const UString& instance);
+    static int register_transaction(const char* name, int flags, const arm_buffer4* buffer,
+                                    arm_id* out);
+    static int get_error_message(int charset, int code, char* text);
+    static int get_arrival_time(long long* time);
+
+    static arm_level_t g_level;
+    static arm_id g_app_id;
+    static arm_app_start_handle_t g_app_handle;
+    static std::vector<OperationRegistrar*>* g_registrars;
+    static global_data_t g_global_data;
+};
+
+/// The measured operations that the calling thread has started and not yet stopped.
+class KVUTIL_EXPORT ArmPerThreadOperationStack {
+public:
+    struct stack_entry_t {
+        arm_tran_start_handle_t handle;
+        arm_correlator correlator;
+        stack_entry_t* next;
+    };
+
+    static arm_correlator* get_base_correlator();
+    static int start_transaction(const arm_id& tran_id, const ArmBuffer* buffer, bool local);
+    static int stop_transaction(int status, const ArmBuffer* buffer);
+    static arm_tran_start_handle_t current_local_operation();
+    static const arm_correlator* current_local_correlator();
+    static bool doing_local_operation();
+};
+
+}  // namespace Kvl
+
+#endif
