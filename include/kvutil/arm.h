@@ -68,6 +68,8 @@ private:
     friend class ArmTransIdentyBuffer;
     friend struct ArmBufferImpl;
 
+    void append_identity_prop(UString&& name, UString&& value);
+
     std::vector<UString> strings_;
     std::vector<int> property_names_;
     std::vector<int> property_values_;

@@ -1,6 +1,7 @@
 // Every object of the library that runs code at load or unload, and nothing else.
 // Reading order is construction order; unload runs it backwards.
 
+#include "arm_buffer_impl.h"
 #include "critsec_lock_impl.h"
 #include "davtime_impl.h"
 #include "fileutl_impl.h"
@@ -78,5 +79,12 @@ const CriticalSectionLock FileutlImpl::change_lock(tmp_table_change_mutex);
 // DAV time.
 static constinit CriticalSectionImpl::immortal_mutex_t clib_mutex;
 const CriticalSectionLock DavTimeImpl::clib_lock(clib_mutex);
+
+// ARM: the pool of texts.
+constinit undying_t<ArmBuffer::str_pool_t> ArmImpl::str_pool;
+[[maybe_unused]] static const void* const str_pool_is_made =
+    std::construct_at(&ArmImpl::str_pool.value);
+static constinit CriticalSectionImpl::immortal_mutex_t str_pool_mutex;
+const CriticalSectionLock ArmImpl::str_pool_lock(str_pool_mutex);
 
 }  // namespace Kvl

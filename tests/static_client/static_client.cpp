@@ -105,6 +105,15 @@ void ask_temporary_files(answers_t& answers)
     answers["temporary file deleted"] = said(Fileutl::g_tmp_table.empty());
 }
 
+void ask_arm_texts(answers_t& answers)
+{
+    const char* const pooled = ArmBuffer::pool_string(nullptr, u"pooled");
+    answers["ARM text"] = pooled;
+    ArmBuffer buffer;
+    answers["ARM text shared"] = said(ArmBuffer::pool_string(&buffer, u"pooled") == pooled);
+    answers["ARM text found"] = said(ArmBuffer::g_str_pool.at(u"pooled") == pooled);
+}
+
 void ask_failures(answers_t& answers)
 {
     try {
@@ -146,6 +155,7 @@ answers_t ask_every_table()
     ask_selectors(answers);
     ask_temporary_files(answers);
     ask_times(answers);
+    ask_arm_texts(answers);
     ask_failures(answers);
     return answers;
 }
