@@ -30,7 +30,7 @@ function starts_declaration() {
     next
 }
 
-/^ *$/ || /^ *#/ || /^ *(public|protected|private):/ {
+/^ *$/ || (/^ *#/ && !/^ *#define /) || /^ *(public|protected|private):/ {
     in_comment = open = in_body = 0
     covered = in_group
     print
@@ -51,7 +51,7 @@ function starts_declaration() {
     }
     code = $0
     sub(/ *\/\/.*/, "", code)
-    open = code !~ /[;}]$/
+    open = code !~ /[;}]$/ && code !~ /^ *#/
     if (code ~ /{$/)
         in_body = 1
     else if (code ~ /^ *}/)

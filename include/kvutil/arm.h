@@ -31,6 +31,8 @@ public:
 
     /// Without properties. Never throws.
     ArmAppIdentyBuffer() noexcept;
+
+    /// A copy is on its own.
     ArmAppIdentyBuffer(const ArmAppIdentyBuffer& o);
     ArmAppIdentyBuffer(ArmAppIdentyBuffer&& o) noexcept;
     ~ArmAppIdentyBuffer();
@@ -114,6 +116,7 @@ public:
     /// @throws std::bad_alloc  no memory for the copy
     explicit ArmAppContextBuffer(const ArmAppIdentyBuffer& identity);
 
+    /// A copy is on its own.
     ArmAppContextBuffer(const ArmAppContextBuffer& o);
     ArmAppContextBuffer(ArmAppContextBuffer&& o) noexcept;
     ~ArmAppContextBuffer();
@@ -170,6 +173,8 @@ public:
 
     /// Without values. Never throws.
     ArmMetricValuesBuffer() noexcept;
+
+    /// A copy is on its own.
     ArmMetricValuesBuffer(const ArmMetricValuesBuffer& o);
     ArmMetricValuesBuffer(ArmMetricValuesBuffer&& o) noexcept;
     ~ArmMetricValuesBuffer();
