@@ -405,18 +405,46 @@ private:
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-/// An operation to be measured, known to ARM under its name once the application registers.
+// A registrar is never deleted through its base class: it is a static object.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+/// An operation to be measured. One object for each, constructed before the application registers,
+/// usually a static one. ArmApplication::register_application() then makes the operation known to
+/// ARM and keeps the identifier here, with which ArmPerThreadOperationStack starts it.
+///
+/// Deliberate: the destructor is not virtual, so derive with `final`.
+/// @par Thread-safety
+/// Registrars may be constructed and destroyed by several threads at once, but not while the
+/// application registers. tran_id() may be read by many threads after that.
 class KVUTIL_EXPORT OperationRegistrar {
 public:
+    /// Enters the operation in ArmApplication::g_registrars.
+    /// @param name  the transaction's name, copied; the standard allows 127 characters, which is
+    ///              not checked
+    /// @throws std::bad_alloc  no memory for the copy or the entry; nothing is entered
     explicit OperationRegistrar(const UString& name);
+
+    /// Takes the operation out of ArmApplication::g_registrars. To ARM it stays known.
     ~OperationRegistrar();
+
     OperationRegistrar(const OperationRegistrar&) = delete;
     OperationRegistrar& operator=(const OperationRegistrar&) = delete;
 
+    /// Called while the application registers, to add what ARM is to know of the operation beside
+    /// its name: an ArmTransIdentyBuffer, an ArmMetricBindingsBuffer. This one adds nothing.
+    ///
+    /// Whatever an override throws ends the registration: see
+    /// ArmApplication::register_application().
+    /// @param buffer  empty; its texts go to ArmBuffer::g_str_pool
     virtual void user_data(ArmBuffer& buffer) const;
 
-    const UString& name() const;
-    const arm_id& tran_id() const;
+    /// @return  the name as given; lives as long as this object. Never throws.
+    const UString& name() const noexcept { return name_; }
+
+    /// @return  what ARM knows the operation by; all zero before it is registered. The reference
+    ///          lives as long as this object. Never throws.
+    const arm_id& tran_id() const noexcept { return tran_id_; }
 
 private:
     friend class ArmApplication;
@@ -427,67 +455,262 @@ private:
 
 #pragma GCC diagnostic pop
 
-/// Whether ARM measures.
-enum arm_level_t : int { ARM_LEVEL_OFF = 0, ARM_LEVEL_ON = 1 };
+/// Whether operations are measured. Other values than these two may be given to
+/// ArmApplication::register_application() and mean what ARM_LEVEL_ON means.
+enum arm_level_t : int {
+    ARM_LEVEL_OFF = 0,  ///< every operation is a load and a branch
+    ARM_LEVEL_ON = 1    ///< operations are measured
+};
 
-/// The ARM run-time, loaded when the application registers.
+/// The ARM run-time, a library that is loaded by its name when the application registers.
+/// @par Thread-safety
+/// For one thread, before measured work begins. After that the members are only read.
+/// @see dlopen(3); ARM 4.0 C Binding
 class KVUTIL_EXPORT ArmRuntimeLoader {
 public:
-    static int load_runtime();
+    /// Loads "libarm4.so" and finds its seven functions. Once it has succeeded it does nothing
+    /// more: the run-time stays loaded. What goes wrong is written to the library's logger, in the
+    /// words of the system's loader; the next call then tries again from the start.
+    ///
+    /// A run-time that lacks one of the functions is closed again. The pointers to those found
+    /// before keep their values; nothing calls them. Never throws.
+    /// @return  0, or ArmApplication::UNAVAILABLE
+    static int load_runtime() noexcept;
 
-    static void* g_arm4_handle;
-    static decltype(&::arm_register_application) g_fnc_arm_register_application;
-    static decltype(&::arm_start_application) g_fnc_arm_start_application;
-    static decltype(&::arm_start_transaction) g_fnc_arm_start_transaction;
-    static decltype(&::arm_stop_transaction) g_fnc_arm_stop_transaction;
-    static decltype(&::arm_register_transaction) g_fnc_arm_register_transaction;
-    static decltype(&::arm_get_error_message) g_fnc_arm_get_error_message;
-    static decltype(&::arm_get_arrival_time) g_fnc_arm_get_arrival_time;
+    static void* g_arm4_handle;  ///< of the loaded run-time; null while there is none
+
+    // The run-time's functions, in the order in which they are looked up.
+    static decltype(&::arm_register_application) g_fnc_arm_register_application;  ///< 1st
+    static decltype(&::arm_start_application) g_fnc_arm_start_application;        ///< 2nd
+    static decltype(&::arm_start_transaction) g_fnc_arm_start_transaction;        ///< 3rd
+    static decltype(&::arm_stop_transaction) g_fnc_arm_stop_transaction;          ///< 4th
+    static decltype(&::arm_register_transaction) g_fnc_arm_register_transaction;  ///< 5th
+    static decltype(&::arm_get_error_message) g_fnc_arm_get_error_message;        ///< 6th
+    static decltype(&::arm_get_arrival_time) g_fnc_arm_get_arrival_time;          ///< 7th
 };
 
-/// The application as ARM knows it.
+/// The process as an application that ARM knows.
+///
+/// Measurement is off until register_application() succeeds, and stays off when there is no
+/// run-time, or when an operation cannot be registered. While it is off nothing is allocated, no
+/// lock is taken and nothing outside the library is called.
+///
+/// Results are codes of ARM: negative means failure, 0 and positive ones mean success. Nothing is
+/// thrown.
+/// @par Thread-safety
+/// register_application() and start_application() are for one thread, once, before measured work
+/// begins. After that the members are only read, and the other operations may be called by any
+/// number of threads.
+/// @see ARM 4.0 C Binding
 class KVUTIL_EXPORT ArmApplication {
 public:
-    typedef Kvl::arm_level_t arm_level_t;
-    typedef Kvl::OperationRegistrar OperationRegistrar;
-    typedef Kvl::ArmRuntimeLoader ArmRuntimeLoader;
+    typedef Kvl::arm_level_t arm_level_t;                ///< the level by its other name
+    typedef Kvl::OperationRegistrar OperationRegistrar;  ///< the class by its other name
+    typedef Kvl::ArmRuntimeLoader ArmRuntimeLoader;      ///< the class by its other name
 
+    /// The code for "measurement is off or not to be had", which is none of ARM's own.
+    static constexpr int UNAVAILABLE = -21000;
+
+    /// What all threads share to find their stacks.
     struct global_data_t {
-        pthread_key_t key;
-        static void delete_stack(void* stack);
+        pthread_key_t
+            key;  ///< a thread's ArmPerThreadOperationStack; valid while measurement is on
+
+        /// The key's destructor: frees the stack of a thread that ends. Operations that were not
+        /// stopped stay so. Never throws.
+        /// @param stack  what the thread had under the key
+        static void delete_stack(void* stack) noexcept;
     };
 
+    /// Loads the run-time, registers the application, turns measurement on, and registers the
+    /// operation of every OperationRegistrar, in the order of their construction.
+    ///
+    /// The first operation that ARM refuses ends that, without a word in the log, and so does
+    /// whatever a registrar's user_data() throws, or memory that runs out, which is logged. Either
+    /// turns measurement off.
+    ///
+    /// Each call that finds a run-time makes a new key for the threads' stacks. A stack made
+    /// before is not found any more; it is freed with its thread.
+    /// @param level   ARM_LEVEL_OFF: nothing is done, and the result is 0
+    /// @param name    of the application; the standard allows 127 characters, which is not checked
+    /// @param buffer  an application identity, a character set; null and an empty one mean none
+    /// @return        the code of the last registration; UNAVAILABLE without a run-time, without a
+    ///                key, and after what is logged. Never throws.
     static int register_application(arm_level_t level, const UString& name,
-                                    const ArmBuffer* buffer);
-    static int start_application(const ArmBuffer* buffer, const UString& group,
-                                 const UString& instance);
-    static int register_transaction(const char* name, int flags, const arm_buffer4* buffer,
-                                    arm_id* out);
-    static int get_error_message(int charset, int code, char* text);
-    static int get_arrival_time(long long* time);
+                                    const ArmBuffer* buffer) noexcept;
 
-    static arm_level_t g_level;
-    static arm_id g_app_id;
-    static arm_app_start_handle_t g_app_handle;
+    /// Tells ARM that an instance of the application begins.
+    /// @param buffer    an application context, a system address; null and an empty one mean none
+    /// @param group     of instances; may be empty
+    /// @param instance  the name of this one; may be empty
+    /// @return          ARM's code; UNAVAILABLE while measurement is off, and when memory runs out,
+    ///                  which is logged. Never throws.
+    static int start_application(const ArmBuffer* buffer, const UString& group,
+                                 const UString& instance) noexcept;
+
+    /// Makes one more kind of transaction known to ARM, one that has no OperationRegistrar.
+    /// @param name    its name, in UTF-8 unless the application has declared another character set
+    /// @param flags   0
+    /// @param buffer  a transaction identity, metric bindings; null means none
+    /// @param out     gets what ARM knows it by
+    /// @return        ARM's code; UNAVAILABLE while measurement is off, and when there is no fresh
+    ///                identifier, which is logged. Never throws.
+    static int register_transaction(const char* name, int flags, const arm_buffer4* buffer,
+                                    arm_id* out) noexcept;
+
+    /// ARM's words for one of its codes.
+    /// @param charset  106 for UTF-8, see ARM_CHARSET_...
+    /// @param code     as ARM returned it
+    /// @param text     gets the words, zero-terminated; ARM_MSG_BUFFER_LENGTH bytes, 766
+    /// @return         ARM's code; UNAVAILABLE while measurement is off. Throws nothing itself; a
+    ///                 cancellation of the thread within the run-time passes.
+    static int get_error_message(int charset, int code, char* text)
+    {
+        return is_on() ? ArmRuntimeLoader::g_fnc_arm_get_error_message(charset, code, text)
+                       : UNAVAILABLE;
+    }
+
+    /// The time as ARM counts it, for ArmBuffer::add_buffer(const long long&).
+    /// @param time  gets it
+    /// @return      ARM's code; UNAVAILABLE while measurement is off. Throws nothing itself; a
+    ///              cancellation of the thread within the run-time passes.
+    static int get_arrival_time(long long* time)
+    {
+        return is_on() ? ArmRuntimeLoader::g_fnc_arm_get_arrival_time(time) : UNAVAILABLE;
+    }
+
+    /// @return  whether operations are measured, for callers who would gather data for nothing.
+    ///          Never throws.
+    static bool is_on() noexcept
+    {
+        return __atomic_load_n(&g_level, __ATOMIC_ACQUIRE) != ARM_LEVEL_OFF;
+    }
+
+    static arm_level_t g_level;                  ///< ARM_LEVEL_OFF at first
+    static arm_id g_app_id;                      ///< what ARM knows the application by
+    static arm_app_start_handle_t g_app_handle;  ///< what ARM knows the running instance by
+    /// Every registrar, in the order of construction. Null until there is one, never freed.
     static std::vector<OperationRegistrar*>* g_registrars;
-    static global_data_t g_global_data;
+    static global_data_t g_global_data;  ///< where threads find their stacks
+
+private:
+    static void set_level(arm_level_t level) noexcept;
+    static bool create_key() noexcept;
+    static int register_name(const UString& name, const ArmBuffer* buffer);
+    static int register_operations(int code);
+    static int register_operation(OperationRegistrar& registrar, ArmBuffer& buffer);
+    static int register_fresh_transaction(const char* name, int flags, const arm_buffer4* buffer,
+                                          arm_id* out);
 };
 
-/// The measured operations that the calling thread has started and not yet stopped.
+/// The measured operations that the calling thread has started and not yet stopped, one within the
+/// other. Each is started as the child of the one below it, the outermost as the child of whatever
+/// correlator the thread has put into its base correlator.
+///
+/// Starting and stopping cost the same at any depth; what a depth needs is allocated when it is
+/// first reached and kept until the thread ends. Operations that are open when it ends are not
+/// stopped.
+/// @par Thread-safety
+/// Every operation acts on the calling thread's stack and takes no lock.
+/// @see ARM 4.0 C Binding, arm_start_transaction(), arm_stop_transaction()
 class KVUTIL_EXPORT ArmPerThreadOperationStack {
 public:
+    /// An operation in its place on the stack.
     struct stack_entry_t {
-        arm_tran_start_handle_t handle;
-        arm_correlator correlator;
-        stack_entry_t* next;
+        arm_tran_start_handle_t handle;  ///< what ARM knows the started operation by
+        arm_correlator correlator;       ///< the parent of what is started within it
+        stack_entry_t* next;             ///< the place above, null until it is needed
     };
 
-    static arm_correlator* get_base_correlator();
-    static int start_transaction(const arm_id& tran_id, const ArmBuffer* buffer, bool local);
-    static int stop_transaction(int status, const ArmBuffer* buffer);
-    static arm_tran_start_handle_t current_local_operation();
-    static const arm_correlator* current_local_correlator();
-    static bool doing_local_operation();
+    /// Where a thread puts the correlator that it received from its own caller, before it starts
+    /// the operation that is the caller's child. All zero at first, which means "no caller"; the
+    /// library writes nothing into it.
+    ///
+    /// Deliberate: a thread calls this once before it starts anything, because this is what makes
+    /// its stack.
+    /// @return  512 bytes that live until the thread ends; null while measurement is off, and when
+    ///          there is no memory for the stack. Never throws.
+    static arm_correlator* get_base_correlator() noexcept
+    {
+        return ArmApplication::is_on() ? base_of_this_thread() : nullptr;
+    }
+
+    /// Starts an operation and puts it on the stack. When ARM refuses, the stack is as before.
+    /// @param tran_id  of an OperationRegistrar
+    /// @param buffer   a user, an arrival time, metric values, a transaction context; null and an
+    ///                 empty one mean none
+    /// @param local    true promises that the operation's correlator does not leave the process
+    /// @return         ARM's code; UNAVAILABLE while measurement is off, when the thread has no
+    ///                 stack, and when there is no memory for a new depth. Throws nothing itself; a
+    ///                 cancellation of the thread within the run-time passes, and the stack is then
+    ///                 as before.
+    static int start_transaction(const arm_id& tran_id, const ArmBuffer* buffer, bool local)
+    {
+        return ArmApplication::is_on() ? start(tran_id, buffer, local)
+                                       : ArmApplication::UNAVAILABLE;
+    }
+
+    /// Takes the top operation off the stack and stops it.
+    ///
+    /// Deliberate: it is off the stack also when ARM reports a failure.
+    /// @param status  ARM_STATUS_...
+    /// @param buffer  metric values, a diagnostic detail; null and an empty one mean none
+    /// @return        ARM's code; UNAVAILABLE while measurement is off, and when the thread has no
+    ///                stack or the stack is empty. Throws nothing itself; a cancellation of the
+    ///                thread within the run-time passes, and the operation is then off the stack.
+    static int stop_transaction(int status, const ArmBuffer* buffer)
+    {
+        return ArmApplication::is_on() ? stop(status, buffer) : ArmApplication::UNAVAILABLE;
+    }
+
+    /// @return  the handle of the operation on top; 0 when there is none, and while measurement is
+    ///          off. Never throws.
+    static arm_tran_start_handle_t current_local_operation() noexcept
+    {
+        const stack_entry_t* const top = ArmApplication::is_on() ? top_of_this_thread() : nullptr;
+        return top != nullptr ? top->handle : 0;
+    }
+
+    /// @return  the correlator of the operation on top, to be sent along with requests that are
+    /// part
+    ///          of it; valid until it is stopped. Null when there is none, and while measurement is
+    ///          off. Never throws.
+    static const arm_correlator* current_local_correlator() noexcept
+    {
+        const stack_entry_t* const top = ArmApplication::is_on() ? top_of_this_thread() : nullptr;
+        return top != nullptr ? &top->correlator : nullptr;
+    }
+
+    /// @return  whether measurement is on and the thread has an operation on its stack. Never
+    ///          throws.
+    static bool doing_local_operation() noexcept
+    {
+        return ArmApplication::is_on() && top_of_this_thread() != nullptr;
+    }
+
+    ArmPerThreadOperationStack(const ArmPerThreadOperationStack&) = delete;
+    ArmPerThreadOperationStack& operator=(const ArmPerThreadOperationStack&) = delete;
+
+private:
+    friend struct ArmApplication::global_data_t;
+    struct linked_entry_t;
+
+    ArmPerThreadOperationStack() noexcept;
+    ~ArmPerThreadOperationStack();
+
+    static arm_correlator* base_of_this_thread() noexcept;
+    static int start(const arm_id& tran_id, const ArmBuffer* buffer, bool local);
+    static int stop(int status, const ArmBuffer* buffer);
+    static const stack_entry_t* top_of_this_thread() noexcept;
+    static ArmPerThreadOperationStack* of_this_thread() noexcept;
+    static ArmPerThreadOperationStack* create() noexcept;
+
+    stack_entry_t* entry_above() noexcept;
+    const arm_correlator& parent() const noexcept;
+
+    arm_correlator base_correlator_;
+    stack_entry_t* first_;
+    stack_entry_t* current_;
 };
 
 }  // namespace Kvl

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -62,6 +63,15 @@ constinit sys_calls_t sys_calls = {
     .fsync = ::fsync,
     .rename = ::rename,
     .unlink = ::unlink,
+
+    // Libraries, and what a thread keeps under a key
+    .dlopen = ::dlopen,
+    .dlsym = ::dlsym,
+    .dlclose = ::dlclose,
+    .dlerror = ::dlerror,
+    .pthread_key_create = ::pthread_key_create,
+    .pthread_key_delete = ::pthread_key_delete,
+    .pthread_setspecific = ::pthread_setspecific,
 };
 
 }  // namespace Kvl

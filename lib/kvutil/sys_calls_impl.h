@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <ctime>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/types.h>
@@ -51,6 +52,15 @@ struct sys_calls_t {
     int (*fsync)(int descriptor);
     int (*rename)(const char* from, const char* to);
     int (*unlink)(const char* path);
+
+    // Libraries, and what a thread keeps under a key. The latter return an error number.
+    void* (*dlopen)(const char* name, int flags);
+    void* (*dlsym)(void* library, const char* name);
+    int (*dlclose)(void* library);
+    char* (*dlerror)();
+    int (*pthread_key_create)(pthread_key_t* key, void (*destructor)(void*));
+    int (*pthread_key_delete)(pthread_key_t key);
+    int (*pthread_setspecific)(pthread_key_t key, const void* value);
 };
 
 extern sys_calls_t sys_calls;
