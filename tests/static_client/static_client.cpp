@@ -114,6 +114,18 @@ void ask_arm_texts(answers_t& answers)
     answers["ARM text found"] = said(ArmBuffer::g_str_pool.at(u"pooled") == pooled);
 }
 
+// Never destroyed either, as its operations are measured to the end.
+const OperationRegistrar& operation = *new OperationRegistrar(u"operation of a client");
+
+void ask_measurement(answers_t& answers)
+{
+    answers["operation"] = utf8(operation.name());
+    answers["operations are listed"] = said(ArmApplication::g_registrars != nullptr);
+    const int code =
+        ArmPerThreadOperationStack::start_transaction(operation.tran_id(), nullptr, false);
+    answers["operation while off"] = std::to_string(code);
+}
+
 void ask_failures(answers_t& answers)
 {
     try {
@@ -156,6 +168,7 @@ answers_t ask_every_table()
     ask_temporary_files(answers);
     ask_times(answers);
     ask_arm_texts(answers);
+    ask_measurement(answers);
     ask_failures(answers);
     return answers;
 }
