@@ -44,10 +44,13 @@ auto find_text(Map& map, const UString& text)
     return map.find(text);
 }
 
+/// Grows as push_back() does, but leaves nothing to fail for the elements that follow.
 template <class T>
 void make_room(std::vector<T>& sequence, std::size_t elements)
 {
-    sequence.reserve(sequence.size() + elements);
+    const std::size_t needed = sequence.size() + elements;
+    if (needed > sequence.capacity())
+        sequence.reserve(std::max(needed, 2 * sequence.capacity()));
 }
 
 /// Never throws where there is room.
@@ -100,7 +103,7 @@ void ArmAppIdentyBuffer::add_context_prop(const UString& name)
     make_room(strings_, 1);
     make_room(context_names_, 1);
     // A name that is there keeps its index.
-    ctx_indicies_.try_emplace(kept(name), static_cast<int>(strings_.size()));
+    ctx_indicies_.try_emplace(text, static_cast<int>(strings_.size()));
     context_names_.push_back(append(strings_, std::move(text)));
 }
 
@@ -355,7 +358,27 @@ struct ArmBufferImpl {
         return record;
     }
 
-    static void forget_values(ArmAppContextBuffer& b) noexcept { b.values_.clear(); }
+    // What is consumed keeps its room, for what is gathered next.
+
+    static void empty(ArmAppIdentyBuffer& b) noexcept
+    {
+        b.strings_.clear();
+        b.property_names_.clear();
+        b.property_values_.clear();
+        b.context_names_.clear();
+        b.ctx_indicies_.clear();
+        b.uri_ = UString();
+    }
+
+    static void empty(ArmAppContextBuffer& b) noexcept { b.values_.clear(); }
+
+    static void empty(ArmMetricValuesBuffer& b) noexcept
+    {
+        b.values_.clear();
+        b.string_value_ = UString();
+    }
+
+    static void empty(ArmMetricBindingsBuffer& b) noexcept { b.bindings_.clear(); }
 
     static arm_metric metric(ArmBuffer& buffer, const ArmMetricValuesBuffer& b,
                              const ArmMetricValuesBuffer::value_t& value)
@@ -436,7 +459,7 @@ void ArmBuffer::add_buffer(ArmAppIdentyBuffer& b)
     auto record =
         ArmBufferImpl::identity<arm_subbuffer_app_identity>(*this, ARM_SUBBUFFER_APP_IDENTITY, b);
     ArmBufferImpl::append(*this, record);
-    b = ArmAppIdentyBuffer();
+    ArmBufferImpl::empty(b);
 }
 
 void ArmBuffer::add_buffer(ArmTransIdentyBuffer& b)
@@ -446,7 +469,7 @@ void ArmBuffer::add_buffer(ArmTransIdentyBuffer& b)
         ArmBufferImpl::identity<arm_subbuffer_tran_identity>(*this, ARM_SUBBUFFER_TRAN_IDENTITY, b);
     record->uri = ArmBufferImpl::uri(*this, b);
     ArmBufferImpl::append(*this, record);
-    b = ArmTransIdentyBuffer();
+    ArmBufferImpl::empty(b);
 }
 
 void ArmBuffer::add_buffer(ArmAppContextBuffer& b)
@@ -455,7 +478,7 @@ void ArmBuffer::add_buffer(ArmAppContextBuffer& b)
     auto record =
         ArmBufferImpl::context<arm_subbuffer_app_context>(*this, ARM_SUBBUFFER_APP_CONTEXT, b);
     ArmBufferImpl::append(*this, record);
-    ArmBufferImpl::forget_values(b);
+    ArmBufferImpl::empty(b);
 }
 
 void ArmBuffer::add_buffer(ArmTransContextBuffer& b)
@@ -464,7 +487,7 @@ void ArmBuffer::add_buffer(ArmTransContextBuffer& b)
     auto record =
         ArmBufferImpl::context<arm_subbuffer_tran_context>(*this, ARM_SUBBUFFER_TRAN_CONTEXT, b);
     ArmBufferImpl::append(*this, record);
-    ArmBufferImpl::forget_values(b);
+    ArmBufferImpl::empty(b);
 }
 
 void ArmBuffer::add_buffer(ArmMetricValuesBuffer& b)
@@ -472,7 +495,7 @@ void ArmBuffer::add_buffer(ArmMetricValuesBuffer& b)
     check_buff_length(add_buffer_name());
     auto record = ArmBufferImpl::metric_values(*this, b);
     ArmBufferImpl::append(*this, record);
-    b = ArmMetricValuesBuffer();
+    ArmBufferImpl::empty(b);
 }
 
 void ArmBuffer::add_buffer(ArmMetricBindingsBuffer& b)
@@ -480,7 +503,7 @@ void ArmBuffer::add_buffer(ArmMetricBindingsBuffer& b)
     check_buff_length(add_buffer_name());
     auto record = ArmBufferImpl::metric_bindings(b);
     ArmBufferImpl::append(*this, record);
-    b = ArmMetricBindingsBuffer();
+    ArmBufferImpl::empty(b);
 }
 
 void ArmBuffer::add_buffer(const long long& arrival_time)
