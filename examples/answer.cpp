@@ -1,5 +1,6 @@
 #include "answer.h"
 
+#include "measurement.h"
 #include "xml_writer.h"
 
 #include <kvutil/davtime.h>
@@ -37,6 +38,17 @@ UString decoded(const std::string& bytes)
         StateException::raise(UMessage(kvutil, SELECTOR_NOT_VALID, text, "not well-formed UTF-8"));
     }
     return text;
+}
+
+const OperationType parsing(UString(u"parse"), {UString(u"selector")});
+
+Selector parsed(const std::string& text)
+{
+    Operation operation(parsing, {text});
+    operation.set_size(text.size());
+    Selector selector(decoded(text));
+    operation.succeed();
+    return selector;
 }
 
 UString href(const Selector& selector)
@@ -169,7 +181,7 @@ const XmlTag& root()
 answer_t answer(const std::string& selector, std::optional<bool> is_visible)
 {
     try {
-        return {true, success(Selector(decoded(selector)), is_visible)};
+        return {true, success(parsed(selector), is_visible)};
     } catch (const STPException& e) {
         STPException::log(e.message(), AS_ERROR);
         return {false, failure(e)};

@@ -8,8 +8,11 @@
 // Every accepted selector stands for a new object: it gets an identifier and a creation date. With
 // the credentials of a user and the group that may see the objects, each answer says whether that
 // user does.
+//
+// With --arm, every request is measured as an operation with a part, the parsing of its text.
 
 #include "answer.h"
+#include "measurement.h"
 #include "output.h"
 #include "user.h"
 
@@ -34,6 +37,7 @@ struct options_t {
     std::optional<std::string> output;
     std::optional<std::string> credentials;
     bool make_credentials = false;
+    bool is_measured = false;
     std::optional<std::string> group;
     std::vector<std::string> selectors;
 };
@@ -72,6 +76,8 @@ options_t parse_options(CLI::App& app, int argc, char* argv[])
     app.add_option("--group", options.group,
                    "Group that may see the objects: a name, or an identity such as 4:02000003e8")
         ->needs(credentials);
+    app.add_flag("--arm", options.is_measured,
+                 "Measure every request, where a run-time for it is installed");
     app.allow_extras();
     app.footer("Further arguments are selectors. Without any, and without --file, they are read "
                "from standard input, one a line.");
@@ -104,6 +110,10 @@ std::optional<bool> visibility(const options_t& options)
     return user.in_group_list(group_named(*options.group));
 }
 
+// Answering a request, from its text to the answer that is written.
+const OperationType answering(Kvl::UString(u"answer"),
+                              {Kvl::UString(u"source"), Kvl::UString(u"request")});
+
 class Server {
 public:
     Server(Output& output, std::optional<bool> is_visible)
@@ -111,10 +121,15 @@ public:
     {
     }
 
-    void answer_one(const std::string& selector)
+    void answer_one(const std::string& selector, const std::string& source)
     {
+        const unsigned long number = accepted_ + rejected_ + 1;
+        Operation operation(answering, {source, std::to_string(number)});
         const answer_t reply = answer(selector, is_visible_);
         output_.write(reply.xml);
+        operation.set_size(reply.xml.size());
+        if (reply.is_accepted)
+            operation.succeed();
         ++(reply.is_accepted ? accepted_ : rejected_);
     }
 
@@ -124,7 +139,7 @@ public:
         while (std::getline(lines, line)) {
             if (!line.empty() && line.back() == '\r')
                 line.pop_back();
-            answer_one(line);
+            answer_one(line, source);
         }
         if (lines.bad())
             report_unread(source);
@@ -165,7 +180,7 @@ private:
 void answer_all(const options_t& options, Server& server)
 {
     for (const std::string& selector : options.selectors)
-        server.answer_one(selector);
+        server.answer_one(selector, "arguments");
     if (options.file)
         server.answer_file(*options.file);
     else if (options.selectors.empty())
@@ -180,12 +195,16 @@ bool serve(const options_t& options)
     Output output(options.output);
     output.write(opening());
     start_log(options.log_directory);
+    if (options.is_measured)
+        start_measurement();
     Server server(output, is_visible);
     answer_all(options, server);
     output.write(closing());
     if (server.all_was_read())
         output.finish();
     server.report_outcome();
+    if (options.is_measured)
+        std::cerr << measurement_state() << '\n';
     return server.all_was_read();
 }
 

@@ -683,6 +683,135 @@ TEST_F(Request, SaysWhyAFileOfAnswersCannotBeMade)
     EXPECT_THAT(names_in(path("answers")), testing::IsEmpty());
 }
 
+// ---- Measurement
+
+const std::string RUNTIME = FAKE_ARM4_DIR "/fake_arm4";
+
+class MeasuredRequest : public Request {
+protected:
+    // The program with the run-time library of the tests, or with a missing one.
+    result_t run_measured(const std::string& library_path,
+                          const std::vector<std::string>& selectors)
+    {
+        std::string command = "LD_LIBRARY_PATH=" + quoted(library_path) +
+                              " FAKE_ARM4_LOG=" + quoted(path("calls")) + " " +
+                              quoted(REQUEST_PROGRAM) + " --arm --log " + quoted(log_directory());
+        for (const std::string& selector : selectors)
+            command += " " + quoted(selector);
+        return run_command(command + " >" + quoted(path("out")));
+    }
+
+    // The calls of one function, without the times.
+    std::vector<std::string> calls_of(const std::string& function)
+    {
+        std::vector<std::string> calls;
+        for (const std::string& line : lines_of(contents(path("calls"))))
+            if (const size_t at = line.find(" " + function + " "); at != std::string::npos)
+                calls.push_back(line.substr(at + 1));
+        return calls;
+    }
+};
+
+TEST_F(MeasuredRequest, AnswersAsEverWithoutARunTime)
+{
+    const std::string selector = "vd.file:/a@/v";
+    const result_t result = run_measured(path("none"), {selector});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err,
+              summary(1, 0) + "measurement off: there is no usable run-time library libarm4.so\n");
+    EXPECT_EQ(without_object(result.out), without_object(run({selector}).out));
+    EXPECT_FALSE(fs::exists(path("calls")));
+}
+
+TEST_F(MeasuredRequest, SaysNothingOfMeasurementThatNobodyAskedFor)
+{
+    EXPECT_EQ(run({"vd.file:/a@/v"}).err, summary(1, 0));
+}
+
+TEST_F(MeasuredRequest, RegistersItselfAndItsOperations)
+{
+    const result_t result = run_measured(RUNTIME, {"vd.file:/a@/v"});
+    EXPECT_EQ(result.err, summary(1, 0) + "measurement on\n");
+    const std::vector<std::string> applications = calls_of("arm_register_application");
+    ASSERT_EQ(applications.size(), 1u);
+    EXPECT_THAT(applications[0], HasSubstr("app_name=\"request\""));
+    EXPECT_THAT(applications[0], HasSubstr("app_identity(properties=[\"Library\": \"libkvutil "));
+    const std::vector<std::string> operations = calls_of("arm_register_transaction");
+    ASSERT_EQ(operations.size(), 2u);
+    for (const std::string& operation : operations) {
+        EXPECT_THAT(operation, HasSubstr("metric_bindings([slot 0 "));
+        EXPECT_THAT(operation, HasSubstr(", slot 6 "));
+    }
+    EXPECT_THAT(operations,
+                testing::UnorderedElementsAre(HasSubstr("names=[\"source\", \"request\"]"),
+                                              HasSubstr("names=[\"selector\"]")));
+    EXPECT_EQ(calls_of("arm_start_application").size(), 1u);
+}
+
+TEST_F(MeasuredRequest, IsAnOperationWithItsParsingAsAPart)
+{
+    const result_t result = run_measured(RUNTIME, {"vd.file:/a@/v", "rejected"});
+    EXPECT_EQ(result.err, summary(1, 1) + "measurement on\n");
+    const std::vector<std::string> starts = calls_of("arm_start_transaction");
+    ASSERT_EQ(starts.size(), 4u);
+    EXPECT_THAT(starts[0], testing::AllOf(HasSubstr(" parent=none "), HasSubstr(" flags=7 "),
+                                          HasSubstr("values=[\"arguments\", \"1\"]"),
+                                          HasSubstr("handle=1 "), HasSubstr("\"answer\"")));
+    EXPECT_THAT(starts[1],
+                testing::AllOf(HasSubstr(" parent=#1 "), HasSubstr("values=[\"vd.file:/a@/v\"]"),
+                               HasSubstr("handle=2 "), HasSubstr("\"parse\"")));
+    EXPECT_THAT(starts[2], testing::AllOf(HasSubstr(" parent=none "),
+                                          HasSubstr("values=[\"arguments\", \"2\"]")));
+    EXPECT_THAT(starts[3],
+                testing::AllOf(HasSubstr(" parent=#3 "), HasSubstr("values=[\"rejected\"]")));
+    const std::vector<std::string> stops = calls_of("arm_stop_transaction");
+    ASSERT_EQ(stops.size(), 4u);
+    const auto ends = [](int handle, int status, const std::string& outcome) {
+        return testing::AllOf(
+            HasSubstr(" handle=" + std::to_string(handle) + " status=" + std::to_string(status)),
+            HasSubstr("slot 0 format 5 usage 1 "),
+            HasSubstr(", slot 6 format 10 usage 2 \"" + outcome + "\"])"));
+    };
+    EXPECT_THAT(stops, testing::ElementsAre(ends(2, 0, "accepted"), ends(1, 0, "accepted"),
+                                            ends(4, 2, "rejected"), ends(3, 2, "rejected")));
+    EXPECT_THAT(stops[0], HasSubstr("slot 0 format 5 usage 1 13,"));  // vd.file:/a@/v
+    EXPECT_THAT(stops[2], HasSubstr("slot 0 format 5 usage 1 8,"));   // rejected
+}
+
+TEST_F(MeasuredRequest, CutsWhatIsTooLongForAContext)
+{
+    const std::string longest = std::string(255, 'a');
+    const std::string wide = "\xF0\x9F\x93\x81";  // two units
+    run_measured(RUNTIME, {longest + "b", wide + longest, "\xFF"});
+    EXPECT_THAT(contents(path("calls")),
+                testing::AllOf(HasSubstr("values=[\"" + longest + "\"]"),
+                               HasSubstr("values=[\"" + wide + std::string(253, 'a') + "\"]"),
+                               HasSubstr("values=[\"\uFFFD\"]")));
+}
+
+TEST_F(MeasuredRequest, IsShownAsATree)
+{
+    write_file(path("in"),
+               R"(10 1 arm_register_application app_name="shop" flags=0 buffer=null -> 0 app_id=a001
+20 1 arm_register_transaction tran_name="pay" flags=0 buffer=null -> 0 tran_id=b001
+1000 1 arm_start_transaction parent=none flags=7 buffer=[tran_context(values=["a \" handle=9", null] uri=null)] -> 0 handle=1 tran_name="pay"
+2000 1 arm_start_transaction parent=#1 flags=7 buffer=null -> 0 handle=2 tran_name="check"
+2500 1 arm_stop_transaction handle=2 status=2 flags=0 buffer=[metric_values([slot 0 format 5 usage 1 13])] -> 0
+3000 1 arm_start_transaction parent=#1 flags=7 buffer=null -> -1
+4500 1 arm_stop_transaction handle=1 status=0 flags=0 buffer=null -> 0
+5000 2 arm_start_transaction parent=none flags=3 buffer=null -> 0 handle=3 tran_name="ship"
+)");
+    const result_t result =
+        run_command(quoted(ARM_TREE) + " <" + quoted(path("in")) + " >" + quoted(path("out")));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, R"(application "shop"
+operation   "pay"
+      3.5 us  good     "pay" ["a \" handle=9", null]
+      0.5 us  failed     "check" [slot 0 format 5 usage 1 13]
+              running  "ship"
+)");
+}
+
 // ----
 
 TEST_F(Request, RefusesOptionsThatItDoesNotHave)
