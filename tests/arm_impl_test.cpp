@@ -6,6 +6,8 @@
 #include "support/recording_logger.h"
 #include "support/text.h"
 #include "sys_calls_impl.h"
+#include "sysutl_ieee_hostid_impl.h"
+#include "tbs_uuid_gen_impl.h"
 
 #include <gtest/gtest.h>
 
@@ -248,6 +250,73 @@ TEST(ArmApplication, MakesItsKeyWithTheStacksDestructorAndGivesUnusedOnesBack)
         ASSERT_EQ(made.size(), 4u);
         EXPECT_EQ(deleted, (std::vector<pthread_key_t>{made[0], made[2]}))
             << "the second one has a stack";
+    });
+}
+
+const std::string NO_IDENTIFIER =
+    "PLXSV0651E Can't generate a UUID (possible network/adapter configuration problem) - "
+    "UuidCreate error 1001";
+
+/// From here on there is nothing to make identifiers from.
+void lose_identifiers()
+{
+    Kvl::sys_calls.open = [](const char*, int, mode_t) { return -1; };
+    Kvl::sys_calls.socket = [](int, int, int) { return -1; };
+    Kvl::UuidGenImpl::forget();
+    Kvl::HostIdImpl::forget();
+}
+
+TEST(ArmApplication, IsOffWithoutAnIdentifierOfItsOwn)
+{
+    in_child([] {
+        const fake_runtime_t runtime;
+        lose_identifiers();
+        const recording_logger logger;
+        EXPECT_EQ(ArmApplication::register_application(Kvl::ARM_LEVEL_ON, u"shop", nullptr),
+                  UNAVAILABLE);
+        EXPECT_EQ(runtime.count(), 0);
+        EXPECT_EQ(ArmApplication::g_level, Kvl::ARM_LEVEL_OFF);
+        EXPECT_EQ(logger.lines,
+                  (std::vector<log_line_t>{
+                      {"error", "ArmApplication::register_application: " + NO_IDENTIFIER, 0}}));
+    });
+}
+
+TEST(ArmApplication, IsOffWithoutAnIdentifierForAnOperation)
+{
+    class loser_t final : public OperationRegistrar {
+    public:
+        using OperationRegistrar::OperationRegistrar;
+        void user_data(ArmBuffer&) const override { lose_identifiers(); }
+    };
+    in_child([] {
+        const fake_runtime_t runtime;
+        const loser_t loser(UString(u"second, after the early one"));
+        const recording_logger logger;
+        EXPECT_EQ(ArmApplication::register_application(Kvl::ARM_LEVEL_ON, u"shop", nullptr),
+                  UNAVAILABLE);
+        EXPECT_EQ(runtime.count(), 2) << "ARM has not refused anything, and is asked for no text";
+        EXPECT_EQ(ArmApplication::g_level, Kvl::ARM_LEVEL_OFF);
+        EXPECT_EQ(logger.lines,
+                  (std::vector<log_line_t>{
+                      {"error", "ArmApplication::register_application: " + NO_IDENTIFIER, 0}}));
+    });
+}
+
+TEST(ArmApplication, RegistersNoTransactionWithoutAnIdentifier)
+{
+    in_child([] {
+        const fake_runtime_t runtime;
+        ArmApplication::register_application(Kvl::ARM_LEVEL_ON, u"shop", nullptr);
+        lose_identifiers();
+        const recording_logger logger;
+        arm_id out{};
+        EXPECT_EQ(ArmApplication::register_transaction("x", 0, nullptr, &out), UNAVAILABLE);
+        EXPECT_EQ(runtime.count(), 2);
+        EXPECT_TRUE(ArmApplication::is_on());
+        EXPECT_EQ(logger.lines,
+                  (std::vector<log_line_t>{
+                      {"error", "ArmApplication::register_transaction: " + NO_IDENTIFIER, 0}}));
     });
 }
 

@@ -549,10 +549,11 @@ public:
                                  const UString& instance) noexcept;
 
     /// Makes one more kind of transaction known to ARM, one that has no OperationRegistrar.
-    /// @param name    its name, in UTF-8 unless the application has declared another character set
+    /// @param name    its name, in UTF-8 unless the application has declared another character set;
+    ///                null is the empty text
     /// @param flags   0
     /// @param buffer  a transaction identity, metric bindings; null means none
-    /// @param out     gets what ARM knows it by
+    /// @param out     gets what ARM knows it by; may be null
     /// @return        ARM's code; UNAVAILABLE while measurement is off, and when there is no fresh
     ///                identifier, which is logged. Never throws.
     static int register_transaction(const char* name, int flags, const arm_buffer4* buffer,
@@ -561,22 +562,28 @@ public:
     /// ARM's words for one of its codes.
     /// @param charset  106 for UTF-8, see ARM_CHARSET_...
     /// @param code     as ARM returned it
-    /// @param text     gets the words, zero-terminated; ARM_MSG_BUFFER_LENGTH bytes, 766
+    /// @param text     gets the words, zero-terminated; ARM_MSG_BUFFER_LENGTH bytes, 766; may be
+    ///                 null
     /// @return         ARM's code; UNAVAILABLE while measurement is off. Throws nothing itself; a
     ///                 cancellation of the thread within the run-time passes.
     static int get_error_message(int charset, int code, char* text)
     {
-        return is_on() ? ArmRuntimeLoader::g_fnc_arm_get_error_message(charset, code, text)
+        arm_message_buffer_t unwanted;
+        return is_on() ? ArmRuntimeLoader::g_fnc_arm_get_error_message(
+                             charset, code, text != nullptr ? text : unwanted)
                        : UNAVAILABLE;
     }
 
     /// The time as ARM counts it, for ArmBuffer::add_buffer(const long long&).
-    /// @param time  gets it
+    /// @param time  gets it; may be null
     /// @return      ARM's code; UNAVAILABLE while measurement is off. Throws nothing itself; a
     ///              cancellation of the thread within the run-time passes.
     static int get_arrival_time(long long* time)
     {
-        return is_on() ? ArmRuntimeLoader::g_fnc_arm_get_arrival_time(time) : UNAVAILABLE;
+        long long unwanted = 0;
+        return is_on() ? ArmRuntimeLoader::g_fnc_arm_get_arrival_time(time != nullptr ? time
+                                                                                      : &unwanted)
+                       : UNAVAILABLE;
     }
 
     /// @return  whether operations are measured, for callers who would gather data for nothing.

@@ -135,8 +135,10 @@ int ArmApplication::register_transaction(const char* name, int flags, const arm_
     if (!is_on())
         return UNAVAILABLE;
     const uncancelled_t whole;
+    arm_id unwanted{};
     try {
-        return register_fresh_transaction(name, flags, buffer, out);
+        return register_fresh_transaction(name != nullptr ? name : "", flags, buffer,
+                                          out != nullptr ? out : &unwanted);
     } catch (...) {
         ArmLog::write_current_exception("ArmApplication::register_transaction");
         return UNAVAILABLE;
