@@ -91,6 +91,12 @@ private:
     const UString detail_;
 };
 
+/// An operation without registration data, for who destroys it before the process ends.
+class plain_t final : public OperationRegistrar {
+public:
+    using OperationRegistrar::OperationRegistrar;
+};
+
 /// An operation whose registration data runs some code.
 template <class Code>
 class running_t final : public OperationRegistrar {
@@ -423,6 +429,21 @@ TEST(ArmApplication, ForwardsErrorTextsAndTimes)
     });
 }
 
+TEST(ArmApplication, TakesNullPointersForWhatNobodyNeeds)
+{
+    in_child([] {
+        const fake_runtime_t runtime;
+        register_as(u"shop");
+        runtime.forget();
+        EXPECT_EQ(ArmApplication::register_transaction(nullptr, 0, nullptr, nullptr), 0);
+        EXPECT_EQ(ArmApplication::get_error_message(106, -44, nullptr), 0);
+        EXPECT_EQ(ArmApplication::get_arrival_time(nullptr), 0);
+        EXPECT_EQ(runtime.calls(),
+                  (calls_t{tran_call("", "1"), "arm_get_error_message charset=106 code=-44 -> 0",
+                           "arm_get_arrival_time -> 0 time=1"}));
+    });
+}
+
 // ---- What registration data may do ----
 
 template <class Throw>
@@ -472,10 +493,10 @@ TEST(ArmRegistrationData, MayConstructRegistrarsWhichComeTooLate)
 {
     in_child([] {
         const fake_runtime_t runtime;
-        std::vector<std::unique_ptr<OperationRegistrar>> late;
+        std::vector<std::unique_ptr<plain_t>> late;
         const running_t pay(u"pay", [&late] {
             for (int i = 0; i < 100; ++i)
-                late.push_back(std::make_unique<OperationRegistrar>(u"late"));
+                late.push_back(std::make_unique<plain_t>(UString(u"late")));
         });
         const OperationRegistrar ship(u"ship");
         EXPECT_EQ(register_as(u"shop"), 0);
@@ -489,9 +510,9 @@ TEST(ArmRegistrationData, MayDestroyRegistrarsThatAreStillToCome)
 {
     in_child([] {
         const fake_runtime_t runtime;
-        std::optional<OperationRegistrar> ship;
+        std::optional<plain_t> ship;
         const running_t pay(u"pay", [&ship] { ship.reset(); });
-        ship.emplace(u"ship");
+        ship.emplace(UString(u"ship"));
         EXPECT_EQ(register_as(u"shop"), 0);
         EXPECT_EQ(runtime.calls(), (calls_t{app_call("shop"), tran_call("pay", "1")}));
     });
@@ -504,7 +525,7 @@ TEST(OperationRegistrar, LeavesTheListWhenItIsDestroyed)
     in_child([] {
         {
             const OperationRegistrar first(u"first");
-            auto second = std::make_unique<OperationRegistrar>(u"second");
+            auto second = std::make_unique<plain_t>(UString(u"second"));
             const OperationRegistrar third(u"third");
             second.reset();
             EXPECT_EQ(*ArmApplication::g_registrars,

@@ -12,12 +12,7 @@ typedef ArmPerThreadOperationStack Stack;
 
 /// With a link back, so that stopping costs the same at any depth.
 struct Stack::linked_entry_t : stack_entry_t {
-    explicit linked_entry_t(linked_entry_t* entry_below) noexcept
-        : stack_entry_t(), below(entry_below)
-    {
-    }
-
-    linked_entry_t* const below;
+    linked_entry_t* below;
 };
 
 namespace {
@@ -88,7 +83,7 @@ Stack* Stack::create() noexcept
 }
 
 Stack::ArmPerThreadOperationStack() noexcept
-    : base_correlator_(), first_(new (std::nothrow) linked_entry_t(nullptr)), current_(nullptr)
+    : base_correlator_(), first_(new (std::nothrow) linked_entry_t{{}, nullptr}), current_(nullptr)
 {
 }
 
@@ -140,7 +135,8 @@ Stack::stack_entry_t* Stack::entry_above() noexcept
     if (current_ == nullptr)
         return first_;
     if (current_->next == nullptr)
-        current_->next = new (std::nothrow) linked_entry_t(static_cast<linked_entry_t*>(current_));
+        current_->next =
+            new (std::nothrow) linked_entry_t{{}, static_cast<linked_entry_t*>(current_)};
     return current_->next;
 }
 
