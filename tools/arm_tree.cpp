@@ -3,6 +3,8 @@
 //
 // Reads the log of tests/fakes/arm4 (FAKE_ARM4_LOG) from standard input.
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -171,8 +173,11 @@ void print_parts(const transactions_t& transactions, long long handle, int depth
 
 }  // namespace
 
-int main()
+int main(int argc, char* argv[])
 {
+    CLI::App app("Reads from standard input what the recording run-time of the tests wrote to its "
+                 "log, FAKE_ARM4_LOG, and prints it as a tree.");
+    CLI11_PARSE(app, argc, argv);
     transactions_t transactions;
     transactions[0] = {};
     std::string line;

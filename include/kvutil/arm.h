@@ -678,10 +678,9 @@ public:
         return top != nullptr ? top->handle : 0;
     }
 
-    /// @return  the correlator of the operation on top, to be sent along with requests that are
-    /// part
-    ///          of it; valid until it is stopped. Null when there is none, and while measurement is
-    ///          off. Never throws.
+    /// @return  the correlator of the operation on top, to be sent along with requests that are a
+    ///          part of it; valid until it is stopped. Null when there is none, and while
+    ///          measurement is off. Never throws.
     static const arm_correlator* current_local_correlator() noexcept
     {
         const stack_entry_t* const top = ArmApplication::is_on() ? top_of_this_thread() : nullptr;
