@@ -405,15 +405,12 @@ private:
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-// A registrar is never deleted through its base class: it is a static object.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-
 /// An operation to be measured. One object for each, constructed before the application registers,
 /// usually a static one. ArmApplication::register_application() then makes the operation known to
 /// ARM and keeps the identifier here, with which ArmPerThreadOperationStack starts it.
 ///
-/// Deliberate: the destructor is not virtual, so derive with `final`.
+/// Deliberate: the destructor is not virtual, so derive with `final`. g++'s -Wnon-virtual-dtor,
+/// which -Wall leaves out, complains of the derived class nonetheless.
 /// @par Thread-safety
 /// Registrars may be constructed and destroyed by several threads at once, but not while the
 /// application registers. tran_id() may be read by many threads after that.
