@@ -540,6 +540,34 @@ TEST(OperationRegistrar, LeavesTheListWhenItIsDestroyed)
     });
 }
 
+// c_str() writes the terminator when there is none, which many threads could not do at once.
+TEST(OperationRegistrar, HasATerminatedNameToBeReadByManyThreads)
+{
+    in_child([] {
+        UString name(u"a name that is too long to be kept within the object itself");
+        icu::UnicodeString& units_only = name;
+        units_only.append(u"xyz", 0, 3);  // not terminated, and shared by its copies
+        const plain_t operation(name);
+        const char16_t* const units = operation.name().getBuffer();
+        operation.name().c_str();
+        EXPECT_EQ(operation.name().getBuffer(), units) << "the text was moved";
+    });
+}
+
+TEST(OperationRegistrar, IsNamedByTheEmptyTextForABogusOne)
+{
+    in_child([] {
+        const fake_runtime_t runtime;
+        UString bogus(u"text");
+        bogus.setToBogus();
+        const plain_t operation(bogus);
+        EXPECT_EQ(operation.name(), u"");
+        EXPECT_FALSE(operation.name().isBogus());
+        EXPECT_EQ(register_as(u"shop"), 0);
+        EXPECT_EQ(runtime.calls(), (calls_t{app_call("shop"), tran_call("", "1")}));
+    });
+}
+
 TEST(OperationRegistrar, EntersNothingWithoutMemory)
 {
     in_child([] {

@@ -45,8 +45,10 @@ arm_id fresh_id()
 
 // ---- Operations ----
 
-OperationRegistrar::OperationRegistrar(const UString& name) : name_(name), tran_id_()
+OperationRegistrar::OperationRegistrar(const UString& name) : tran_id_()
 {
+    name_.assign(name);
+    name_.c_str();  // terminated, so that c_str() on it only reads
     typedef std::vector<OperationRegistrar*> registrars_t;
     const CriticalSectionLock lock(g_registrars_mutex);
     const CriticalSection section(lock);
