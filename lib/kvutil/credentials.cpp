@@ -161,7 +161,7 @@ void read_records(const std::string& path, std::FILE* file, Credentials& credent
 std::FILE* open_to_read(const std::string& path, std::span<char> buffer)
 {
     refuse_zero_byte(path);
-    descriptor_t descriptor = open_file(path, O_RDONLY);
+    descriptor_t descriptor = open_file(path.c_str(), O_RDONLY);
     if (!descriptor.is_open())
         fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
     return stream_over(std::move(descriptor), "r", buffer);

@@ -63,7 +63,7 @@ bool is_new_name(const std::string& path)
 target_t open_target(const std::string& path)
 {
     target_t target;
-    target.descriptor = open_file(path, O_WRONLY);
+    target.descriptor = open_file(path.c_str(), O_WRONLY);
     if (target.descriptor.is_open()) {
         if (sys_calls.fstat(target.descriptor.number(), &target.status) < 0)
             fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
@@ -136,7 +136,7 @@ bool truncate(int descriptor)
 void write_in_place(const std::string& path, target_t& target, const write_content_t& write)
 {
     if (!target.descriptor.is_open())
-        target.descriptor = open_file(path, O_WRONLY | O_CREAT | O_TRUNC, NEW_FILE_MODE);
+        target.descriptor = open_file(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, NEW_FILE_MODE);
     if (!target.descriptor.is_open())
         fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
     const int number = target.descriptor.number();
@@ -208,7 +208,7 @@ private:
     // What has been renamed is in place, whether or not the directory reaches the disk in time.
     void sync_directory() const
     {
-        const descriptor_t descriptor = open_file(directory_, O_RDONLY | O_DIRECTORY);
+        const descriptor_t descriptor = open_file(directory_.c_str(), O_RDONLY | O_DIRECTORY);
         if (descriptor.is_open())
             sys_calls.fsync(descriptor.number());
     }

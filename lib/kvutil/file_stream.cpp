@@ -14,42 +14,10 @@
 
 namespace Kvl {
 
-// ---- descriptors ----
-
-descriptor_t& descriptor_t::operator=(descriptor_t&& o) noexcept
-{
-    descriptor_t taken(std::move(o));
-    std::swap(number_, taken.number_);
-    return *this;
-}
-
-descriptor_t::~descriptor_t()
-{
-    if (!is_open())
-        return;
-    const uncancelled_t whole;
-    const int error = errno;  // of the failure that brought us here
-    sys_calls.close(number_);
-    errno = error;
-}
-
-int descriptor_t::release() noexcept
-{
-    return std::exchange(number_, -1);
-}
-
 void fail_on_file(kvutil_msg_t message, const std::string& path, int error)
 {
     throw_runtime(message, platform_text(path), error_text(error));
 }
-
-descriptor_t open_file(const std::string& path, int flags, mode_t mode)
-{
-    return descriptor_t(uninterrupted(
-        [&] { return sys_calls.open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, mode); }));
-}
-
-// ---- streams ----
 
 namespace {
 

@@ -1,38 +1,18 @@
 #ifndef KVUTIL_FILE_STREAM_IMPL_H
 #define KVUTIL_FILE_STREAM_IMPL_H
 
+#include "descriptor_impl.h"
 #include "kvutil_msg_impl.h"
 
 #include <cstdio>
 #include <span>
 #include <string>
-#include <sys/types.h>
 
 namespace Kvl {
-
-/// Owns an open descriptor.
-class descriptor_t {
-public:
-    explicit descriptor_t(int number = -1) noexcept : number_(number) {}
-    descriptor_t(descriptor_t&& o) noexcept : number_(o.release()) {}
-    descriptor_t& operator=(descriptor_t&& o) noexcept;
-    ~descriptor_t();
-
-    bool is_open() const noexcept { return number_ >= 0; }
-    int number() const noexcept { return number_; }
-    int release() noexcept;
-
-private:
-    int number_;
-};
 
 /// A file operation failed: one of the messages that name the file and the system's reason.
 /// @param error  the `errno` of the operation
 [[noreturn]] void fail_on_file(kvutil_msg_t message, const std::string& path, int error);
-
-/// Opens a file, close-on-exec. A signal that arrives meanwhile is no failure.
-/// @return  nothing open, and `errno`, when it cannot be opened
-descriptor_t open_file(const std::string& path, int flags, mode_t mode = 0);
 
 /// A C stream over a descriptor, used by one thread at a time.
 ///

@@ -1,5 +1,6 @@
 #include <kvutil/sysutl_ieee_hostid.h>
 
+#include "descriptor_impl.h"
 #include "net_device_impl.h"
 #include "sys_calls_impl.h"
 #include "sysutl_ieee_hostid_impl.h"
@@ -26,33 +27,10 @@ namespace {
 constexpr int FOUND = 0;
 constexpr int NOT_FOUND = 1;
 
-int open_to_read(const char* path)
-{
-    return uninterrupted([&] { return sys_calls.open(path, O_RDONLY | O_CLOEXEC, 0); });
-}
-
 ssize_t read_some(int descriptor, void* bytes, std::size_t size_bytes)
 {
     return uninterrupted([&] { return sys_calls.read(descriptor, bytes, size_bytes); });
 }
-
-/// Owns a descriptor; a negative one is none.
-class descriptor_t {
-public:
-    explicit descriptor_t(int number) noexcept : number_(number) {}
-    ~descriptor_t()
-    {
-        if (is_open())
-            sys_calls.close(number_);
-    }
-    descriptor_t(const descriptor_t&) = delete;
-    descriptor_t& operator=(const descriptor_t&) = delete;
-    bool is_open() const noexcept { return number_ >= 0; }
-    int number() const noexcept { return number_; }
-
-private:
-    const int number_;
-};
 
 // ---- The host's address ----
 
@@ -145,7 +123,7 @@ answer_t HostIdImpl::look_up() noexcept
     const descriptor_t socket(open_socket());
     if (!socket.is_open())
         return {{}, NOT_FOUND};
-    const descriptor_t file(open_to_read("/proc/net/dev"));
+    const descriptor_t file = open_file("/proc/net/dev", O_RDONLY);
     if (!file.is_open())
         return {{}, NOT_FOUND};
     choice_t choice(socket.number());
@@ -175,7 +153,7 @@ int brenner_sysutl_get_random_bytes(unsigned char* buf, unsigned int n)
     if (n > 32 || buf == nullptr)
         return 1;
     const uncancelled_t whole;
-    const descriptor_t source(open_to_read("/dev/urandom"));
+    const descriptor_t source = open_file("/dev/urandom", O_RDONLY);
     if (!source.is_open())
         return 1;
     while (n > 0) {
