@@ -7,11 +7,11 @@
 #include <kvutil/stpexception.h>
 
 #include "../tests/support/arm_record.h"
+#include "property.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
@@ -21,12 +21,6 @@
 using namespace Kvl;
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 class input_t {
 public:

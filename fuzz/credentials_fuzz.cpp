@@ -6,9 +6,9 @@
 #include <kvutil/stpexception.h>
 
 #include "../tests/support/credentials_model.h"
+#include "property.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -16,12 +16,6 @@
 using Kvl::Credentials;
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 /// A file in memory, and a path to it.
 class memory_file_t {

@@ -5,6 +5,8 @@
 #include <kvutil/fileutl.h>
 #include <kvutil/stpexception.h>
 
+#include "property.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -23,12 +25,6 @@ namespace {
 namespace fs = std::filesystem;
 
 typedef std::map<UString, unsigned int> model_t;
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 /// A directory of this process, in memory where there is such a place, which becomes the one for
 /// temporary files. Removed at exit.

@@ -2,10 +2,10 @@
 // find, however the list is cut into reads.
 
 #include "../lib/kvutil/net_device_impl.h"
+#include "property.h"
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -17,12 +17,6 @@ using Kvl::NetDeviceImpl::visit_names;
 namespace {
 
 using names_t = std::vector<std::string>;
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 names_t names_by_c_library(std::string content)
 {

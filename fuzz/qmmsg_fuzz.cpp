@@ -3,10 +3,11 @@
 
 #include <qmlogger/qmlogger.h>
 
+#include "property.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -14,12 +15,6 @@
 namespace {
 
 constexpr std::size_t LARGEST_RECORD = 4096;
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 std::string filled(const std::string& format)
 {

@@ -6,34 +6,15 @@
 #include <kvutil/stpexception.h>
 
 #include "../tests/support/selector_literal.h"
+#include "property.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 using Kvl::Selector;
 using Kvl::UString;
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
-
-/// UTF-8 when the input is that, otherwise its bytes two by two: halves of surrogate pairs and all.
-UString text_of(const std::uint8_t* data, std::size_t size)
-{
-    const Kvl::Utf8String bytes(std::string(reinterpret_cast<const char*>(data), size));
-    UString text(bytes);
-    if (!text.empty())
-        return text;
-    std::u16string units;
-    for (std::size_t i = 0; i + 1 < size; i += 2)
-        units += static_cast<char16_t>(data[i] | data[i + 1] << 8);
-    return UString(units);
-}
 
 void check_escapes(const UString& text)
 {

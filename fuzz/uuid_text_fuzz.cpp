@@ -6,9 +6,9 @@
 #include <kvutil/stpexception.h>
 
 #include "../tests/support/oid_literal.h"
+#include "property.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -18,12 +18,6 @@ using Kvl::UString;
 using Kvl::Uuid;
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 std::optional<Uuid> scanned(const std::string& text)
 {
