@@ -240,6 +240,20 @@ TEST(ArmApplication, RegistersWithoutOperations)
     });
 }
 
+// A run-time may keep what it was given when something was registered.
+TEST(ArmApplication, GivesArmTextsThatStay)
+{
+    in_child([] {
+        const fake_runtime_t runtime;
+        const described_t ship(u"ship", u"by sea");
+        ArmBuffer buffer;
+        EXPECT_EQ(register_as(u"shop", &buffer), 0);
+        EXPECT_EQ(ArmApplication::start_application(&buffer, u"till", u"7"), 0);
+        for (const char16_t* const text : {u"shop", u"ship", u"by sea", u"till", u"7"})
+            EXPECT_EQ(ArmBuffer::g_str_pool.count(text), 1u) << UString(text).utf8_str();
+    });
+}
+
 TEST(ArmApplication, TakesAnyLevelButZero)
 {
     in_child([] {
