@@ -18,7 +18,6 @@ using Kvl::Utf8String;
 
 namespace {
 
-constexpr int UNAVAILABLE = -21000;  // what the library answers without a run-time
 constexpr unsigned int LONGEST_VALUE = 255;
 constexpr std::size_t LONGEST_VALUE_BYTES = 4 * LONGEST_VALUE;
 
@@ -46,12 +45,14 @@ arm_id outcome_id()
     return metric_id(u"5f0b7e2a.3d6911f1.9c02.00:01:83:0a:3b:2f");
 }
 
-// Malformed bytes are replaced, and what is too long for a value is cut.
+// Malformed bytes are replaced, and what is too long for a value is cut, between characters.
 UString shown(std::string_view value)
 {
     UString text;
     text.assign(std::string(value.substr(0, LONGEST_VALUE_BYTES)), "utf8");
-    return text.substr(0, LONGEST_VALUE);
+    if (text.length() <= LONGEST_VALUE)
+        return text;
+    return text.substr(0, static_cast<unsigned int>(text.getChar32Start(LONGEST_VALUE)));
 }
 
 UString version_line()
@@ -76,7 +77,7 @@ int register_all()
     return ArmApplication::start_application(nullptr, u"examples", process);
 }
 
-int registration_code = UNAVAILABLE;
+int registration_code = ArmApplication::UNAVAILABLE;
 
 }  // namespace
 
@@ -117,14 +118,14 @@ std::string measurement_state()
 {
     if (registration_code >= 0)
         return "measurement on";
-    if (registration_code == UNAVAILABLE)
+    if (registration_code == ArmApplication::UNAVAILABLE)
         return "measurement off: there is no usable run-time library libarm4.so";
     return "measurement off: the run-time library answered " + std::to_string(registration_code);
 }
 
 Operation::Operation(const OperationType& type, std::initializer_list<std::string_view> values)
 {
-    if (ArmApplication::g_level == Kvl::ARM_LEVEL_OFF)
+    if (!ArmApplication::is_on())
         return;
     ArmBuffer buffer;
     type.add_contexts(buffer, values);

@@ -782,11 +782,13 @@ TEST_F(MeasuredRequest, CutsWhatIsTooLongForAContext)
 {
     const std::string longest = std::string(255, 'a');
     const std::string wide = "\xF0\x9F\x93\x81";  // two units
-    run_measured(RUNTIME, {longest + "b", wide + longest, "\xFF"});
+    const std::string nearly = std::string(254, 'a');
+    run_measured(RUNTIME, {longest + "b", wide + longest, "\xFF", nearly + wide});
     EXPECT_THAT(contents(path("calls")),
                 testing::AllOf(HasSubstr("values=[\"" + longest + "\"]"),
                                HasSubstr("values=[\"" + wide + std::string(253, 'a') + "\"]"),
-                               HasSubstr("values=[\"\uFFFD\"]")));
+                               HasSubstr("values=[\"\uFFFD\"]"),
+                               HasSubstr("values=[\"" + nearly + "\"]")));  // no half of a pair
 }
 
 TEST_F(MeasuredRequest, IsShownAsATree)
