@@ -493,6 +493,19 @@ TEST(ArmRegistrationData, MayThrowAnything)
         "ArmBuffer::add_buffer():  Max Buffer count exceeded..");
 }
 
+TEST(ArmRegistrationData, IsToldWithTheRestOfATextThatHasAnOddByte)
+{
+    in_child([] {
+        const fake_runtime_t runtime;
+        const running_t ship(u"ship", [] { throw std::runtime_error("no \xFF data"); });
+        const recording_logger logger;
+        EXPECT_EQ(register_as(u"shop"), UNAVAILABLE);
+        ASSERT_EQ(logger.lines.size(), 1u);
+        EXPECT_NE(logger.lines[0].text.find("register_application: no "), std::string::npos);
+        EXPECT_NE(logger.lines[0].text.find(" data"), std::string::npos);
+    });
+}
+
 TEST(ArmRegistrationData, MayThrowWithoutALogger)
 {
     in_child([] {

@@ -1054,6 +1054,23 @@ TEST(ArmPool, TakesABogusTextAsTheEmptyOne)
         delete[] mine.begin()->second;
 }
 
+// c_str() writes the terminator when there is none, which many threads could not do at once.
+TEST(ArmPool, HasTerminatedTextsToBeReadByManyThreads)
+{
+    UString text(std::u16string(100, u't'));
+    icu::UnicodeString& units_only = text;
+    units_only.append(u"xyz", 0, 3);  // not terminated, and shared by its copies
+    ArmBuffer::str_pool_t mine;
+    ArmBuffer::pool_string(text, mine);
+    ASSERT_EQ(mine.size(), 1u);
+    for (const auto& [key, string] : mine) {
+        const char16_t* const units = key.getBuffer();
+        key.c_str();
+        EXPECT_EQ(key.getBuffer(), units) << "the text was moved";
+        delete[] string;
+    }
+}
+
 TEST(ArmPool, HoldsLongTexts)
 {
     const UString text(std::u16string(1000000, u'\u20AC'));

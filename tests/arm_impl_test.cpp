@@ -418,14 +418,25 @@ TEST(ArmStack, GivesTheRuntimeItsOwnAreasAndACopyOfTheBuffer)
     });
 }
 
+/// Both bytes of its length are in use.
+arm_error_t store_correlator(arm_app_start_handle_t, const arm_id_t*, const arm_correlator_t*,
+                             arm_int32_t, const arm_buffer4_t*, arm_tran_start_handle_t*,
+                             arm_correlator_t* correlator)
+{
+    correlator->opaque[0] = 1;
+    correlator->opaque[1] = 4;
+    return 0;
+}
+
 TEST(ArmStack, HasNoCorrelatorWhereTheRuntimeStoresNone)
 {
     in_child([] {
         const fake_runtime_t runtime;
         ArmApplication::register_application(Kvl::ARM_LEVEL_ON, u"shop", nullptr);
         Stack::get_base_correlator();
+        ArmRuntimeLoader::g_fnc_arm_start_transaction = store_correlator;
         Stack::start_transaction(g_early.tran_id(), nullptr, true);
-        EXPECT_NE(runtime.handle_of(Stack::current_local_correlator()), 0);
+        EXPECT_EQ(Stack::current_local_correlator()->opaque[1], 4);
         Stack::stop_transaction(0, nullptr);
         ArmRuntimeLoader::g_fnc_arm_start_transaction = note_start;
         for (int depth = 1; depth <= 2; ++depth) {
