@@ -4,13 +4,11 @@
 
 #include "arm_log_impl.h"
 #include "critsec_lock_impl.h"
-#include "sys_calls_impl.h"
 #include "uncancelled_impl.h"
 
-#include <algorithm>
-#include <atomic>
 #include <bit>
 #include <memory>
+#include <vector>
 
 namespace Kvl {
 
