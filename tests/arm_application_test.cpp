@@ -420,6 +420,18 @@ TEST(ArmApplication, RegistersFurtherTransactions)
     });
 }
 
+TEST(ArmApplication, PassesAnEmptyBufferOfAFurtherTransactionAsNone)
+{
+    in_child([] {
+        const fake_runtime_t runtime;
+        register_as(u"shop");
+        const ArmBuffer empty;
+        arm_id out{};
+        EXPECT_EQ(ArmApplication::register_transaction("first", 0, empty.buffer4(), &out), 0);
+        EXPECT_EQ(runtime.calls(), (calls_t{app_call("shop"), tran_call("first", "1")}));
+    });
+}
+
 TEST(ArmApplication, ForwardsErrorTextsAndTimes)
 {
     in_child([] {

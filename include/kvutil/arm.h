@@ -549,7 +549,7 @@ public:
     /// @param name    its name, in UTF-8 unless the application has declared another character set;
     ///                null is the empty text
     /// @param flags   0
-    /// @param buffer  a transaction identity, metric bindings; null means none
+    /// @param buffer  a transaction identity, metric bindings; null and an empty one mean none
     /// @param out     gets what ARM knows it by; may be null
     /// @return        ARM's code; UNAVAILABLE while measurement is off, and when there is no fresh
     ///                identifier, which is logged. Never throws.

@@ -23,9 +23,14 @@ namespace {
 constinit CriticalSectionImpl::immortal_mutex_t g_registrars_mutex;
 
 /// What ARM is given of a buffer: nothing when there is nothing in it.
+const arm_buffer4* contents(const arm_buffer4* buffer)
+{
+    return buffer != nullptr && buffer->count > 0 ? buffer : nullptr;
+}
+
 const arm_buffer4* contents(const ArmBuffer* buffer)
 {
-    return buffer != nullptr && buffer->count() > 0 ? buffer->buffer4() : nullptr;
+    return buffer != nullptr ? contents(buffer->buffer4()) : nullptr;
 }
 
 /// A C string for which ARM may come back as long as the process lives.
@@ -137,7 +142,7 @@ int ArmApplication::register_transaction(const char* name, int flags, const arm_
     const uncancelled_t whole;
     arm_id unwanted{};
     try {
-        return register_fresh_transaction(name != nullptr ? name : "", flags, buffer,
+        return register_fresh_transaction(name != nullptr ? name : "", flags, contents(buffer),
                                           out != nullptr ? out : &unwanted);
     } catch (...) {
         ArmLog::write_current_exception("ArmApplication::register_transaction");
