@@ -139,9 +139,8 @@ int make_object(const char* path, bool is_dir)
 /// A new file or directory, removed again unless it is kept.
 class new_object_t {
 public:
-    new_object_t(const UString& prefix, bool is_dir)
+    new_object_t(const UString& prefix, bool is_dir) : path_(Fileutl::sys_tmpdir())
     {
-        path_ = Fileutl::sys_tmpdir();
         path_.append(SEPARATOR).append(prefix);
         const unsigned int stem_units = path_.length();
         int retries = 0;

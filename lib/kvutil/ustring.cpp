@@ -120,9 +120,9 @@ UString::UString(room_t room) : icu::UnicodeString(checked_capacity(room.units),
 }
 
 // Deliberate: a byte above 0x7F loses its high bit. Meant for ASCII literals.
-UString::UString(char c) noexcept : UString()
+UString::UString(char c) noexcept : icu::UnicodeString(static_cast<char16_t>(c & 0x7F))
 {
-    append(static_cast<unsigned short>(c & 0x7F));
+    initialize();
 }
 
 UString::UString(const char* bytes, const char* charset) : UString()
