@@ -276,8 +276,10 @@ std::string text_of(const arm_buffer4_t* buffer)
     if (buffer == nullptr)
         return "null";
     std::string text = "[";
-    for (arm_int32_t i = 0; i < buffer->count; ++i)
-        text += (i == 0 ? "" : " ") + text_of(buffer->subbuffer_array[i]);
+    for (arm_int32_t i = 0; i < buffer->count; ++i) {
+        text += i == 0 ? "" : " ";
+        text += text_of(buffer->subbuffer_array[i]);
+    }
     return text + ']';
 }
 
