@@ -1,6 +1,7 @@
 #include <kvutil/stpexception.h>
 #include <kvutil/xmltag.h>
 
+#include "support/address_sanitizer.h"
 #include "support/text.h"
 
 #include <gtest/gtest.h>
@@ -257,6 +258,8 @@ int use_registry_after_fork()
 
 TEST(XmlTagFork, GivesTheChildAWholeRegistryWhateverOtherThreadsDo)
 {
+    if (HAS_ADDRESS_SANITIZER)
+        GTEST_SKIP() << "its allocator may stay locked in the child";
     std::atomic<bool> done{false};
     std::atomic<int> registered{0};
     std::vector<std::thread> threads;
