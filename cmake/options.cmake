@@ -36,6 +36,9 @@ add_compile_options(
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 
+if(NOT KVUTIL_SIMD)
+  add_compile_definitions(KVUTIL_PORTABLE)
+endif()
 if(KVUTIL_SANITIZE)
   add_compile_options(-fsanitize=${KVUTIL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${KVUTIL_SANITIZE})

@@ -6,13 +6,15 @@
 #include <cstddef>
 #include <string_view>
 
-#ifdef __SSE2__
+// As in simd_impl.h, whoever defines KVUTIL_PORTABLE gets what other machines run.
+#if defined(__SSE2__) && !defined(KVUTIL_PORTABLE)
+#define KVUTIL_HAVE_UNIT_BLOCKS 1
 #include <emmintrin.h>
 #endif
 
 namespace Kvl {
 
-#ifdef __SSE2__
+#ifdef KVUTIL_HAVE_UNIT_BLOCKS
 /// Eight units, looked at together.
 class unit_block_t {
 public:
