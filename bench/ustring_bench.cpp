@@ -1,13 +1,22 @@
+// Texts against what a caller would hold them in instead: Qt's, ICU's, glib's and the standard
+// library's.
+
+#include "contest.h"
+
+#include <kvutil/selector.h>
 #include <kvutil/ustring.h>
 
 #include <benchmark/benchmark.h>
 #include <unicode/ucnv.h>
 #include <unicode/ustring.h>
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
-#include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #ifdef KVUTIL_BENCH_GLIB
@@ -16,12 +25,32 @@
 #ifdef KVUTIL_BENCH_QT
 #include <QByteArray>
 #include <QString>
+#include <QTextCodec>
 #endif
 
+using Kvl::Selector;
 using Kvl::UString;
 using Kvl::Utf8String;
 
 namespace {
+
+constexpr std::size_t KIB = 1024;
+
+void add(const std::string& name, const std::function<void(benchmark::State&)>& contest)
+{
+    benchmark::RegisterBenchmark(name.c_str(), contest);
+}
+
+// Repeats what makes a result, which ends with each turn.
+template <class Make>
+void time_making(benchmark::State& state, Make make)
+{
+    for (auto _ : state) {
+        const auto made = make();
+        benchmark::DoNotOptimize(&made);
+        benchmark::ClobberMemory();
+    }
+}
 
 // ---- texts ----
 
@@ -48,40 +77,52 @@ std::string mixed_text(std::size_t size)
     return text + ascii_text(size - text.size());
 }
 
-std::string malformed_text(std::size_t size)
+std::u16string units_of(const icu::UnicodeString& text)
 {
-    std::string text = mixed_text(size);
-    text[size / 2] = '\xFF';
-    return text;
+    return std::u16string(text.getBuffer(), static_cast<std::size_t>(text.length()));
 }
 
 std::u16string utf16(const std::string& utf8)
 {
-    const icu::UnicodeString text = icu::UnicodeString::fromUTF8(utf8);
-    return std::u16string(text.getBuffer(), static_cast<std::size_t>(text.length()));
+    return units_of(icu::UnicodeString::fromUTF8(utf8));
 }
 
 using text_of_size_t = std::string (*)(std::size_t);
 
+struct text_case_t {
+    const char* size_name;
+    std::size_t size;
+};
+
+constexpr std::array<text_case_t, 3> ascii_cases = {{{"12", 12}, {"60", 60}, {"64 KiB", 64 * KIB}}};
+constexpr std::array<text_case_t, 2> mixed_cases = {{{"200 bytes", 200}, {"64 KiB", 64 * KIB}}};
+
+// "12 bytes", "12 units", but "64 KiB".
+std::string sized(const text_case_t& of, const char* what)
+{
+    const std::string name = of.size_name;
+    return name.find(' ') == name.npos ? name + " " + what : name;
+}
+
 // ---- UTF-8 in: an owned UTF-16 text out of bytes ----
 
 struct kvutil_in {
-    explicit kvutil_in(const std::string& bytes) : text(static_cast<const Utf8String&>(bytes)) {}
-    std::u16string units() const { return std::u16string(text.getBuffer(), text.length()); }
+    static constexpr const char* NAME = "kvutil";
+    explicit kvutil_in(const Utf8String& bytes) : text(bytes) {}
+    std::u16string units() const { return units_of(text); }
     UString text;
 };
 
 struct icu_in {
+    static constexpr const char* NAME = "ICU fromUTF8";
     explicit icu_in(const std::string& bytes) : text(icu::UnicodeString::fromUTF8(bytes)) {}
-    std::u16string units() const
-    {
-        return std::u16string(text.getBuffer(), static_cast<std::size_t>(text.length()));
-    }
+    std::u16string units() const { return units_of(text); }
     icu::UnicodeString text;
 };
 
 #ifdef KVUTIL_BENCH_GLIB
 struct glib_in {
+    static constexpr const char* NAME = "glib";
     explicit glib_in(const std::string& bytes)
         : text(g_utf8_to_utf16(bytes.data(), static_cast<glong>(bytes.size()), nullptr, &length,
                                nullptr))
@@ -98,6 +139,7 @@ struct glib_in {
 
 #ifdef KVUTIL_BENCH_QT
 struct qt_in {
+    static constexpr const char* NAME = "Qt fromUtf8";
     explicit qt_in(const std::string& bytes)
         : text(QString::fromUtf8(bytes.data(), static_cast<int>(bytes.size())))
     {
@@ -109,6 +151,7 @@ struct qt_in {
 
 // The least work for ASCII: one allocation, one widening loop.
 struct floor_in {
+    static constexpr const char* NAME = "floor";
     explicit floor_in(const std::string& bytes)
         : text(new char16_t[bytes.size()]), length(bytes.size())
     {
@@ -120,135 +163,151 @@ struct floor_in {
     std::size_t length;
 };
 
-template <class Peer, text_of_size_t TEXT, bool AGREES = true>
-void utf8_in(benchmark::State& state)
+template <class Contestant, text_of_size_t TEXT>
+void utf8_in(benchmark::State& state, std::size_t size)
 {
-    const std::string bytes = TEXT(static_cast<std::size_t>(state.range(0)));
-    if (AGREES && Peer(bytes).units() != utf16(bytes))
-        state.SkipWithError("the peers do not agree");
+    const Utf8String bytes(TEXT(size));
+    require_agreement(state, Contestant(bytes).units() == utf16(bytes));
     for (auto _ : state) {
-        const Peer peer(bytes);
-        benchmark::DoNotOptimize(&peer);
+        const Contestant made(bytes);
+        benchmark::DoNotOptimize(&made);
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
-#define UTF8_IN(peer)                                                                              \
-    BENCHMARK(utf8_in<peer##_in, ascii_text>)                                                      \
-        ->Name("utf8_in_ascii_" #peer)                                                             \
-        ->Arg(12)                                                                                  \
-        ->Arg(60)                                                                                  \
-        ->Arg(64 << 10);                                                                           \
-    BENCHMARK(utf8_in<peer##_in, mixed_text>)                                                      \
-        ->Name("utf8_in_mixed_" #peer)                                                             \
-        ->Arg(20)                                                                                  \
-        ->Arg(200)                                                                                 \
-        ->Arg(64 << 10);                                                                           \
-    /* The peers put U+FFFD instead, or nothing; that each fails in its own way is its contract.   \
-     */                                                                                            \
-    BENCHMARK(utf8_in<peer##_in, malformed_text, false>)->Name("utf8_in_malformed_" #peer)->Arg(200)
+// The peers put U+FFFD instead, or nothing: how each fails is its contract, so they do not agree.
+template <class Contestant>
+void malformed_in(benchmark::State& state, std::size_t size)
+{
+    Utf8String bytes(mixed_text(size));
+    bytes[size / 2] = '\xFF';
+    require_agreement(state, UString(bytes).empty());
+    for (auto _ : state) {
+        const Contestant made(bytes);
+        benchmark::DoNotOptimize(&made);
+        benchmark::ClobberMemory();
+    }
+}
 
-UTF8_IN(kvutil);
-UTF8_IN(icu);
-#ifdef KVUTIL_BENCH_GLIB
-UTF8_IN(glib);
-#endif
-#ifdef KVUTIL_BENCH_QT
-UTF8_IN(qt);
-#endif
-BENCHMARK(utf8_in<floor_in, ascii_text>)
-    ->Name("utf8_in_ascii_floor")
-    ->Arg(12)
-    ->Arg(60)
-    ->Arg(64 << 10);
+template <class Contestant>
+void add_malformed_in()
+{
+    const std::string row = "rejected input: malformed UTF-8 in, ";
+    add(row + "200 bytes/" + Contestant::NAME,
+        [](benchmark::State& state) { malformed_in<Contestant>(state, 200); });
+    add(row + "64 KiB/" + Contestant::NAME,
+        [](benchmark::State& state) { malformed_in<Contestant>(state, 64 * KIB); });
+}
+
+template <class Contestant>
+void add_ascii_in()
+{
+    for (const text_case_t& of : ascii_cases)
+        add("UTF-8 in, ASCII: " + sized(of, "bytes") + "/" + Contestant::NAME,
+            [of](benchmark::State& state) { utf8_in<Contestant, ascii_text>(state, of.size); });
+}
+
+template <class Contestant>
+void add_mixed_in()
+{
+    for (const text_case_t& of : mixed_cases)
+        add("UTF-8 in, mixed: " + sized(of, "bytes") + "/" + Contestant::NAME,
+            [of](benchmark::State& state) { utf8_in<Contestant, mixed_text>(state, of.size); });
+}
 
 // ---- UTF-8 out: owned bytes out of a text ----
 
 struct kvutil_out {
+    static constexpr const char* NAME = "kvutil";
     explicit kvutil_out(const std::u16string& units) : text(units) {}
-    std::string bytes() const { return text.utf8_str(); }
-    void convert() const { benchmark::DoNotOptimize(text.utf8_str().data()); }
+    auto convert() const { return text.utf8_str(); }
+    std::string bytes() const { return convert(); }
     UString text;
 };
 
 struct icu_out {
+    static constexpr const char* NAME = "ICU toUTF8String";
     explicit icu_out(const std::u16string& units)
         : text(units.data(), static_cast<int>(units.size()))
     {
     }
-    std::string bytes() const
+    std::string convert() const
     {
         std::string result;
         return text.toUTF8String(result);
     }
-    void convert() const { benchmark::DoNotOptimize(bytes().data()); }
+    std::string bytes() const { return convert(); }
     icu::UnicodeString text;
 };
 
 #ifdef KVUTIL_BENCH_GLIB
 struct glib_out {
+    static constexpr const char* NAME = "glib";
+    struct free_t {
+        void operator()(gchar* text) const { g_free(text); }
+    };
     explicit glib_out(const std::u16string& units) : text(units.begin(), units.end()) {}
-    std::string bytes() const
+    std::unique_ptr<gchar, free_t> convert() const
     {
-        gchar* const converted = g_utf16_to_utf8(text.data(), static_cast<glong>(text.size()),
-                                                 nullptr, nullptr, nullptr);
-        std::string result = converted;
-        g_free(converted);
-        return result;
+        return std::unique_ptr<gchar, free_t>(g_utf16_to_utf8(
+            text.data(), static_cast<glong>(text.size()), nullptr, nullptr, nullptr));
     }
-    void convert() const
-    {
-        gchar* const converted = g_utf16_to_utf8(text.data(), static_cast<glong>(text.size()),
-                                                 nullptr, nullptr, nullptr);
-        benchmark::DoNotOptimize(converted);
-        g_free(converted);
-    }
+    std::string bytes() const { return convert().get(); }
     std::vector<gunichar2> text;
 };
 #endif
 
 #ifdef KVUTIL_BENCH_QT
 struct qt_out {
+    static constexpr const char* NAME = "Qt toUtf8";
     explicit qt_out(const std::u16string& units) : text(QString::fromStdU16String(units)) {}
-    std::string bytes() const { return text.toUtf8().toStdString(); }
-    void convert() const { benchmark::DoNotOptimize(text.toUtf8().constData()); }
+    QByteArray convert() const { return text.toUtf8(); }
+    std::string bytes() const { return convert().toStdString(); }
     QString text;
 };
 #endif
 
-template <class Peer, text_of_size_t TEXT>
-void utf8_out(benchmark::State& state)
+// The least work for ASCII: one allocation, one narrowing loop.
+struct floor_out {
+    static constexpr const char* NAME = "floor";
+    explicit floor_out(const std::u16string& units) : text(units) {}
+    std::unique_ptr<char[]> convert() const
+    {
+        const std::size_t size = text.size();
+        std::unique_ptr<char[]> result(new char[size]);
+        char* const to = result.get();
+        for (std::size_t i = 0; i < size; ++i)
+            to[i] = static_cast<char>(text[i]);
+        return result;
+    }
+    std::string bytes() const { return std::string(convert().get(), text.size()); }
+    std::u16string text;
+};
+
+template <class Contestant, text_of_size_t TEXT>
+void utf8_out(benchmark::State& state, std::size_t size)
 {
-    const std::string bytes = TEXT(static_cast<std::size_t>(state.range(0)));
-    const Peer peer(utf16(bytes));
-    if (peer.bytes() != bytes)
-        state.SkipWithError("the peers do not agree");
-    for (auto _ : state)
-        peer.convert();
-    state.SetBytesProcessed(state.iterations() * state.range(0));
+    const std::string bytes = TEXT(size);
+    const Contestant contestant(utf16(bytes));
+    require_agreement(state, contestant.bytes() == bytes);
+    time_making(state, [&] { return contestant.convert(); });
 }
 
-#define UTF8_OUT(peer)                                                                             \
-    BENCHMARK(utf8_out<peer##_out, ascii_text>)                                                    \
-        ->Name("utf8_out_ascii_" #peer)                                                            \
-        ->Arg(12)                                                                                  \
-        ->Arg(60)                                                                                  \
-        ->Arg(64 << 10);                                                                           \
-    BENCHMARK(utf8_out<peer##_out, mixed_text>)                                                    \
-        ->Name("utf8_out_mixed_" #peer)                                                            \
-        ->Arg(20)                                                                                  \
-        ->Arg(200)                                                                                 \
-        ->Arg(64 << 10)
+template <class Contestant>
+void add_ascii_out()
+{
+    for (const text_case_t& of : ascii_cases)
+        add("UTF-8 out, ASCII: " + sized(of, "units") + "/" + Contestant::NAME,
+            [of](benchmark::State& state) { utf8_out<Contestant, ascii_text>(state, of.size); });
+}
 
-UTF8_OUT(kvutil);
-UTF8_OUT(icu);
-#ifdef KVUTIL_BENCH_GLIB
-UTF8_OUT(glib);
-#endif
-#ifdef KVUTIL_BENCH_QT
-UTF8_OUT(qt);
-#endif
+template <class Contestant>
+void add_mixed_out()
+{
+    for (const text_case_t& of : mixed_cases)
+        add("further, texts: UTF-8 out, mixed, " + sized(of, "bytes") + "/" + Contestant::NAME,
+            [of](benchmark::State& state) { utf8_out<Contestant, mixed_text>(state, of.size); });
+}
 
 // ---- searching: the last 8 units of a text, and its last unit ----
 
@@ -260,6 +319,7 @@ std::u16string hay(std::size_t length)
 }
 
 struct kvutil_find {
+    static constexpr const char* NAME = "kvutil";
     explicit kvutil_find(const std::u16string& hay) : text(hay), wanted(needle) {}
     int text_at() const { return text.find(wanted); }
     int unit_at() const { return text.find('#'); }
@@ -268,6 +328,7 @@ struct kvutil_find {
 };
 
 struct icu_find {
+    static constexpr const char* NAME = "ICU indexOf";
     explicit icu_find(const std::u16string& hay)
         : text(hay.data(), static_cast<int>(hay.size())),
           wanted(needle.data(), static_cast<int>(needle.size()))
@@ -280,6 +341,7 @@ struct icu_find {
 };
 
 struct std_find {
+    static constexpr const char* NAME = "std::u16string";
     explicit std_find(const std::u16string& hay) : text(hay), wanted(needle) {}
     int text_at() const { return static_cast<int>(text.find(wanted)); }
     int unit_at() const { return static_cast<int>(text.find(u'#')); }
@@ -289,6 +351,7 @@ struct std_find {
 
 #ifdef KVUTIL_BENCH_QT
 struct qt_find {
+    static constexpr const char* NAME = "Qt indexOf";
     explicit qt_find(const std::u16string& hay)
         : text(QString::fromStdU16String(hay)), wanted(QString::fromStdU16String(needle))
     {
@@ -300,137 +363,596 @@ struct qt_find {
 };
 #endif
 
-template <class Peer, int (Peer::*FIND)() const>
-void find(benchmark::State& state)
+template <class Contestant>
+void find(benchmark::State& state, std::size_t length, int (Contestant::*search)() const)
 {
-    const Peer peer(hay(static_cast<std::size_t>(state.range(0))));
-    if (peer.text_at() != state.range(0) - 8 || peer.unit_at() != state.range(0) - 1)
-        state.SkipWithError("the peers do not agree");
+    const Contestant contestant(hay(length));
+    const int end = static_cast<int>(length);
+    require_agreement(state, contestant.text_at() == end - 8 && contestant.unit_at() == end - 1);
     for (auto _ : state)
-        benchmark::DoNotOptimize((peer.*FIND)());
+        benchmark::DoNotOptimize((contestant.*search)());
 }
 
-#define FIND(peer)                                                                                 \
-    BENCHMARK(find<peer##_find, &peer##_find::text_at>)                                            \
-        ->Name("find_text_" #peer)                                                                 \
-        ->Arg(60)                                                                                  \
-        ->Arg(4096);                                                                               \
-    BENCHMARK(find<peer##_find, &peer##_find::unit_at>)                                            \
-        ->Name("find_unit_" #peer)                                                                 \
-        ->Arg(60)                                                                                  \
-        ->Arg(4096)
+template <class Contestant>
+void add_find()
+{
+    for (const std::size_t length : {60u, 4096u}) {
+        const std::string in = " in " + std::to_string(length) + "/" + Contestant::NAME;
+        add("find: 8 units" + in, [length](benchmark::State& state) {
+            find<Contestant>(state, length, &Contestant::text_at);
+        });
+        add("find: unit" + in, [length](benchmark::State& state) {
+            find<Contestant>(state, length, &Contestant::unit_at);
+        });
+    }
+}
 
-FIND(kvutil);
-FIND(icu);
-FIND(std);
+// ---- replacing every occurrence: a new text out of an old one that stays ----
+
+const std::u16string replaced = u"segment";
+const std::u16string replacement = u"replacement";
+
+std::u16string path_of(std::size_t length)
+{
+    std::u16string text;
+    while (text.size() < length)
+        text += u"some/segment/abcdef ";
+    return text.substr(0, length);
+}
+
+std::u16string replace_by_appending(const std::u16string& source)
+{
+    std::u16string result;
+    std::size_t done = 0;
+    for (std::size_t at = source.find(replaced); at != source.npos;
+         at = source.find(replaced, done)) {
+        result.append(source, done, at - done).append(replacement);
+        done = at + replaced.size();
+    }
+    return result.append(source, done);
+}
+
+struct kvutil_replace {
+    static constexpr const char* NAME = "kvutil";
+    explicit kvutil_replace(const std::u16string& source)
+        : text(source), from(replaced), to(replacement)
+    {
+    }
+    UString make() const { return Selector::replaceAll(text, from, to); }
+    std::u16string units() const { return units_of(make()); }
+    UString text;
+    UString from;
+    UString to;
+};
+
+struct std_replace {
+    static constexpr const char* NAME = "std::u16string, appended to";
+    explicit std_replace(const std::u16string& source) : text(source) {}
+    std::u16string make() const { return replace_by_appending(text); }
+    std::u16string units() const { return make(); }
+    std::u16string text;
+};
+
+struct icu_replace {
+    static constexpr const char* NAME = "ICU findAndReplace";
+    explicit icu_replace(const std::u16string& source)
+        : text(source.data(), static_cast<int>(source.size())),
+          from(replaced.data(), static_cast<int>(replaced.size())),
+          to(replacement.data(), static_cast<int>(replacement.size()))
+    {
+    }
+    icu::UnicodeString make() const
+    {
+        icu::UnicodeString result(text);
+        result.findAndReplace(from, to);
+        return result;
+    }
+    std::u16string units() const { return units_of(make()); }
+    icu::UnicodeString text;
+    icu::UnicodeString from;
+    icu::UnicodeString to;
+};
+
 #ifdef KVUTIL_BENCH_QT
-FIND(qt);
+struct qt_replace {
+    static constexpr const char* NAME = "Qt replace";
+    explicit qt_replace(const std::u16string& source)
+        : text(QString::fromStdU16String(source)), from(QString::fromStdU16String(replaced)),
+          to(QString::fromStdU16String(replacement))
+    {
+    }
+    QString make() const
+    {
+        QString result(text);
+        result.replace(from, to);
+        return result;
+    }
+    std::u16string units() const { return make().toStdU16String(); }
+    QString text;
+    QString from;
+    QString to;
+};
 #endif
 
-// ---- charsets: each time with a fresh string, the peer with a converter that is kept ----
+// The least work: the places and the length of the result are known beforehand.
+struct floor_replace {
+    static constexpr const char* NAME = "floor";
+    explicit floor_replace(const std::u16string& source)
+        : text(source), length(replace_by_appending(source).size())
+    {
+        for (std::size_t at = 0; (at = text.find(replaced, at)) != text.npos; at += replaced.size())
+            places.push_back(at);
+    }
+    std::unique_ptr<char16_t[]> make() const
+    {
+        std::unique_ptr<char16_t[]> result(new char16_t[length]);
+        char16_t* to = result.get();
+        std::size_t done = 0;
+        for (const std::size_t at : places) {
+            to = std::copy_n(text.data() + done, at - done, to);
+            to = std::copy_n(replacement.data(), replacement.size(), to);
+            done = at + replaced.size();
+        }
+        std::copy(text.data() + done, text.data() + text.size(), to);
+        return result;
+    }
+    std::u16string units() const { return std::u16string(make().get(), length); }
+    std::u16string text;
+    std::size_t length;
+    std::vector<std::size_t> places;
+};
 
-const char* const charset_names[] = {"ISO-8859-1", "windows-1252", "Shift_JIS", "EUC-JP"};
-
-const std::string charset_text = ascii_text(60);
-
-void charset_in_kvutil(benchmark::State& state)
+template <class Contestant>
+void add_replace_all()
 {
-    const char* const name = charset_names[state.range(0)];
-    state.SetLabel(name);
-    for (auto _ : state) {
+    for (const std::size_t length : {60u, 4096u})
+        add("replace all: " + std::to_string(length) + " units/" + Contestant::NAME,
+            [length](benchmark::State& state) {
+                const std::u16string source = path_of(length);
+                const Contestant contestant(source);
+                require_agreement(state, contestant.units() == replace_by_appending(source));
+                time_making(state, [&] { return contestant.make(); });
+            });
+}
+
+// ---- charsets: each time a string that has converted nothing yet ----
+
+struct charset_case_t {
+    const char* name;
+    const char* letters;  // in UTF-8; at least 60 bytes in the charset, cut there
+};
+
+constexpr std::array<charset_case_t, 5> charsets = {{
+    {"ISO-8859-1", "D\u00E9j\u00E0 \u00E0 No\u00EBl, la for\u00EAt br\u00FBle: o\u00F9 aller? "
+                   "Stra\u00DFe, \u00C5rhus, ma\u00F1ana, S\u00E3o Paulo"},
+    {"windows-1252",
+     "D\u00E9j\u00E0 \u00E0 No\u00EBl, la for\u00EAt br\u00FBle\u2026 \u201EStra"
+     "\u00DFe\u201C \u2013 50 \u20AC, ma\u00F1ana \u2022 S\u00E3o Paulo, l\u2019or"},
+    {"Shift_JIS", "\u8A2D\u5B9A\u30D5\u30A1\u30A4\u30EB\u304C\u898B\u3064\u304B\u308A\u307E\u305B"
+                  "\u3093\u3002\u540D\u524D\u3092\u78BA\u8A8D\u3057\u3066\u304F\u3060\u3055\u3044"
+                  "\u3002\u8A2D\u5B9A\u540D\u524D"},
+    {"EUC-JP", "\u8A2D\u5B9A\u30D5\u30A1\u30A4\u30EB\u304C\u898B\u3064\u304B\u308A\u307E\u305B"
+               "\u3093\u3002\u540D\u524D\u3092\u78BA\u8A8D\u3057\u3066\u304F\u3060\u3055\u3044"
+               "\u3002\u8A2D\u5B9A\u540D\u524D"},
+    {"ISO-2022-JP", "\u8A2D\u5B9A\u30D5\u30A1\u30A4\u30EB\u304C\u898B\u3064\u304B\u308A\u307E\u305B"
+                    "\u3093\u3002\u540D\u524D\u3092\u78BA\u8A8D\u3057\u3066\u304F\u3060"},
+}};
+
+// A converter that its owner keeps, as one does who converts often.
+class kept_converter_t {
+public:
+    explicit kept_converter_t(const char* name) : converter_(ucnv_open(name, &status_)) {}
+    ~kept_converter_t() { ucnv_close(converter_); }
+    kept_converter_t(const kept_converter_t&) = delete;
+    kept_converter_t& operator=(const kept_converter_t&) = delete;
+
+    icu::UnicodeString in(const std::string& bytes)
+    {
+        return icu::UnicodeString(bytes.data(), static_cast<int>(bytes.size()), converter_,
+                                  status_);
+    }
+
+    // Straight into the text's own buffer, whose size is enough for the charsets here.
+    icu::UnicodeString in_place(const std::string& bytes)
+    {
+        const auto room = static_cast<int>(bytes.size());
+        icu::UnicodeString result(room, 0, 0);
+        char16_t* const buffer = result.getBuffer(room);
+        result.releaseBuffer(ucnv_toUChars(converter_, buffer, room, bytes.data(), room, &status_));
+        return result;
+    }
+
+    std::string out(const icu::UnicodeString& text)
+    {
+        std::string result(room_for(text), '\0');
+        result.resize(convert_out(text, result.data(), result.size()));
+        return result;
+    }
+
+    // By way of the stack, for short texts.
+    std::string out_by_stack(const icu::UnicodeString& text)
+    {
+        std::array<char, 1024> buffer;
+        return std::string(buffer.data(), convert_out(text, buffer.data(), buffer.size()));
+    }
+
+private:
+    std::size_t room_for(const icu::UnicodeString& text) const
+    {
+        return static_cast<std::size_t>(
+            UCNV_GET_MAX_BYTES_FOR_STRING(text.length(), ucnv_getMaxCharSize(converter_)));
+    }
+
+    std::size_t convert_out(const icu::UnicodeString& text, char* to, std::size_t room)
+    {
+        return static_cast<std::size_t>(ucnv_fromUChars(converter_, to, static_cast<int>(room),
+                                                        text.getBuffer(), text.length(), &status_));
+    }
+
+    UErrorCode status_ = U_ZERO_ERROR;
+    UConverter* converter_;
+};
+
+// What a contest of one charset converts, both ways.
+struct charset_text_t {
+    const char* charset;
+    std::string bytes;
+    icu::UnicodeString text;
+};
+
+charset_text_t charset_text(const char* charset, const std::string& utf8, std::size_t size)
+{
+    kept_converter_t converter(charset);
+    icu::UnicodeString text = icu::UnicodeString::fromUTF8(utf8);
+    while (converter.out(text).size() > size)
+        text.truncate(text.length() - 1);
+    return {charset, converter.out(text), text};
+}
+
+void charset_in_kvutil(benchmark::State& state, const charset_text_t& of)
+{
+    require_agreement(state, units_of(UString(of.bytes.c_str(), of.charset)) == units_of(of.text));
+    time_making(state, [&] {
         UString text;
-        benchmark::DoNotOptimize(text.assign(charset_text, name));
-    }
+        text.assign(of.bytes, of.charset);
+        return text;
+    });
 }
-BENCHMARK(charset_in_kvutil)->DenseRange(0, 3);
 
-void charset_in_icu(benchmark::State& state)
+void charset_in_icu(benchmark::State& state, const charset_text_t& of)
 {
-    const char* const name = charset_names[state.range(0)];
-    state.SetLabel(name);
-    UErrorCode status = U_ZERO_ERROR;
-    UConverter* const converter = ucnv_open(name, &status);
-    for (auto _ : state) {
-        const icu::UnicodeString text(charset_text.data(), static_cast<int>(charset_text.size()),
-                                      converter, status);
-        benchmark::DoNotOptimize(&text);
-    }
-    ucnv_close(converter);
+    kept_converter_t converter(of.charset);
+    require_agreement(state, converter.in(of.bytes) == of.text);
+    time_making(state, [&] { return converter.in(of.bytes); });
 }
-BENCHMARK(charset_in_icu)->DenseRange(0, 3);
 
-void charset_out_kvutil(benchmark::State& state)
+void charset_in_icu_in_place(benchmark::State& state, const charset_text_t& of)
 {
-    const char* const name = charset_names[state.range(0)];
-    state.SetLabel(name);
-    const UString text(utf16(charset_text));
+    kept_converter_t converter(of.charset);
+    require_agreement(state, converter.in_place(of.bytes) == of.text);
+    time_making(state, [&] { return converter.in_place(of.bytes); });
+}
+
+void charset_out_kvutil(benchmark::State& state, const charset_text_t& of)
+{
+    const UString text(units_of(of.text));
     bool failed = false;
-    if (text.std_str(name, failed) != charset_text)
-        state.SkipWithError("the text does not convert to itself");
-    for (auto _ : state) {
+    require_agreement(state, text.std_str(of.charset, failed) == of.bytes && !failed);
+    time_making(state, [&] {
         const UString fresh(text);
-        benchmark::DoNotOptimize(fresh.std_str(name, failed).data());
-    }
+        return fresh.std_str(of.charset, failed);
+    });
 }
-BENCHMARK(charset_out_kvutil)->DenseRange(0, 3);
 
-void charset_out_icu(benchmark::State& state)
+void charset_out_icu(benchmark::State& state, const charset_text_t& of)
 {
-    const char* const name = charset_names[state.range(0)];
-    state.SetLabel(name);
-    UErrorCode status = U_ZERO_ERROR;
-    UConverter* const converter = ucnv_open(name, &status);
-    const icu::UnicodeString text = icu::UnicodeString::fromUTF8(charset_text);
-    for (auto _ : state) {
-        const icu::UnicodeString fresh(text);
-        std::string result(charset_text.size() * 3 + 1, '\0');
-        const int size = ucnv_fromUChars(converter, result.data(), static_cast<int>(result.size()),
-                                         fresh.getBuffer(), fresh.length(), &status);
-        result.resize(static_cast<std::size_t>(size));
-        benchmark::DoNotOptimize(result.data());
-    }
-    ucnv_close(converter);
+    kept_converter_t converter(of.charset);
+    require_agreement(state, converter.out(of.text) == of.bytes);
+    time_making(state, [&] { return converter.out(of.text); });
 }
-BENCHMARK(charset_out_icu)->DenseRange(0, 3);
+
+void charset_out_icu_by_stack(benchmark::State& state, const charset_text_t& of)
+{
+    kept_converter_t converter(of.charset);
+    require_agreement(state, converter.out_by_stack(of.text) == of.bytes);
+    time_making(state, [&] { return converter.out_by_stack(of.text); });
+}
+
+#ifdef KVUTIL_BENCH_QT
+void charset_in_qt(benchmark::State& state, const charset_text_t& of)
+{
+    QTextCodec* const codec = QTextCodec::codecForName(of.charset);
+    const auto size = static_cast<int>(of.bytes.size());
+    const QString made = codec->toUnicode(of.bytes.data(), size);
+    require_agreement(state, made.toStdU16String() == units_of(of.text));
+    time_making(state, [&] { return codec->toUnicode(of.bytes.data(), size); });
+}
+
+void charset_out_qt(benchmark::State& state, const charset_text_t& of)
+{
+    QTextCodec* const codec = QTextCodec::codecForName(of.charset);
+    const QString text = QString::fromUtf16(of.text.getBuffer(), of.text.length());
+    require_agreement(state, codec->fromUnicode(text).toStdString() == of.bytes);
+    time_making(state, [&] { return codec->fromUnicode(text); });
+}
+
+void latin1_in_qt(benchmark::State& state, const charset_text_t& of)
+{
+    const auto size = static_cast<int>(of.bytes.size());
+    const QString made = QString::fromLatin1(of.bytes.data(), size);
+    require_agreement(state, made.toStdU16String() == units_of(of.text));
+    time_making(state, [&] { return QString::fromLatin1(of.bytes.data(), size); });
+}
+
+void latin1_out_qt(benchmark::State& state, const charset_text_t& of)
+{
+    const QString text = QString::fromUtf16(of.text.getBuffer(), of.text.length());
+    require_agreement(state, text.toLatin1().toStdString() == of.bytes);
+    time_making(state, [&] { return text.toLatin1(); });
+}
+#endif
+
+using charset_contest_t = void (*)(benchmark::State&, const charset_text_t&);
+
+void add_charset(const std::string& name, charset_contest_t contest, const charset_text_t& of)
+{
+    add(name, [contest, of](benchmark::State& state) { contest(state, of); });
+}
+
+void add_charset_contests(const charset_text_t& of, const std::string& what)
+{
+    const std::string row = "charset conversion, fresh string: ";
+    const std::string in = row + of.charset + " in, 60 bytes" + what;
+    const std::string out = row + of.charset + " out, 60 bytes" + what;
+    add_charset(in + "/kvutil", charset_in_kvutil, of);
+    add_charset(in + "/kept ICU converter", charset_in_icu, of);
+    add_charset(in + "/kept ICU converter, in place", charset_in_icu_in_place, of);
+    add_charset(out + "/kvutil", charset_out_kvutil, of);
+    add_charset(out + "/kept ICU converter", charset_out_icu, of);
+    add_charset(out + "/kept ICU converter, by stack", charset_out_icu_by_stack, of);
+#ifdef KVUTIL_BENCH_QT
+    add_charset(in + "/Qt codec", charset_in_qt, of);
+    // Qt's ISO-2022-JP does not go back to ASCII at the end.
+    if (of.charset != std::string_view("ISO-2022-JP"))
+        add_charset(out + "/Qt codec", charset_out_qt, of);
+    if (of.charset == std::string_view("ISO-8859-1")) {
+        add_charset(in + "/Qt fromLatin1", latin1_in_qt, of);
+        add_charset(out + "/Qt toLatin1", latin1_out_qt, of);
+    }
+#endif
+}
+
+void add_charsets()
+{
+    for (const charset_case_t& charset : charsets) {
+        add_charset_contests(charset_text(charset.name, ascii_text(60), 60), " of ASCII");
+        add_charset_contests(charset_text(charset.name, charset.letters, 60), " of letters");
+    }
+}
+
+// ---- what is rejected ----
+
+void unpaired_out_kvutil(benchmark::State& state)
+{
+    std::u16string units = utf16(mixed_text(200));
+    units[units.size() / 2] = 0xD800;
+    const UString text(units);
+    require_agreement(state, text.utf8_str().empty());
+    time_making(state, [&] { return text.utf8_str(); });
+}
+
+#ifdef KVUTIL_BENCH_GLIB
+void unpaired_out_glib(benchmark::State& state)
+{
+    std::u16string units = utf16(mixed_text(200));
+    units[units.size() / 2] = 0xD800;
+    const glib_out contestant(units);
+    require_agreement(state, contestant.convert() == nullptr);
+    time_making(state, [&] { return contestant.convert(); });
+}
+#endif
+
+void unknown_charset_kvutil(benchmark::State& state)
+{
+    const std::string bytes = ascii_text(60);
+    require_agreement(state, UString().assign(bytes, "no-such-charset") == nullptr);
+    time_making(state, [&] { return UString().assign(bytes, "no-such-charset") == nullptr; });
+}
+
+void unknown_charset_icu(benchmark::State& state)
+{
+    const auto opens = [] {
+        UErrorCode status = U_ZERO_ERROR;
+        return ucnv_open("no-such-charset", &status) != nullptr;
+    };
+    require_agreement(state, !opens());
+    time_making(state, opens);
+}
+
+void add_rejected()
+{
+    add_malformed_in<kvutil_in>();
+    add_malformed_in<icu_in>();
+    add("rejected input: unpaired surrogate out, 200 bytes/kvutil", unpaired_out_kvutil);
+    add("rejected input: unknown charset/kvutil", unknown_charset_kvutil);
+    add("rejected input: unknown charset/ICU ucnv_open", unknown_charset_icu);
+#ifdef KVUTIL_BENCH_GLIB
+    add_malformed_in<glib_in>();
+    add("rejected input: unpaired surrogate out, 200 bytes/glib", unpaired_out_glib);
+#endif
+#ifdef KVUTIL_BENCH_QT
+    add_malformed_in<qt_in>();
+#endif
+}
+
+// ---- growth ----
+
+struct size_case_t {
+    const char* name;
+    std::size_t size;
+};
+
+constexpr std::array<size_case_t, 5> sizes = {{
+    {"1 KiB", KIB},
+    {"16 KiB", 16 * KIB},
+    {"256 KiB", 256 * KIB},
+    {"1 MiB", KIB* KIB},
+    {"16 MiB", 16 * KIB* KIB},
+}};
+
+void count_bytes(benchmark::State& state, std::size_t size)
+{
+    using counter = benchmark::Counter;
+    state.counters["ns per byte"] =
+        counter(static_cast<double>(size) * 1e-9,
+                counter::kIsIterationInvariantRate | static_cast<counter::Flags>(counter::kInvert));
+}
+
+void utf8_in_growth(benchmark::State& state, std::size_t size)
+{
+    const Utf8String bytes(mixed_text(size));
+    time_making(state, [&] { return UString(bytes); });
+}
+
+void utf8_out_growth(benchmark::State& state, std::size_t size)
+{
+    const UString text{Utf8String(mixed_text(size))};
+    time_making(state, [&] { return text.utf8_str(); });
+}
+
+std::string repeated_letters(const charset_case_t& charset, std::size_t size)
+{
+    const std::string letters = charset_text(charset.name, charset.letters, 60).bytes;
+    std::string bytes;
+    while (bytes.size() < size)
+        bytes += letters;
+    return bytes;
+}
+
+constexpr charset_case_t grown_charset = charsets[2];
+
+void charset_in_growth(benchmark::State& state, std::size_t size)
+{
+    const std::string bytes = repeated_letters(grown_charset, size);
+    time_making(state, [&] {
+        UString text;
+        text.assign(bytes, grown_charset.name);
+        return text;
+    });
+}
+
+void charset_out_growth(benchmark::State& state, std::size_t size)
+{
+    UString text;
+    text.assign(repeated_letters(grown_charset, size), grown_charset.name);
+    bool failed = false;
+    time_making(state, [&] {
+        const UString fresh(text);
+        return fresh.std_str(grown_charset.name, failed);
+    });
+}
+
+void replace_all_growth(benchmark::State& state, std::size_t size)
+{
+    const kvutil_replace contestant(path_of(size / sizeof(char16_t)));
+    time_making(state, [&] { return contestant.make(); });
+}
+
+void split_growth(benchmark::State& state, std::size_t size)
+{
+    const UString path(path_of(size / sizeof(char16_t)));
+    time_making(state, [&] { return Selector::split_segments(path, Selector::SEGMENT_SEP); });
+}
+
+void add_growth(const std::string& row, void (*contest)(benchmark::State&, std::size_t))
+{
+    for (const auto& [name, size] : sizes)
+        add("growth, " + row + ": " + name + "/kvutil",
+            [contest, size = size](benchmark::State& state) {
+                contest(state, size);
+                count_bytes(state, size);
+            });
+}
 
 // ---- editing ----
 
-void append_units_kvutil(benchmark::State& state)
+template <class String>
+void append_units(benchmark::State& state)
 {
-    for (auto _ : state) {
-        UString text;
+    time_making(state, [] {
+        String text;
         for (int i = 0; i < 1000; ++i)
-            text.append('x');
-        benchmark::DoNotOptimize(&text);
-    }
-    state.SetItemsProcessed(state.iterations() * 1000);
+            text += u'x';
+        return text;
+    });
 }
-BENCHMARK(append_units_kvutil);
-
-void append_units_icu(benchmark::State& state)
-{
-    for (auto _ : state) {
-        icu::UnicodeString text;
-        for (int i = 0; i < 1000; ++i)
-            text.append(u'x');
-        benchmark::DoNotOptimize(&text);
-    }
-    state.SetItemsProcessed(state.iterations() * 1000);
-}
-BENCHMARK(append_units_icu);
 
 template <class String>
-void copy_text(benchmark::State& state)
+void copy_text(benchmark::State& state, std::size_t length)
 {
-    const std::u16string units(static_cast<std::size_t>(state.range(0)), u'x');
+    const std::u16string units(length, u'x');
     const String text(units.c_str());
     for (auto _ : state) {
         String copy(text);
         benchmark::DoNotOptimize(&copy);
     }
 }
-BENCHMARK(copy_text<UString>)->Name("copy_kvutil")->Arg(12)->Arg(60);
-BENCHMARK(copy_text<icu::UnicodeString>)->Name("copy_icu")->Arg(12)->Arg(60);
-BENCHMARK(copy_text<std::u16string>)->Name("copy_std")->Arg(12)->Arg(60);
+
+template <class String>
+void add_editing(const std::string& contestant)
+{
+    add("further, texts: append 1000 times a unit/" + contestant, append_units<String>);
+    for (const std::size_t length : {12u, 60u})
+        add("further, texts: copy " + std::to_string(length) + " units/" + contestant,
+            [length](benchmark::State& state) { copy_text<String>(state, length); });
+}
+
+// ---- all ----
+
+template <class In, class Out>
+void add_utf8()
+{
+    add_ascii_in<In>();
+    add_mixed_in<In>();
+    add_ascii_out<Out>();
+    add_mixed_out<Out>();
+}
+
+template <class Find, class Replace>
+void add_edits()
+{
+    add_find<Find>();
+    add_replace_all<Replace>();
+}
+
+[[maybe_unused]] const bool are_added = [] {
+    add_utf8<kvutil_in, kvutil_out>();
+    add_utf8<icu_in, icu_out>();
+    add_ascii_in<floor_in>();
+    add_ascii_out<floor_out>();
+    add_edits<kvutil_find, kvutil_replace>();
+    add_edits<icu_find, icu_replace>();
+    add_edits<std_find, std_replace>();
+    add_replace_all<floor_replace>();
+#ifdef KVUTIL_BENCH_GLIB
+    add_utf8<glib_in, glib_out>();
+#endif
+#ifdef KVUTIL_BENCH_QT
+    add_utf8<qt_in, qt_out>();
+    add_edits<qt_find, qt_replace>();
+#endif
+    add_charsets();
+    add_rejected();
+    add_editing<UString>("kvutil");
+    add_editing<icu::UnicodeString>("ICU");
+    add_editing<std::u16string>("std::u16string");
+    add_growth("UTF-8 in", utf8_in_growth);
+    add_growth("UTF-8 out", utf8_out_growth);
+    add_growth("charset in", charset_in_growth);
+    add_growth("charset out", charset_out_growth);
+    add_growth("replace all", replace_all_growth);
+    add_growth("split", split_growth);
+    return true;
+}();
 
 }  // namespace
