@@ -1,16 +1,15 @@
 // Files of identities against what a caller would use instead: the streams of the standard library,
-// of C and of Qt, a call a field, into and out of owned records; and identities as text.
+// of C and of Qt, a call a field, into and out of owned records.
 
 #include <kvutil/credentials.h>
-#include <kvutil/stpexception.h>
 
-#include <benchmark/benchmark.h>
+#include "memory_directory.h"
+#include "rejection.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -70,31 +69,16 @@ class files_t {
 public:
     files_t()
     {
-        // TMPDIR chooses the file system: best one in memory, so that no disk is timed.
-        directory_ = std::filesystem::temp_directory_path() / "kvutil-bench-XXXXXX";
-        if (mkdtemp(directory_.data()) == nullptr)
-            std::abort();
         std::fclose(std::fopen(in_place().c_str(), "wb"));
-        if (link(in_place().c_str(), other_name().c_str()) != 0)
+        if (link(in_place().c_str(), (directory_.path + "/other_name").c_str()) != 0)
             std::abort();
     }
-    ~files_t()
-    {
-        unlink(in_place().c_str());
-        unlink(other_name().c_str());
-        unlink(replaced().c_str());
-        rmdir(directory_.c_str());
-    }
-    files_t(const files_t&) = delete;
-    files_t& operator=(const files_t&) = delete;
 
-    std::string in_place() const { return directory_ + "/in_place"; }
-    std::string replaced() const { return directory_ + "/replaced"; }
+    std::string in_place() const { return directory_.path + "/in_place"; }
+    std::string replaced() const { return directory_.path + "/replaced"; }
 
 private:
-    std::string other_name() const { return directory_ + "/other_name"; }
-
-    std::string directory_;
+    const memory_directory_t directory_;
 };
 
 std::string content_of(const std::string& path)
@@ -169,65 +153,51 @@ void write_qt(const records_t& records, const std::string& path)
 }
 #endif
 
-/// @param write_file  writes the records to a path
+/// @param write_file  (credentials, records, bytes, path): writes one of the three to the path
 template <class Write>
-void time_writing(benchmark::State& state, Write write_file)
+void time_writing(benchmark::State& state, std::size_t count, Write write_file)
 {
     const files_t files;
-    const Credentials credentials = credentials_of(static_cast<std::size_t>(state.range(0)));
+    const Credentials credentials = credentials_of(count);
     const records_t records = records_of(credentials);
     credentials.write_to_file(files.in_place());
     const std::string expected = content_of(files.in_place());
     write_file(credentials, records, expected, files.in_place());
-    if (content_of(files.in_place()) != expected)
-        state.SkipWithError("the peers do not write the same bytes");
+    require_agreement(state, content_of(files.in_place()) == expected);
     for (auto _ : state)
         write_file(credentials, records, expected, files.in_place());
-    state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-void write_in_place_kvutil(benchmark::State& state)
+void time_writing_kvutil(benchmark::State& state, std::size_t count)
 {
-    time_writing(state, [](const Credentials& credentials, const records_t&, const std::string&,
-                           const std::string& path) { credentials.write_to_file(path); });
+    time_writing(state, count,
+                 [](const Credentials& credentials, const records_t&, const std::string&,
+                    const std::string& path) { credentials.write_to_file(path); });
 }
-void write_in_place_ofstream(benchmark::State& state)
+
+void time_writing_floor(benchmark::State& state, std::size_t count)
 {
-    time_writing(state, [](const Credentials&, const records_t& records, const std::string&,
-                           const std::string& path) { write_ofstream(records, path); });
+    time_writing(state, count,
+                 [](const Credentials&, const records_t&, const std::string& content,
+                    const std::string& path) { write_floor(content, path); });
 }
-void write_in_place_stdio(benchmark::State& state)
+
+template <void (&write_file)(const records_t&, const std::string&)>
+void time_writing_records(benchmark::State& state, std::size_t count)
 {
-    time_writing(state, [](const Credentials&, const records_t& records, const std::string&,
-                           const std::string& path) { write_stdio(records, path); });
+    time_writing(state, count,
+                 [](const Credentials&, const records_t& records, const std::string&,
+                    const std::string& path) { write_file(records, path); });
 }
-void write_in_place_floor(benchmark::State& state)
-{
-    time_writing(state, [](const Credentials&, const records_t&, const std::string& content,
-                           const std::string& path) { write_floor(content, path); });
-}
-BENCHMARK(write_in_place_kvutil)->Arg(3)->Arg(100)->Arg(10000);
-BENCHMARK(write_in_place_ofstream)->Arg(3)->Arg(100)->Arg(10000);
-BENCHMARK(write_in_place_stdio)->Arg(3)->Arg(100)->Arg(10000);
-BENCHMARK(write_in_place_floor)->Arg(3)->Arg(100)->Arg(10000);
-#ifdef KVUTIL_BENCH_QT
-void write_in_place_qt(benchmark::State& state)
-{
-    time_writing(state, [](const Credentials&, const records_t& records, const std::string&,
-                           const std::string& path) { write_qt(records, path); });
-}
-BENCHMARK(write_in_place_qt)->Arg(3)->Arg(100)->Arg(10000);
-#endif
 
 // With a file that is synced and renamed, and a directory that is synced: the disk decides.
-void replace_kvutil(benchmark::State& state)
+void time_replacing(benchmark::State& state, std::size_t count)
 {
     const files_t files;
-    const Credentials credentials = credentials_of(static_cast<std::size_t>(state.range(0)));
+    const Credentials credentials = credentials_of(count);
     for (auto _ : state)
         credentials.write_to_file(files.replaced());
 }
-BENCHMARK(replace_kvutil)->Arg(100);
 
 // ---- reading ----
 
@@ -301,128 +271,126 @@ records_t load_qt(const std::string& path)
 }
 #endif
 
+/// @param read_file  (path): the records
 template <class Read>
-void time_reading(benchmark::State& state, Read read_file)
+void time_reading(benchmark::State& state, std::size_t count, Read read_file)
 {
     const files_t files;
-    const Credentials credentials = credentials_of(static_cast<std::size_t>(state.range(0)));
+    const Credentials credentials = credentials_of(count);
     credentials.write_to_file(files.in_place());
-    if (read_file(files.in_place()) != records_of(credentials))
-        state.SkipWithError("the peers do not read the same records");
+    require_agreement(state, read_file(files.in_place()) == records_of(credentials));
     for (auto _ : state)
         benchmark::DoNotOptimize(read_file(files.in_place()));
-    state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-void read_kvutil(benchmark::State& state)
+template <records_t (&read_file)(const std::string&)>
+void time_reading_records(benchmark::State& state, std::size_t count)
+{
+    time_reading(state, count, read_file);
+}
+
+Credentials read_by_kvutil(const std::string& path)
+{
+    Credentials credentials;
+    credentials.read_from_file(path, false);
+    return credentials;
+}
+
+void time_reading_kvutil(benchmark::State& state, std::size_t count)
 {
     const files_t files;
-    const Credentials credentials = credentials_of(static_cast<std::size_t>(state.range(0)));
+    const Credentials credentials = credentials_of(count);
     credentials.write_to_file(files.in_place());
-    for (auto _ : state) {
-        Credentials read;
-        read.read_from_file(files.in_place(), false);
-        benchmark::DoNotOptimize(read);
-    }
-    state.SetItemsProcessed(state.iterations() * state.range(0));
+    require_agreement(state,
+                      records_of(read_by_kvutil(files.in_place())) == records_of(credentials));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(read_by_kvutil(files.in_place()));
 }
-BENCHMARK(read_kvutil)->Arg(3)->Arg(100)->Arg(10000);
 
-void read_ifstream(benchmark::State& state)
+// ---- the contest ----
+
+/// @param contest  times the operation with so many records
+void enter(const char* operation, const char* contestant,
+           void (*contest)(benchmark::State&, std::size_t))
 {
-    time_reading(state, [](const std::string& path) { return load_ifstream(path); });
+    const auto enter_case = [&](const std::string& name, std::size_t count) {
+        benchmark::RegisterBenchmark((name + operation + "/" + contestant).c_str(),
+                                     [=](benchmark::State& state) { contest(state, count); });
+    };
+    enter_case("further, files: credentials of 3 records, ", 3);
+    enter_case("credentials of 100 records: ", 100);
+    enter_case("further, files: credentials of 10000 records, ", 10000);
 }
-void read_stdio(benchmark::State& state)
+
+bool enter_all()
 {
-    time_reading(state, [](const std::string& path) { return load_stdio(path); });
-}
-void read_floor(benchmark::State& state)
-{
-    time_reading(state, [](const std::string& path) { return load_floor(path); });
-}
-BENCHMARK(read_ifstream)->Arg(3)->Arg(100)->Arg(10000);
-BENCHMARK(read_stdio)->Arg(3)->Arg(100)->Arg(10000);
-BENCHMARK(read_floor)->Arg(3)->Arg(100)->Arg(10000);
+    const char* const write = "write in place";
+    enter(write, "kvutil", time_writing_kvutil);
+    enter(write, "ofstream", time_writing_records<write_ofstream>);
+    enter(write, "stdio", time_writing_records<write_stdio>);
+    enter(write, "floor", time_writing_floor);
+    const char* const read = "read";
+    enter(read, "kvutil", time_reading_kvutil);
+    enter(read, "ifstream", time_reading_records<load_ifstream>);
+    enter(read, "stdio", time_reading_records<load_stdio>);
+    enter(read, "floor", time_reading_records<load_floor>);
 #ifdef KVUTIL_BENCH_QT
-void read_qt(benchmark::State& state)
-{
-    time_reading(state, [](const std::string& path) { return load_qt(path); });
-}
-BENCHMARK(read_qt)->Arg(3)->Arg(100)->Arg(10000);
+    enter(write, "QFile", time_writing_records<write_qt>);
+    enter(read, "QFile", time_reading_records<load_qt>);
 #endif
-
-// ---- text ----
-
-std::string bits_of(std::size_t size)
-{
-    std::string bits(size, '\0');
-    for (std::size_t i = 0; i < size; ++i)
-        bits[i] = static_cast<char>(i * 7);
-    return bits;
+    return true;
 }
 
-Identity identity_of(const benchmark::State& state)
-{
-    const auto size = static_cast<std::size_t>(state.range(0));
-    return Identity(static_cast<short>(size), Identity::type_t(3), bits_of(size).data());
-}
+const bool is_entered = enter_all();
 
-void print_kvutil(benchmark::State& state)
-{
-    const Identity id = identity_of(state);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(id.str());
-}
-BENCHMARK(print_kvutil)->Arg(4)->Arg(28)->Arg(32767);
+BENCHMARK_CAPTURE(time_replacing, , 100)
+    ->Name("further, files: credentials of 100 records, replaced in one step/kvutil");
 
-void parse_kvutil(benchmark::State& state)
-{
-    const Kvl::UString text = identity_of(state).str();
-    for (auto _ : state)
-        benchmark::DoNotOptimize(Identity::from_str(text));
-}
-BENCHMARK(parse_kvutil)->Arg(4)->Arg(28)->Arg(32767);
+// ---- rejected ----
 
-void parse_rejected_kvutil(benchmark::State& state)
+#define CUT_SHORT "rejected input: credentials file that ends early/"
+
+/// A file that says to hold three groups and holds none.
+class short_file_t {
+public:
+    short_file_t() { std::ofstream(path(), std::ios::binary) << std::string("\3\0", 2); }
+
+    std::string path() const { return directory_.path + "/short"; }
+    std::string message() const
+    {
+        return "PLXSV0666E Unable to read file '" + path() + "': Success.";
+    }
+
+private:
+    const memory_directory_t directory_;
+};
+
+void reject_kvutil(benchmark::State& state)
 {
-    const Kvl::UString text(u"4:0301AB0102");
+    const short_file_t file;
+    time_rejection<Kvl::RuntimeException>(
+        state, [path = file.path()] { Credentials().read_from_file(path, false); }, file.message());
+}
+BENCHMARK(reject_kvutil)->Name(CUT_SHORT "kvutil");
+
+void reject_stdio(benchmark::State& state)
+{
+    const short_file_t file;
+    const std::string path = file.path();
+    const std::string message = file.message();
     for (auto _ : state) {
         try {
-            benchmark::DoNotOptimize(Identity::from_str(text));
-            state.SkipWithError("accepted");
-        } catch (const Kvl::IllegalArgException& e) {
+            std::FILE* const stream = std::fopen(path.c_str(), "rb");
+            char bytes[5];
+            const bool is_whole = std::fread(bytes, 1, sizeof bytes, stream) == sizeof bytes;
+            std::fclose(stream);
+            if (!is_whole)
+                throw_text(message);
+        } catch (const std::runtime_error& e) {
             benchmark::DoNotOptimize(&e);
         }
     }
 }
-BENCHMARK(parse_rejected_kvutil);
-
-#ifdef KVUTIL_BENCH_QT
-QByteArray bytes_of(const benchmark::State& state)
-{
-    return QByteArray(1, 3) +
-           QByteArray::fromStdString(bits_of(static_cast<std::size_t>(state.range(0))));
-}
-
-/// The digits alone, in Latin-1, are what Qt makes of the same bytes.
-void print_qt(benchmark::State& state)
-{
-    const QByteArray bytes = bytes_of(state);
-    if (identity_of(state).str().utf8_str() !=
-        std::to_string(state.range(0)) + ":" + bytes.toHex().toStdString())
-        state.SkipWithError("the peers do not print the same digits");
-    for (auto _ : state)
-        benchmark::DoNotOptimize(QString::fromLatin1(bytes.toHex()));
-}
-BENCHMARK(print_qt)->Arg(4)->Arg(28)->Arg(32767);
-
-void parse_qt(benchmark::State& state)
-{
-    const QString digits = QString::fromLatin1(bytes_of(state).toHex());
-    for (auto _ : state)
-        benchmark::DoNotOptimize(QByteArray::fromHex(digits.toLatin1()));
-}
-BENCHMARK(parse_qt)->Arg(4)->Arg(28)->Arg(32767);
-#endif
+BENCHMARK(reject_stdio)->Name(CUT_SHORT "stdio and throw of runtime_error");
 
 }  // namespace

@@ -1,24 +1,23 @@
-// Identifiers against what a caller would use instead: libuuid, Poco, APR and Qt where their
-// packages are installed, and the C library's printf and scanf.
+// Identifiers as text and as keys against what a caller would use instead: Qt, Poco and libuuid
+// where their packages are installed, fmt, and the C library's printf and scanf.
 
 #include <kvutil/oid.h>
-#include <kvutil/stpexception.h>
 
-#include <benchmark/benchmark.h>
+#include "rejection.h"
+
+#include <fmt/compile.h>
+#include <fmt/format.h>
+#include <unicode/unistr.h>
 
 #include <cstdio>
-#include <stdexcept>
 #include <string>
+#include <tuple>
 
 #ifdef KVUTIL_BENCH_LIBUUID
 #include <uuid.h>
 #endif
 #ifdef KVUTIL_BENCH_POCO
 #include <Poco/UUID.h>
-#include <Poco/UUIDGenerator.h>
-#endif
-#ifdef KVUTIL_BENCH_APR
-#include <apr_uuid.h>
 #endif
 #ifdef KVUTIL_BENCH_QT
 #include <QString>
@@ -31,162 +30,215 @@ using Kvl::Oid;
 using Kvl::UString;
 using Kvl::Uuid;
 
-// ---- Generation ----
-
-// More than 2.5 million a second are not to be had: the time of what goes beyond is waiting, not
-// work, and is not counted.
-constexpr benchmark::IterationCount WITHOUT_WAITING = 200'000;
-
-void generate_kvutil(benchmark::State& state)
-{
-    for (auto _ : state)
-        benchmark::DoNotOptimize(Uuid::gen());
-}
-BENCHMARK(generate_kvutil)->Iterations(WITHOUT_WAITING)->Repetitions(7)->ReportAggregatesOnly();
-BENCHMARK(generate_kvutil)
-    ->Name("generate_kvutil_2_threads")
-    ->Iterations(WITHOUT_WAITING / 2)
-    ->Threads(2)
-    ->Repetitions(7)
-    ->ReportAggregatesOnly();
-
-#ifdef KVUTIL_BENCH_LIBUUID
-void generate_libuuid(benchmark::State& state)
-{
-    uuid_t uuid;
-    for (auto _ : state) {
-        uuid_generate_time(uuid);
-        benchmark::DoNotOptimize(uuid);
-    }
-}
-BENCHMARK(generate_libuuid);
-#endif
-#ifdef KVUTIL_BENCH_POCO
-void generate_poco(benchmark::State& state)
-{
-    Poco::UUIDGenerator& generator = Poco::UUIDGenerator::defaultGenerator();
-    for (auto _ : state)
-        benchmark::DoNotOptimize(generator.create());
-}
-BENCHMARK(generate_poco);
-#endif
-#ifdef KVUTIL_BENCH_APR
-void generate_apr(benchmark::State& state)
-{
-    apr_uuid_t uuid;
-    for (auto _ : state) {
-        apr_uuid_get(&uuid);
-        benchmark::DoNotOptimize(uuid);
-    }
-}
-BENCHMARK(generate_apr);
-#endif
-
-// ---- Text out ----
-
 const tbs_uuid_s SAMPLE = {0x01234567, 0x89AB, 0xCDEF,
                            0xFE,       0xDC,   {0xBA, 0x98, 0x76, 0x54, 0x32, 0x10}};
 const std::string DOTTED = "01234567.89abcdef.fedc.ba:98:76:54:32:10";
 const std::string HYPHENATED = "01234567-89ab-cdef-fedc-ba9876543210";
 const std::string COMPACT = "0123456789abcdeffedcba9876543210";
 
-void require(benchmark::State& state, bool holds)
-{
-    if (!holds)
-        state.SkipWithError("another result");
-}
+// ---- Text out ----
 
-void compact_out_kvutil(benchmark::State& state)
+constexpr bool IN_COMPACT = true;
+constexpr bool IN_DOTTED = false;
+
+void write_kvutil(benchmark::State& state, bool compact, const std::string& expected)
 {
     const Uuid uuid(SAMPLE);
-    require(state, uuid.std_str(true) == COMPACT);
+    require_agreement(state, uuid.std_str(compact) == expected);
     for (auto _ : state)
-        benchmark::DoNotOptimize(uuid.std_str(true));
+        benchmark::DoNotOptimize(uuid.std_str(compact));
 }
-BENCHMARK(compact_out_kvutil);
 
-void dotted_out_kvutil(benchmark::State& state)
+void write_ustring_kvutil(benchmark::State& state, bool compact, const std::string& expected)
 {
     const Uuid uuid(SAMPLE);
-    require(state, uuid.std_str(false) == DOTTED);
+    require_agreement(state, uuid.str(compact).utf8_str() == expected);
     for (auto _ : state)
-        benchmark::DoNotOptimize(uuid.std_str(false));
+        benchmark::DoNotOptimize(uuid.str(compact));
 }
-BENCHMARK(dotted_out_kvutil);
 
-void dotted_out_as_ustring_kvutil(benchmark::State& state)
+/// What a text of that length costs.
+void write_floor(benchmark::State& state, const std::string& text)
 {
-    const Uuid uuid(SAMPLE);
     for (auto _ : state)
-        benchmark::DoNotOptimize(uuid.str(false));
+        benchmark::DoNotOptimize(std::string(text));
 }
-BENCHMARK(dotted_out_as_ustring_kvutil);
 
-std::string dotted_by_printf(const tbs_uuid_s& s)
+void write_ustring_floor(benchmark::State& state, const std::string& text)
 {
-    char text[41];
+    const std::u16string units(text.begin(), text.end());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(UString(units));
+}
+
+/// @param format  makes the text of an identifier
+template <class Format, class Uuid>
+void time_format(benchmark::State& state, const Uuid& uuid, const std::string& expected,
+                 Format format)
+{
+    require_agreement(state, format(uuid) == expected);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(format(uuid));
+}
+
+constexpr int DOTTED_ROOM = 41;
+
+void print_dotted(const tbs_uuid_s& s, char (&text)[DOTTED_ROOM])
+{
     std::snprintf(text, sizeof text, "%08x.%04hx%04hx.%02x%02x.%02x:%02x:%02x:%02x:%02x:%02x",
                   s.time_low, s.time_mid, s.time_hi_and_version, s.clock_seq_hi_and_reserved,
                   s.clock_seq_low, s.node[0], s.node[1], s.node[2], s.node[3], s.node[4],
                   s.node[5]);
+}
+
+std::string dotted_by_printf(const tbs_uuid_s& s)
+{
+    char text[DOTTED_ROOM];
+    print_dotted(s, text);
     return text;
 }
 
-void dotted_out_printf(benchmark::State& state)
+icu::UnicodeString dotted_by_printf_for_icu(const tbs_uuid_s& s)
 {
-    require(state, dotted_by_printf(SAMPLE) == DOTTED);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(dotted_by_printf(SAMPLE));
+    char text[DOTTED_ROOM];
+    print_dotted(s, text);
+    return icu::UnicodeString(text, DOTTED_ROOM - 1, US_INV);
 }
-BENCHMARK(dotted_out_printf);
+
+std::string dotted_by_fmt(const tbs_uuid_s& s)
+{
+    return fmt::format(FMT_STRING("{:08x}.{:04x}{:04x}.{:02x}{:02x}.{:02x}:{:02x}:{:02x}:{:02x}:"
+                                  "{:02x}:{:02x}"),
+                       s.time_low, s.time_mid, s.time_hi_and_version, s.clock_seq_hi_and_reserved,
+                       s.clock_seq_low, s.node[0], s.node[1], s.node[2], s.node[3], s.node[4],
+                       s.node[5]);
+}
+
+std::string dotted_by_compiled_fmt(const tbs_uuid_s& s)
+{
+    return fmt::format(FMT_COMPILE("{:08x}.{:04x}{:04x}.{:02x}{:02x}.{:02x}:{:02x}:{:02x}:{:02x}:"
+                                   "{:02x}:{:02x}"),
+                       s.time_low, s.time_mid, s.time_hi_and_version, s.clock_seq_hi_and_reserved,
+                       s.clock_seq_low, s.node[0], s.node[1], s.node[2], s.node[3], s.node[4],
+                       s.node[5]);
+}
+
+void write_dotted_printf(benchmark::State& state)
+{
+    time_format(state, SAMPLE, DOTTED, dotted_by_printf);
+}
+
+void write_dotted_ustring_printf(benchmark::State& state)
+{
+    require_agreement(state, dotted_by_printf_for_icu(SAMPLE) == UString(Kvl::Utf8String(DOTTED)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(dotted_by_printf_for_icu(SAMPLE));
+}
+
+void write_dotted_fmt(benchmark::State& state)
+{
+    time_format(state, SAMPLE, DOTTED, dotted_by_fmt);
+}
+
+void write_dotted_compiled_fmt(benchmark::State& state)
+{
+    time_format(state, SAMPLE, DOTTED, dotted_by_compiled_fmt);
+}
 
 #ifdef KVUTIL_BENCH_POCO
-void hyphenated_out_poco(benchmark::State& state)
+void write_poco(benchmark::State& state)
 {
-    const Poco::UUID uuid(HYPHENATED);
-    require(state, uuid.toString() == HYPHENATED);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(uuid.toString());
+    time_format(state, Poco::UUID(HYPHENATED), HYPHENATED,
+                [](const Poco::UUID& uuid) { return uuid.toString(); });
 }
-BENCHMARK(hyphenated_out_poco);
 #endif
 #ifdef KVUTIL_BENCH_LIBUUID
-void hyphenated_out_libuuid(benchmark::State& state)
+struct libuuid_t {
+    uuid_t bytes;
+};
+
+void write_libuuid(benchmark::State& state)
 {
-    uuid_t uuid;
-    require(state, uuid_parse(HYPHENATED.c_str(), uuid) == 0);
-    for (auto _ : state) {
-        char text[37];
-        uuid_unparse_lower(uuid, text);
-        benchmark::DoNotOptimize(std::string(text, 36));
-    }
+    libuuid_t uuid;
+    require_agreement(state, uuid_parse(HYPHENATED.c_str(), uuid.bytes) == 0);
+    time_format(state, uuid, HYPHENATED, [](const libuuid_t& id) {
+        char text[UUID_STR_LEN];
+        uuid_unparse_lower(id.bytes, text);
+        return std::string(text, sizeof text - 1);
+    });
 }
-BENCHMARK(hyphenated_out_libuuid);
 #endif
 #ifdef KVUTIL_BENCH_QT
-void compact_out_qt(benchmark::State& state)
+void write_qt(benchmark::State& state)
 {
-    const QUuid uuid(QString::fromStdString("{" + HYPHENATED + "}"));
-    require(state, uuid.toByteArray(QUuid::Id128).toStdString() == COMPACT);
+    const QUuid uuid(QByteArray::fromStdString(HYPHENATED));
+    require_agreement(state, uuid.toByteArray(QUuid::Id128).toStdString() == COMPACT);
     for (auto _ : state)
         benchmark::DoNotOptimize(uuid.toByteArray(QUuid::Id128));
 }
-BENCHMARK(compact_out_qt);
+
+void write_qstring_qt(benchmark::State& state)
+{
+    const QUuid uuid(QByteArray::fromStdString(HYPHENATED));
+    require_agreement(state, uuid.toString(QUuid::Id128).toStdString() == COMPACT);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(uuid.toString(QUuid::Id128));
+}
+#endif
+
+// Poco and libuuid know the hyphenated form alone, which is four characters longer.
+#define OUT_OF "UUID text out: "
+BENCHMARK_CAPTURE(write_kvutil, , IN_COMPACT, COMPACT)->Name(OUT_OF "compact/kvutil");
+BENCHMARK_CAPTURE(write_kvutil, , IN_DOTTED, DOTTED)->Name(OUT_OF "dotted/kvutil");
+BENCHMARK_CAPTURE(write_floor, , COMPACT)->Name(OUT_OF "compact/floor");
+BENCHMARK_CAPTURE(write_floor, , DOTTED)->Name(OUT_OF "dotted/floor");
+BENCHMARK_CAPTURE(write_ustring_kvutil, , IN_COMPACT, COMPACT)
+    ->Name(OUT_OF "compact, UTF-16/kvutil");
+BENCHMARK_CAPTURE(write_ustring_kvutil, , IN_DOTTED, DOTTED)->Name(OUT_OF "dotted, UTF-16/kvutil");
+BENCHMARK_CAPTURE(write_ustring_floor, , COMPACT)->Name(OUT_OF "compact, UTF-16/floor");
+BENCHMARK_CAPTURE(write_ustring_floor, , DOTTED)->Name(OUT_OF "dotted, UTF-16/floor");
+BENCHMARK(write_dotted_printf)->Name(OUT_OF "dotted/printf");
+BENCHMARK(write_dotted_ustring_printf)->Name(OUT_OF "dotted, UTF-16/printf and ICU");
+BENCHMARK(write_dotted_fmt)->Name(OUT_OF "dotted/fmt");
+BENCHMARK(write_dotted_compiled_fmt)->Name(OUT_OF "dotted/fmt, format compiled");
+#ifdef KVUTIL_BENCH_POCO
+BENCHMARK(write_poco)->Name(OUT_OF "compact/Poco, hyphenated");
+#endif
+#ifdef KVUTIL_BENCH_LIBUUID
+BENCHMARK(write_libuuid)->Name(OUT_OF "compact/libuuid, hyphenated");
+#endif
+#ifdef KVUTIL_BENCH_QT
+BENCHMARK(write_qt)->Name(OUT_OF "compact/Qt");
+BENCHMARK(write_qstring_qt)->Name(OUT_OF "compact, UTF-16/Qt");
 #endif
 
 // ---- Text in ----
 
 void read_kvutil(benchmark::State& state, const std::string& text)
 {
-    require(state, Uuid::from_string(text) == Uuid(SAMPLE));
+    require_agreement(state, Uuid::from_string(text) == Uuid(SAMPLE));
     for (auto _ : state)
         benchmark::DoNotOptimize(Uuid::from_string(text));
 }
-BENCHMARK_CAPTURE(read_kvutil, compact, COMPACT);
-BENCHMARK_CAPTURE(read_kvutil, dotted, DOTTED);
-BENCHMARK_CAPTURE(read_kvutil, hyphenated, HYPHENATED);
-// Not as we write it, so read as scanf() does.
-BENCHMARK_CAPTURE(read_kvutil, dotted_behind_a_blank, " " + DOTTED);
+
+void read_ustring_kvutil(benchmark::State& state, const std::string& text)
+{
+    const UString units{Kvl::Utf8String(text)};
+    require_agreement(state, Oid::from_string(units) == Oid(SAMPLE));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Oid::from_string(units));
+}
+
+/// @param read  (text, result): whether the text has the form
+template <class Result, class Read>
+void time_reading(benchmark::State& state, const std::string& text, Read read)
+{
+    Result result{};
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(read(text, result));
+        benchmark::DoNotOptimize(result);
+    }
+}
 
 bool read_by_scanf(const std::string& text, tbs_uuid_s& s)
 {
@@ -202,94 +254,138 @@ bool read_by_scanf(const std::string& text, tbs_uuid_s& s)
     return count == 11;
 }
 
-void read_scanf_dotted(benchmark::State& state)
+void read_scanf(benchmark::State& state, const std::string& text)
 {
     tbs_uuid_s s;
-    require(state, read_by_scanf(DOTTED, s) && Uuid(s) == Uuid(SAMPLE));
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(read_by_scanf(DOTTED, s));
-        benchmark::DoNotOptimize(s);
-    }
+    require_agreement(state, read_by_scanf(text, s) && Uuid(s) == Uuid(SAMPLE));
+    time_reading<tbs_uuid_s>(state, text, read_by_scanf);
 }
-BENCHMARK(read_scanf_dotted);
 
 #ifdef KVUTIL_BENCH_POCO
+bool read_by_poco(const std::string& text, Poco::UUID& uuid)
+{
+    return uuid.tryParse(text);
+}
+
 void read_poco(benchmark::State& state, const std::string& text)
 {
     Poco::UUID uuid;
-    require(state, uuid.tryParse(text) && uuid.toString() == HYPHENATED);
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(uuid.tryParse(text));
-        benchmark::DoNotOptimize(uuid);
-    }
+    require_agreement(state, read_by_poco(text, uuid) && uuid.toString() == HYPHENATED);
+    time_reading<Poco::UUID>(state, text, read_by_poco);
 }
-BENCHMARK_CAPTURE(read_poco, compact, COMPACT);
-BENCHMARK_CAPTURE(read_poco, hyphenated, HYPHENATED);
 #endif
 #ifdef KVUTIL_BENCH_LIBUUID
-void read_libuuid_hyphenated(benchmark::State& state)
+bool read_by_libuuid(const std::string& text, libuuid_t& uuid)
 {
-    uuid_t uuid;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(uuid_parse(HYPHENATED.c_str(), uuid));
-        benchmark::DoNotOptimize(uuid);
-    }
+    return uuid_parse(text.c_str(), uuid.bytes) == 0;
 }
-BENCHMARK(read_libuuid_hyphenated);
+
+void read_libuuid(benchmark::State& state)
+{
+    libuuid_t uuid;
+    require_agreement(state, read_by_libuuid(HYPHENATED, uuid) && uuid.bytes[0] == 0x01 &&
+                                 uuid.bytes[15] == 0x10);
+    time_reading<libuuid_t>(state, HYPHENATED, read_by_libuuid);
+}
 #endif
 #ifdef KVUTIL_BENCH_QT
-void read_qt_hyphenated(benchmark::State& state)
+void read_qt(benchmark::State& state)
 {
     const QByteArray text = QByteArray::fromStdString(HYPHENATED);
-    require(state, QUuid::fromRfc4122(QByteArray::fromHex(COMPACT.c_str())) == QUuid(text));
+    require_agreement(state, QUuid(text).toByteArray(QUuid::Id128).toStdString() == COMPACT);
     for (auto _ : state)
         benchmark::DoNotOptimize(QUuid(text));
 }
-BENCHMARK(read_qt_hyphenated);
+
+void read_qstring_qt(benchmark::State& state)
+{
+    const QString text = QString::fromStdString(HYPHENATED);
+    require_agreement(state, QUuid(text).toByteArray(QUuid::Id128).toStdString() == COMPACT);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(QUuid(text));
+}
 #endif
 
-void read_rejected_kvutil(benchmark::State& state)
-{
-    const std::string text = "01234567.89abcdef.fedc.ba:98:76:54:32:xy";
-    for (auto _ : state) {
-        try {
-            benchmark::DoNotOptimize(Uuid::from_string(text));
-            state.SkipWithError("accepted");
-        } catch (const Kvl::IllegalArgException& e) {
-            benchmark::DoNotOptimize(&e);
-        }
-    }
-}
-BENCHMARK(read_rejected_kvutil);
+#define IN_OF "UUID text in: "
+BENCHMARK_CAPTURE(read_kvutil, , COMPACT)->Name(IN_OF "compact/kvutil");
+BENCHMARK_CAPTURE(read_kvutil, , DOTTED)->Name(IN_OF "dotted/kvutil");
+BENCHMARK_CAPTURE(read_kvutil, , HYPHENATED)->Name(IN_OF "hyphenated/kvutil");
+BENCHMARK_CAPTURE(read_ustring_kvutil, , HYPHENATED)->Name(IN_OF "hyphenated, UTF-16/kvutil");
+// Not as we write it, so read by the rules one by one.
+BENCHMARK_CAPTURE(read_kvutil, , " " + DOTTED)->Name(IN_OF "dotted, behind a blank/kvutil");
+BENCHMARK_CAPTURE(read_scanf, , DOTTED)->Name(IN_OF "dotted/scanf");
+BENCHMARK_CAPTURE(read_scanf, , " " + DOTTED)->Name(IN_OF "dotted, behind a blank/scanf");
+#ifdef KVUTIL_BENCH_POCO
+BENCHMARK_CAPTURE(read_poco, , COMPACT)->Name(IN_OF "compact/Poco");
+BENCHMARK_CAPTURE(read_poco, , HYPHENATED)->Name(IN_OF "hyphenated/Poco");
+#endif
+#ifdef KVUTIL_BENCH_LIBUUID
+BENCHMARK(read_libuuid)->Name(IN_OF "hyphenated/libuuid");
+#endif
+#ifdef KVUTIL_BENCH_QT
+BENCHMARK(read_qt)->Name(IN_OF "hyphenated/Qt");
+BENCHMARK(read_qstring_qt)->Name(IN_OF "hyphenated, UTF-16/Qt");
+#endif
 
-// A rejection is a throw and its two texts.
-void read_rejected_runtime_error(benchmark::State& state)
+// ---- Rejected ----
+
+const std::string BAD_TEXT = "01234567.89abcdef.fedc.ba:98:76:54:32:xy";
+const std::string MESSAGE =
+    "PLXSV0657E Invalid Oid/Uuid format for arg: '" + BAD_TEXT + "' with value: '" + BAD_TEXT + "'";
+
+void reject_kvutil(benchmark::State& state)
 {
-    for (auto _ : state) {
-        try {
-            throw std::runtime_error("Invalid format: '01234567.89abcdef.fedc.ba:98:76:54:32:xy', "
-                                     "'01234567.89abcdef.fedc.ba:98:76:54:32:xy'");
-        } catch (const std::runtime_error& e) {
-            benchmark::DoNotOptimize(&e);
-        }
-    }
+    time_rejection<Kvl::IllegalArgException>(
+        state, [] { benchmark::DoNotOptimize(Uuid::from_string(BAD_TEXT)); }, MESSAGE);
 }
-BENCHMARK(read_rejected_runtime_error);
+BENCHMARK(reject_kvutil)->Name("rejected input: UUID text/kvutil");
+
+void reject_std(benchmark::State& state)
+{
+    time_throw(state, MESSAGE);
+}
+BENCHMARK(reject_std)->Name("rejected input: UUID text/throw of runtime_error");
 
 // ---- Keys ----
 
-void compare_kvutil(benchmark::State& state)
+/// What an ordered or a hashed container asks of its keys.
+template <class Key, class Hash>
+void time_key(benchmark::State& state, Key one, Key other, Hash hash)
 {
-    Oid one = Oid::gen();
-    Oid other = Oid::gen();
     for (auto _ : state) {
         benchmark::DoNotOptimize(one);
         benchmark::DoNotOptimize(other);
         benchmark::DoNotOptimize(one < other);
         benchmark::DoNotOptimize(one == other);
-        benchmark::DoNotOptimize(one.hash());
+        benchmark::DoNotOptimize(hash(one));
     }
 }
-BENCHMARK(compare_kvutil);
+
+#define KEY "further, identifiers and dates: identifier compared and hashed/"
+
+void key_kvutil(benchmark::State& state)
+{
+    time_key(state, Oid::from_string(COMPACT), Oid::gen(), std::hash<Oid>());
+}
+BENCHMARK(key_kvutil)->Name(KEY "kvutil");
+
+/// The same four words, as C++ compares them by itself.
+void key_floor(benchmark::State& state)
+{
+    using words_t = std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t>;
+    time_key(state, words_t(1, 2, 3, 4), words_t(5, 6, 7, 8), [](const words_t& w) {
+        return std::get<0>(w) ^ std::get<1>(w) ^ std::get<2>(w) ^ std::get<3>(w);
+    });
+}
+BENCHMARK(key_floor)->Name(KEY "floor");
+
+#ifdef KVUTIL_BENCH_QT
+void key_qt(benchmark::State& state)
+{
+    time_key(state, QUuid(QByteArray::fromStdString(HYPHENATED)), QUuid::createUuid(),
+             [](const QUuid& uuid) { return qHash(uuid); });
+}
+BENCHMARK(key_qt)->Name(KEY "Qt");
+#endif
 
 }  // namespace
