@@ -1,80 +1,54 @@
-// Selectors against what a caller would use instead: the URI parser and the percent escapes of APR
-// and libxml2, where their packages are installed, and plain code on std::u16string.
+// Selectors against what a caller would use instead: parsers of URIs, percent escapes, and plain
+// code on std::u16string.
+
+#include "contest.h"
+#include "entry.h"
+#include "rejection.h"
 
 #include <kvutil/selector.h>
 #include <kvutil/stpexception.h>
 
-#include <benchmark/benchmark.h>
-
-#include <stdexcept>
+#include <algorithm>
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #ifdef KVUTIL_BENCH_APR
 #include <apr_escape.h>
 #include <apr_general.h>
 #include <apr_uri.h>
 #endif
+#ifdef KVUTIL_BENCH_GLIB
+#include <glib.h>
+#endif
 #ifdef KVUTIL_BENCH_LIBXML2
 #include <libxml/uri.h>
+#endif
+#ifdef KVUTIL_BENCH_QT
+#include <QString>
+#include <QUrl>
+#include <QVector>
 #endif
 
 namespace {
 
 using Kvl::Selector;
+using Kvl::StateException;
 using Kvl::UString;
 
-// ---- Parsing ----
+struct size_in_words_t {
+    std::size_t units;
+    const char* words;
+};
+constexpr size_in_words_t SIZES[] = {
+    {1 << 10, "1 KiB"}, {64 << 10, "64 KiB"}, {1 << 20, "1 MiB"}, {16 << 20, "16 MiB"}};
 
-const char16_t TEXT[] = u"vd.file:/src/lib/main.c@/vobs/proj";
-
-void parse_kvutil(benchmark::State& state)
+std::string narrow(const std::u16string& text)
 {
-    const UString text(TEXT);
-    if (Selector(text).repository() != UString(u"/vobs/proj"))
-        state.SkipWithError("not parsed");
-    for (auto _ : state)
-        benchmark::DoNotOptimize(Selector(text));
+    return std::string(text.begin(), text.end());
 }
-BENCHMARK(parse_kvutil)->ThreadRange(1, 2);
-
-// The floor: the two owned texts of the result, and nothing looked for.
-void parse_floor(benchmark::State& state)
-{
-    const UString name(u"/src/lib/main.c");
-    const UString repository(u"/vobs/proj");
-    for (auto _ : state)
-        benchmark::DoNotOptimize(Selector(Selector::NS_FILE, Selector::PD_VD, 0, name, repository));
-}
-BENCHMARK(parse_floor);
-
-void parse_rejected_kvutil(benchmark::State& state)
-{
-    const UString text(u"vd.bogus:/src/lib/main.c@/vobs/proj");
-    for (auto _ : state) {
-        try {
-            benchmark::DoNotOptimize(Selector(text));
-            state.SkipWithError("accepted");
-        } catch (const Kvl::StateException& e) {
-            benchmark::DoNotOptimize(&e);
-        }
-    }
-}
-BENCHMARK(parse_rejected_kvutil);
-
-// A rejection is a throw and its two texts.
-void parse_rejected_runtime_error(benchmark::State& state)
-{
-    for (auto _ : state) {
-        try {
-            throw std::runtime_error("The selector 'vd.bogus:/src/lib/main.c@/vobs/proj' is not "
-                                     "valid: unknown namespace: bogus");
-        } catch (const std::runtime_error& e) {
-            benchmark::DoNotOptimize(&e);
-        }
-    }
-}
-BENCHMARK(parse_rejected_runtime_error);
 
 #ifdef KVUTIL_BENCH_APR
 class pool_t {
@@ -96,40 +70,195 @@ public:
 private:
     apr_pool_t* pool_ = nullptr;
 };
+#endif
 
-void parse_apr(benchmark::State& state)
+#ifdef KVUTIL_BENCH_LIBXML2
+const xmlChar* xml(const std::string& text)
+{
+    return reinterpret_cast<const xmlChar*>(text.c_str());
+}
+#endif
+
+// ---- Parsing ---------------------------------------------------------------------------------
+
+/// One address for each grammar: the same path, and what else there is in the other parts.
+struct address_t {
+    std::u16string path, repository;
+
+    std::u16string selector() const { return u"vd.file:" + path + u'@' + repository; }
+    std::u16string uri() const { return u"file://vd" + path + u'?' + repository.substr(1); }
+};
+
+const address_t ADDRESS = {u"/src/lib/main.c", u"/vobs/proj"};
+
+address_t address_of(std::size_t length)
+{
+    std::u16string path;
+    while (path.size() + 8 <= length)
+        path += u"/segment";
+    return {path, u"/vobs/proj"};
+}
+
+void parse_kvutil(benchmark::State& state, const address_t& address)
+{
+    const UString text(address.selector());
+    const Selector parsed(text);
+    require_agreement(state, parsed.ns() == Selector::NS_FILE &&
+                                 parsed.domain() == Selector::PD_VD &&
+                                 parsed.name() == UString(address.path) &&
+                                 parsed.repository() == UString(address.repository));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Selector(text));
+}
+
+/// The least work: the two owned texts of the result, and nothing looked for.
+void parse_floor(benchmark::State& state, const address_t& address)
+{
+    for (auto _ : state)
+        benchmark::DoNotOptimize(address_t(address));
+}
+
+#ifdef KVUTIL_BENCH_APR
+void parse_apr(benchmark::State& state, const address_t& address)
 {
     const pool_t pool;
-    const char* const text = "file://vd/src/lib/main.c?vobs/proj";
+    const std::string text = narrow(address.uri());
     apr_uri_t uri;
-    if (apr_uri_parse(pool.get(), text, &uri) != APR_SUCCESS ||
-        uri.path != std::string_view("/src/lib/main.c"))
-        state.SkipWithError("not parsed");
+    require_agreement(state, apr_uri_parse(pool.get(), text.c_str(), &uri) == APR_SUCCESS &&
+                                 uri.path == narrow(address.path) &&
+                                 '/' + std::string(uri.query) == narrow(address.repository));
     for (auto _ : state) {
         apr_pool_clear(pool.get());
-        benchmark::DoNotOptimize(apr_uri_parse(pool.get(), text, &uri));
+        benchmark::DoNotOptimize(apr_uri_parse(pool.get(), text.c_str(), &uri));
         benchmark::ClobberMemory();
     }
 }
-BENCHMARK(parse_apr);
 #endif
 
-// ---- Escapes ----
+#ifdef KVUTIL_BENCH_QT
+void parse_qt(benchmark::State& state, const address_t& address)
+{
+    const QString text = QString::fromStdU16String(address.uri());
+    const QUrl parsed(text);
+    require_agreement(state, parsed.path().toStdU16String() == address.path &&
+                                 u'/' + parsed.query().toStdU16String() == address.repository);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(QUrl(text));
+}
+#endif
 
-/// A segment of `length` units, every twelfth one a delimiter.
-std::u16string segment_of(benchmark::IterationCount length)
+#ifdef KVUTIL_BENCH_LIBXML2
+void parse_libxml2(benchmark::State& state, const address_t& address)
+{
+    const std::string text = narrow(address.uri());
+    xmlURI* const parsed = xmlParseURI(text.c_str());
+    require_agreement(state, parsed != nullptr && parsed->path == narrow(address.path) &&
+                                 '/' + std::string(parsed->query) == narrow(address.repository));
+    xmlFreeURI(parsed);
+    for (auto _ : state)
+        xmlFreeURI(xmlParseURI(text.c_str()));
+}
+#endif
+
+#ifdef KVUTIL_BENCH_GLIB
+void parse_glib(benchmark::State& state, const address_t& address)
+{
+    const std::string text = narrow(address.uri());
+    GUri* const parsed = g_uri_parse(text.c_str(), G_URI_FLAGS_NONE, nullptr);
+    require_agreement(state,
+                      parsed != nullptr && g_uri_get_path(parsed) == narrow(address.path) &&
+                          '/' + std::string(g_uri_get_query(parsed)) == narrow(address.repository));
+    g_uri_unref(parsed);
+    for (auto _ : state)
+        g_uri_unref(g_uri_parse(text.c_str(), G_URI_FLAGS_NONE, nullptr));
+}
+#endif
+
+void enter_parsers(const std::string& name, const address_t& address, int threads = 1)
+{
+    const auto enter_parser = [&](const char* contestant, auto parse) {
+        auto* const entered = enter(name, contestant, [=](auto& state) { parse(state, address); });
+        if (threads > 1)
+            entered->Threads(threads)->UseRealTime();
+    };
+    enter_parser("kvutil", parse_kvutil);
+    enter_parser("floor", parse_floor);
+#ifdef KVUTIL_BENCH_APR
+    enter_parser("APR", parse_apr);
+#endif
+#ifdef KVUTIL_BENCH_QT
+    enter_parser("QUrl", parse_qt);
+#endif
+#ifdef KVUTIL_BENCH_LIBXML2
+    enter_parser("libxml2", parse_libxml2);
+#endif
+#ifdef KVUTIL_BENCH_GLIB
+    enter_parser("GUri", parse_glib);
+#endif
+}
+
+const bool parsers_are_entered = [] {
+    enter_parsers("selector parse: 34 units", ADDRESS);
+    enter_parsers("further, selectors and segments: parse, 34 units, 2 threads", ADDRESS, 2);
+    for (const auto& [units, words] : SIZES)
+        enter_parsers(std::string("growth, selector parse: ") + words, address_of(units));
+    return true;
+}();
+
+// ---- Rejected texts --------------------------------------------------------------------------
+
+struct rejection_t {
+    const char* why;
+    const char16_t* text;
+    const char* detail;
+};
+
+/// One for each check of the parser, in their order.
+constexpr rejection_t REJECTIONS[] = {
+    {"without a colon", u"vd.file", "missing namespace seperator: \":\""},
+    {"unknown domain", u"xy.file:/src/lib/main.c@/vobs/proj", "unknown provider domain: xy"},
+    {"unknown namespace", u"vd.bogus:/src/lib/main.c@/vobs/proj", "unknown namespace: bogus"},
+    {"unknown resource type", u"vd.repo.bogus:@/vobs/proj", "unknown resource type: bogus"},
+    {"extra segment", u"vd.file.extra:/src/lib/main.c@/vobs/proj",
+     "extra segment before name and repository: extra"},
+    {"nothing after the colon", u"vd.file:", "no name or repository segments"},
+    {"without an at-sign", u"vd.file:/src/lib/main.c", "missing repository seperator: \"@\""},
+    {"no name", u"vd.file:@/vobs/proj", "no name for non-repository resource type"},
+    {"no repository", u"vd.file:/src/lib/main.c@", "no repository segment"},
+};
+
+std::string message_of(const rejection_t& rejection)
+{
+    return "PLXSV0671E The selector '" + narrow(rejection.text) +
+           "' is not valid: " + rejection.detail;
+}
+
+const bool rejections_are_entered = [] {
+    for (const auto& rejection : REJECTIONS) {
+        const std::string name = std::string("rejected input: selector, ") + rejection.why;
+        enter(name, "kvutil", [&](auto& state) {
+            time_rejection<StateException>(
+                state,
+                [text = UString(rejection.text)] { benchmark::DoNotOptimize(Selector(text)); },
+                message_of(rejection));
+        });
+        enter(name, "throw of runtime_error",
+              [&](auto& state) { time_throw(state, message_of(rejection)); });
+    }
+    return true;
+}();
+
+// ---- Escapes ---------------------------------------------------------------------------------
+
+/// A segment in which every twelfth unit is a delimiter.
+std::u16string segment_of(std::size_t length)
 {
     const std::u16string_view delimiters = u"%:@/\\";
     std::u16string text;
-    for (std::size_t i = 0; i < static_cast<std::size_t>(length); ++i)
+    for (std::size_t i = 0; i < length; ++i)
         text += i % 12 == 5 ? delimiters[i / 12 % delimiters.size()]
                             : static_cast<char16_t>(u'a' + i % 26);
     return text;
-}
-
-std::string narrow(const std::u16string& text)
-{
-    return std::string(text.begin(), text.end());
 }
 
 bool is_delimiter(char16_t unit)
@@ -140,6 +269,7 @@ bool is_delimiter(char16_t unit)
 std::u16string encode_plainly(const std::u16string& segment)
 {
     std::u16string result;
+    result.reserve(segment.size() + segment.size() / 8);
     for (const char16_t unit : segment) {
         if (is_delimiter(unit))
             result += u'%';
@@ -151,6 +281,7 @@ std::u16string encode_plainly(const std::u16string& segment)
 std::u16string decode_plainly(const std::u16string& text)
 {
     std::u16string result;
+    result.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (text[i] == u'%' && i + 1 < text.size() && is_delimiter(text[i + 1]))
             ++i;
@@ -159,195 +290,215 @@ std::u16string decode_plainly(const std::u16string& text)
     return result;
 }
 
-void count_units(benchmark::State& state, std::size_t length)
+void encode_kvutil(benchmark::State& state, const std::u16string& segment)
 {
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(length));
-}
-
-void segment_lengths(benchmark::internal::Benchmark* benchmark)
-{
-    benchmark->Arg(12)->Arg(60)->Arg(1 << 10)->Arg(64 << 10)->Arg(1 << 20)->Arg(16 << 20);
-}
-
-void encode_kvutil(benchmark::State& state)
-{
-    const std::u16string segment = segment_of(state.range(0));
     const UString text(segment);
-    if (Selector::encode_segment(text) != UString(encode_plainly(segment)))
-        state.SkipWithError("another result");
+    require_agreement(state, Selector::encode_segment(text) == UString(encode_plainly(segment)));
     for (auto _ : state)
         benchmark::DoNotOptimize(Selector::encode_segment(text));
-    count_units(state, segment.size());
 }
-BENCHMARK(encode_kvutil)->Apply(segment_lengths);
 
-void encode_std(benchmark::State& state)
+void decode_kvutil(benchmark::State& state, const std::u16string& segment)
 {
-    const std::u16string segment = segment_of(state.range(0));
-    for (auto _ : state)
-        benchmark::DoNotOptimize(encode_plainly(segment));
-    count_units(state, segment.size());
-}
-BENCHMARK(encode_std)->Apply(segment_lengths);
-
-void decode_kvutil(benchmark::State& state)
-{
-    const std::u16string segment = segment_of(state.range(0));
     const UString text(encode_plainly(segment));
-    if (Selector::decode_string(text) != UString(segment))
-        state.SkipWithError("another result");
+    require_agreement(state, Selector::decode_string(text) == UString(segment));
     for (auto _ : state)
         benchmark::DoNotOptimize(Selector::decode_string(text));
-    count_units(state, segment.size());
 }
-BENCHMARK(decode_kvutil)->Apply(segment_lengths);
 
-void decode_std(benchmark::State& state)
+/// The least work: the finished units are there, one pass makes them an owned text.
+void copy_units(benchmark::State& state, const std::u16string& result)
 {
-    const std::u16string segment = segment_of(state.range(0));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(UString(result));
+}
+
+void encode_std(benchmark::State& state, const std::u16string& segment)
+{
+    for (auto _ : state)
+        benchmark::DoNotOptimize(encode_plainly(segment));
+}
+
+void decode_std(benchmark::State& state, const std::u16string& segment)
+{
     const std::u16string text = encode_plainly(segment);
-    if (decode_plainly(text) != segment)
-        state.SkipWithError("another result");
+    require_agreement(state, decode_plainly(text) == segment);
     for (auto _ : state)
         benchmark::DoNotOptimize(decode_plainly(text));
-    count_units(state, segment.size());
 }
-BENCHMARK(decode_std)->Apply(segment_lengths);
 
 #ifdef KVUTIL_BENCH_APR
-void encode_apr(benchmark::State& state)
+void encode_apr(benchmark::State& state, const std::u16string& units)
 {
     const pool_t pool;
-    const std::string segment = narrow(segment_of(state.range(0)));
+    const std::string segment = narrow(units);
     const char* const escaped = apr_pescape_path_segment(pool.get(), segment.c_str());
-    if (apr_punescape_url(pool.get(), escaped, "", "", 0) != segment)
-        state.SkipWithError("another result");
+    require_agreement(state, apr_punescape_url(pool.get(), escaped, "", "", 0) == segment);
     for (auto _ : state) {
         apr_pool_clear(pool.get());
         benchmark::DoNotOptimize(apr_pescape_path_segment(pool.get(), segment.c_str()));
     }
-    count_units(state, segment.size());
 }
-BENCHMARK(encode_apr)->Apply(segment_lengths);
+
+void decode_apr(benchmark::State& state, const std::u16string& units)
+{
+    const pool_t pool;
+    const std::string escaped = apr_pescape_path_segment(pool.get(), narrow(units).c_str());
+    require_agreement(state,
+                      apr_punescape_url(pool.get(), escaped.c_str(), "", "", 0) == narrow(units));
+    for (auto _ : state) {
+        apr_pool_clear(pool.get());
+        benchmark::DoNotOptimize(apr_punescape_url(pool.get(), escaped.c_str(), "", "", 0));
+    }
+}
 #endif
 
 #ifdef KVUTIL_BENCH_LIBXML2
-const xmlChar* xml(const std::string& text)
+void encode_libxml2(benchmark::State& state, const std::u16string& units)
 {
-    return reinterpret_cast<const xmlChar*>(text.c_str());
+    const std::string segment = narrow(units);
+    for (auto _ : state)
+        xmlFree(xmlURIEscapeStr(xml(segment), xml("")));
 }
 
-void encode_libxml2(benchmark::State& state)
+void decode_libxml2(benchmark::State& state, const std::u16string& units)
 {
-    const std::string segment = narrow(segment_of(state.range(0)));
-    for (auto _ : state) {
-        xmlChar* const escaped = xmlURIEscapeStr(xml(segment), xml(""));
-        if (escaped == nullptr)
-            state.SkipWithError("too long for libxml2");
-        benchmark::DoNotOptimize(escaped);
-        xmlFree(escaped);
-    }
-    count_units(state, segment.size());
-}
-BENCHMARK(encode_libxml2)->Apply(segment_lengths);
-
-void decode_libxml2(benchmark::State& state)
-{
-    const std::string segment = narrow(segment_of(state.range(0)));
+    const std::string segment = narrow(units);
     xmlChar* const escaped = xmlURIEscapeStr(xml(segment), xml(""));
-    if (escaped == nullptr) {
-        state.SkipWithError("too long for libxml2");
-        return;
-    }
     const std::string text(reinterpret_cast<const char*>(escaped));
     xmlFree(escaped);
-    const int length = static_cast<int>(text.size());
-    for (auto _ : state) {
-        char* const result = xmlURIUnescapeString(text.c_str(), length, nullptr);
-        if (result != segment)
-            state.SkipWithError("another result");
-        xmlFree(result);
-    }
-    count_units(state, segment.size());
+    char* const result = xmlURIUnescapeString(text.c_str(), static_cast<int>(text.size()), nullptr);
+    require_agreement(state, result == segment);
+    xmlFree(result);
+    for (auto _ : state)
+        xmlFree(xmlURIUnescapeString(text.c_str(), static_cast<int>(text.size()), nullptr));
 }
-BENCHMARK(decode_libxml2)->Apply(segment_lengths);
 #endif
 
-// ---- Replacing ----
-
-std::u16string path_of(benchmark::IterationCount length)
+#ifdef KVUTIL_BENCH_GLIB
+void encode_glib(benchmark::State& state, const std::u16string& units)
 {
+    const std::string segment = narrow(units);
+    for (auto _ : state)
+        g_free(g_uri_escape_string(segment.c_str(), nullptr, FALSE));
+}
+
+void decode_glib(benchmark::State& state, const std::u16string& units)
+{
+    const std::string segment = narrow(units);
+    char* const escaped = g_uri_escape_string(segment.c_str(), nullptr, FALSE);
+    const std::string text(escaped);
+    g_free(escaped);
+    char* const result = g_uri_unescape_string(text.c_str(), nullptr);
+    require_agreement(state, result == segment);
+    g_free(result);
+    for (auto _ : state)
+        g_free(g_uri_unescape_string(text.c_str(), nullptr));
+}
+#endif
+
+/// A peer with a limit of its own is left out above it.
+constexpr std::size_t LARGEST_OF_LIBXML2 = 1 << 19;
+
+void enter_escapes(const std::string& row, const std::string& size, std::size_t length)
+{
+    const std::u16string segment = segment_of(length);
+    const auto enter_contestant = [&](const char* direction, const char* contestant, auto time) {
+        enter(row + ": " + direction + ", " + size, contestant,
+              [=](auto& state) { time(state, segment); });
+    };
+    enter_contestant("encode", "kvutil", encode_kvutil);
+    enter_contestant("decode", "kvutil", decode_kvutil);
+    enter_contestant("encode", "loop on std::u16string", encode_std);
+    enter_contestant("decode", "loop on std::u16string", decode_std);
+    enter_contestant("encode", "floor", [](auto& state, const std::u16string& units) {
+        copy_units(state, encode_plainly(units));
+    });
+    enter_contestant("decode", "floor", copy_units);
+#ifdef KVUTIL_BENCH_APR
+    enter_contestant("encode", "APR", encode_apr);
+    enter_contestant("decode", "APR", decode_apr);
+#endif
+#ifdef KVUTIL_BENCH_LIBXML2
+    if (length <= LARGEST_OF_LIBXML2) {
+        enter_contestant("encode", "libxml2", encode_libxml2);
+        enter_contestant("decode", "libxml2", decode_libxml2);
+    }
+#endif
+#ifdef KVUTIL_BENCH_GLIB
+    enter_contestant("encode", "glib", encode_glib);
+    enter_contestant("decode", "glib", decode_glib);
+#endif
+}
+
+const bool escapes_are_entered = [] {
+    enter_escapes("segment encode and decode", "60 units", 60);
+    enter_escapes("further, selectors and segments", "12 units", 12);
+    for (const auto& [units, words] : SIZES)
+        enter_escapes("growth, encode and decode", words, units);
+    return true;
+}();
+
+// ---- Splitting and printing ------------------------------------------------------------------
+
+std::u16string path_of(std::size_t length)
+{
+    const std::u16string_view part = u"some/segment/abcdef ";
     std::u16string text;
-    while (text.size() < static_cast<std::size_t>(length))
-        text += u"some/segment/abcdef ";
+    while (text.size() < length)
+        text += part[text.size() % part.size()];
     return text;
 }
 
-std::u16string replace_plainly(const std::u16string& source, const std::u16string& from,
-                               const std::u16string& to)
+std::vector<std::u16string> split_plainly(const std::u16string& path)
 {
-    std::u16string result;
-    std::size_t done = 0;
-    for (std::size_t at = source.find(from); at != source.npos; at = source.find(from, done)) {
-        result.append(source, done, at - done).append(to);
-        done = at + from.size();
+    std::vector<std::u16string> pieces;
+    std::size_t start = 0;
+    for (std::size_t at; start < path.size(); start = at + 1) {
+        at = std::min(path.find(u'/', start), path.size());
+        if (at != start)
+            pieces.push_back(path.substr(start, at - start));
     }
-    return result.append(source, done);
+    return pieces;
 }
 
-void replace_kvutil(benchmark::State& state)
+void split_kvutil(benchmark::State& state, const std::u16string& units)
 {
-    const std::u16string path = path_of(state.range(0));
-    const UString source(path);
-    const UString from(u"segment");
-    const UString to(u"replacement");
-    const UString expected(replace_plainly(path, u"segment", u"replacement"));
-    if (Selector::replaceAll(source, from, to) != expected)
-        state.SkipWithError("another result");
-    for (auto _ : state)
-        benchmark::DoNotOptimize(Selector::replaceAll(source, from, to));
-    count_units(state, path.size());
-}
-BENCHMARK(replace_kvutil)->Apply(segment_lengths);
-
-void replace_std(benchmark::State& state)
-{
-    const std::u16string path = path_of(state.range(0));
-    const std::u16string from(u"segment");
-    const std::u16string to(u"replacement");
-    for (auto _ : state)
-        benchmark::DoNotOptimize(replace_plainly(path, from, to));
-    count_units(state, path.size());
-}
-BENCHMARK(replace_std)->Apply(segment_lengths);
-
-// ---- Splitting and joining ----
-
-void split_kvutil(benchmark::State& state)
-{
-    const UString path(path_of(state.range(0)));
+    const UString path(units);
+    const std::vector<std::u16string> plain = split_plainly(units);
+    require_agreement(state, Selector::split_segments(path, Selector::SEGMENT_SEP) ==
+                                 std::vector<UString>(plain.begin(), plain.end()));
     for (auto _ : state)
         benchmark::DoNotOptimize(Selector::split_segments(path, Selector::SEGMENT_SEP));
-    count_units(state, path.length());
 }
-BENCHMARK(split_kvutil)->Apply(segment_lengths);
 
-void split_std(benchmark::State& state)
+void split_std(benchmark::State& state, const std::u16string& path)
 {
-    const std::u16string path = path_of(state.range(0));
-    for (auto _ : state) {
-        std::vector<std::u16string> pieces;
-        std::size_t start = 0;
-        for (std::size_t at = path.find(u'/'); at != path.npos; at = path.find(u'/', start)) {
-            pieces.push_back(path.substr(start, at - start));
-            start = at + 1;
-        }
-        pieces.push_back(path.substr(start));
-        benchmark::DoNotOptimize(pieces);
-    }
-    count_units(state, path.size());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(split_plainly(path));
 }
-BENCHMARK(split_std)->Apply(segment_lengths);
+
+#ifdef KVUTIL_BENCH_QT
+void split_qt(benchmark::State& state, const std::u16string& units)
+{
+    const QString path = QString::fromStdU16String(units);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(path.split(QLatin1Char('/'), Qt::SkipEmptyParts));
+}
+#endif
+
+const bool splitters_are_entered = [] {
+    const auto enter_splitter = [](const char* contestant, auto split) {
+        enter("further, selectors and segments: split, 60 units", contestant,
+              [=](auto& state) { split(state, path_of(60)); });
+    };
+    enter_splitter("kvutil", split_kvutil);
+    enter_splitter("loop on std::u16string", split_std);
+#ifdef KVUTIL_BENCH_QT
+    enter_splitter("QString::split", split_qt);
+#endif
+    return true;
+}();
 
 void print_kvutil(benchmark::State& state)
 {
@@ -358,6 +509,16 @@ void print_kvutil(benchmark::State& state)
         benchmark::DoNotOptimize(selector.to_string_with_domain());
     }
 }
-BENCHMARK(print_kvutil);
+BENCHMARK(print_kvutil)->Name("further, selectors and segments: text of a selector/kvutil");
+
+void print_std(benchmark::State& state)
+{
+    const std::u16string name(u"/src/lib/main.c");
+    const std::u16string repository(u"/vobs/proj");
+    for (auto _ : state)
+        benchmark::DoNotOptimize(std::u16string(u"vd.file:") + name + u'@' + repository);
+}
+BENCHMARK(print_std)->Name(
+    "further, selectors and segments: text of a selector/sum of std::u16string");
 
 }  // namespace
