@@ -540,6 +540,30 @@ TEST(DavTimeToString, AgreesWithTheCLibraryOnManyInstants)
     }
 }
 
+// The years of four digits are written in another way than all others. They begin and end within
+// these spans, and the calendar repeats after 400 years.
+TEST(DavTimeToString, AgreesWithTheCLibraryOnEveryDay)
+{
+    constexpr std::time_t to_year_998 = -355'015;
+    constexpr std::time_t to_year_9600 = 2'786'800;
+    constexpr std::time_t days_of_400_years = 146'097;
+    for (const std::time_t first : {to_year_998, to_year_9600}) {
+        for (std::time_t day = first; day < first + days_of_400_years + 4 * 366; ++day) {
+            const std::time_t t = day * DAY + (day * 4'711 % DAY + DAY) % DAY;
+            ASSERT_EQ(printed(t, DavTime::ISO8601), literal::iso8601_text(t)) << t;
+            ASSERT_EQ(printed(t, DavTime::RFC1123), literal::rfc1123_text(t)) << t;
+        }
+    }
+}
+
+TEST(DavTimeToString, AgreesWithTheCLibraryOnEverySecondOfADay)
+{
+    for (std::time_t t = NOVEMBER_1994; t < NOVEMBER_1994 + DAY; ++t) {
+        ASSERT_EQ(printed(t, DavTime::ISO8601), literal::iso8601_text(t)) << t;
+        ASSERT_EQ(printed(t, DavTime::RFC1123), literal::rfc1123_text(t)) << t;
+    }
+}
+
 TEST(DavTimeToString, IsReadBack)
 {
     const std::time_t first = parsed("-999-01-01T00:00:00Z");

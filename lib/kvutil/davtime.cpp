@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <string_view>
 #include <utility>
@@ -214,10 +215,16 @@ fields_t read_iso8601(const char16_t* text)
 }
 
 /// @param text  of RFC1123_SHAPE
+/// @return      month 0 when no month has that name
 fields_t read_rfc1123(const char16_t* text)
 {
     return {four_digits(text + 12), month_named(text + 8), two_digits(text + 5),
             two_digits(text + 17),  two_digits(text + 20), two_digits(text + 23)};
+}
+
+std::int64_t seconds_if_month_is_known(const fields_t& f)
+{
+    return f.month == 0 ? 0 : seconds_of(f);
 }
 
 // ---- Reading any text as sscanf() does ----
@@ -226,7 +233,7 @@ fields_t read_rfc1123(const char16_t* text)
 /// ASCII are all alike, because no conversion asks which they are.
 class utf8_bytes_t {
 public:
-    /// @param text  without an unpaired surrogate
+    /// @param text  where a surrogate is unpaired, some number of bytes stands for it
     explicit utf8_bytes_t(std::u16string_view text) : text_(text) {}
 
     /// @return  U+0000 at the end, a unit above U+007F for a byte that is not ASCII
@@ -235,10 +242,10 @@ public:
     char16_t take()
     {
         const char16_t byte = peek();
-        if (byte != 0 && ++taken_of_unit_ == size_bytes(byte)) {
-            text_.remove_prefix(1);
-            taken_of_unit_ = 0;
-        }
+        if (byte == 0 || (byte >= 0x80 && ++taken_of_unit_ != size_bytes(byte)))
+            return byte;
+        text_.remove_prefix(1);
+        taken_of_unit_ = 0;
         return byte;
     }
 
@@ -349,21 +356,117 @@ char16_t fourth_byte(utf8_bytes_t bytes)
 
 bool scan(std::u16string_view text, fields_t& f)
 {
-    // Converted to UTF-8, a text with an unpaired surrogate is empty.
-    if (!utf8_size_of(text))
-        return false;
     const utf8_bytes_t bytes(text);
     return fourth_byte(bytes) == u',' ? scan_rfc1123(scanner_t(bytes), f)
                                       : scan_iso8601(scanner_t(bytes), f);
 }
 
+/// Converted to UTF-8, a text with an unpaired surrogate is empty.
+bool is_convertible(std::u16string_view text)
+{
+    return utf8_size_of(text).has_value();
+}
+
 std::int64_t scanned(std::u16string_view text)
 {
     fields_t f;
-    return scan(text, f) ? seconds_of(f) : 0;
+    return scan(text, f) && is_convertible(text) ? seconds_of(f) : 0;
 }
 
-// ---- Writing ----
+// ---- Writing a year of four digits, which is what nearly all times have ----
+
+// A form's shape is copied and its places are filled, where the text is to live. Unit by unit, as
+// below, it takes twice as long.
+
+template <std::size_t count>
+using units_t = std::array<char16_t, count>;
+
+constexpr auto DIGIT_PAIRS = [] {
+    std::array<units_t<2>, 100> pairs{};
+    for (std::size_t i = 0; i < pairs.size(); ++i)
+        pairs[i] = {static_cast<char16_t>(u'0' + i / 10), static_cast<char16_t>(u'0' + i % 10)};
+    return pairs;
+}();
+
+/// "Sun," to "Sat,", and "Jan " to "Dec ".
+template <std::size_t count>
+constexpr auto names_before(char16_t mark, const char* const (&names)[count])
+{
+    std::array<units_t<4>, count> result{};
+    for (std::size_t i = 0; i < count; ++i) {
+        std::copy_n(names[i], 3, result[i].begin());
+        result[i][3] = mark;
+    }
+    return result;
+}
+
+constexpr auto DAYS_BEFORE_COMMA = names_before(u',', DavTime::DAYNAMES);
+constexpr auto MONTHS_BEFORE_BLANK = names_before(u' ', DavTime::MONTHNAMES);
+
+template <std::size_t count>
+void put(char16_t* at, const units_t<count>& units)
+{
+    std::memcpy(at, units.data(), sizeof units);
+}
+
+/// @param number  0..99
+void put_two_digits(char16_t* at, int number)
+{
+    put(at, DIGIT_PAIRS[static_cast<std::size_t>(number)]);
+}
+
+/// @param number  0..9999
+void put_four_digits(char16_t* at, int number)
+{
+    put_two_digits(at, number / 100);
+    put_two_digits(at + 2, number % 100);
+}
+
+void put_time_of_day(char16_t* at, const fields_t& f)
+{
+    put_two_digits(at, f.hour);
+    put_two_digits(at + 3, f.minute);
+    put_two_digits(at + 6, f.second);
+}
+
+bool has_four_digits(std::int64_t year)
+{
+    return year >= 1000 && year <= 9999;
+}
+
+/// @tparam shape  of the text
+/// @param fill_places  (char16_t* text)
+template <const std::u16string_view& shape, class Fill>
+UString filled(Fill fill_places)
+{
+    return owned_text_t::make(shape.size(), [fill_places](char16_t* text) {
+        std::memcpy(text, shape.data(), shape.size() * sizeof(char16_t));
+        fill_places(text);
+    });
+}
+
+UString filled_iso8601(const fields_t& f)
+{
+    return filled<ISO8601_SHAPE>([&f](char16_t* text) {
+        put_four_digits(text, static_cast<int>(f.year));
+        put_two_digits(text + 5, f.month);
+        put_two_digits(text + 8, f.day);
+        put_time_of_day(text + 11, f);
+    });
+}
+
+UString filled_rfc1123(const fields_t& f)
+{
+    return filled<RFC1123_SHAPE>([&f](char16_t* text) {
+        put(text, DAYS_BEFORE_COMMA[static_cast<std::size_t>(f.weekday)]);
+        put_two_digits(text + 5, f.day);
+        put(text + 8, MONTHS_BEFORE_BLANK[static_cast<std::size_t>(f.month - 1)]);
+        put_four_digits(text + 12, static_cast<int>(f.year));
+        put_time_of_day(text + 17, f);
+    });
+}
+
+// ---- Writing any year ----
 
 /// A text under construction. The longest has a year of eleven characters instead of four.
 class text_t {
@@ -411,14 +514,6 @@ public:
             f.second);
     }
 
-    /// @param least_width  as of number()
-    text_t& year(std::int64_t year, int least_width)
-    {
-        if (year < 1000 || year > 9999)
-            return number(year, least_width);
-        return two_digits(static_cast<int>(year) / 100).two_digits(static_cast<int>(year) % 100);
-    }
-
     UString finished() const { return owned_text_t::make({units_, end_}); }
 
 private:
@@ -432,7 +527,7 @@ private:
 UString written_as_iso8601(const fields_t& f)
 {
     text_t out;
-    out.year(f.year, 1).character('-').two_digits(f.month).character('-').two_digits(f.day);
+    out.number(f.year, 1).character('-').two_digits(f.month).character('-').two_digits(f.day);
     return out.character('T').time_of_day(f).character('Z').finished();
 }
 
@@ -441,7 +536,7 @@ UString written_as_rfc1123(const fields_t& f)
 {
     text_t out;
     out.text(DavTime::DAYNAMES[f.weekday]).text(", ").two_digits(f.day).character(' ');
-    out.text(DavTime::MONTHNAMES[f.month - 1]).character(' ').year(f.year, 4).character(' ');
+    out.text(DavTime::MONTHNAMES[f.month - 1]).character(' ').number(f.year, 4).character(' ');
     return out.time_of_day(f).text(" GMT").finished();
 }
 
@@ -472,8 +567,8 @@ void DavTime::parse(const UString& text) noexcept
     const std::u16string_view units = view_of(text);
     if (has_shape<ISO8601_SHAPE>(units))
         seconds_ = seconds_of(read_iso8601(units.data()));
-    else if (has_shape<RFC1123_SHAPE>(units) && month_named(units.data() + 8) != 0)
-        seconds_ = seconds_of(read_rfc1123(units.data()));
+    else if (has_shape<RFC1123_SHAPE>(units))
+        seconds_ = seconds_if_month_is_known(read_rfc1123(units.data()));
     else
         seconds_ = scanned(units);
 }
@@ -485,9 +580,9 @@ UString DavTime::to_string(Format f) const
         return {};
     switch (f) {
     case ISO8601:
-        return written_as_iso8601(fields);
+        return has_four_digits(fields.year) ? filled_iso8601(fields) : written_as_iso8601(fields);
     case RFC1123:
-        return written_as_rfc1123(fields);
+        return has_four_digits(fields.year) ? filled_rfc1123(fields) : written_as_rfc1123(fields);
     default:
         return {};
     }

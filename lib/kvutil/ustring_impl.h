@@ -1,8 +1,11 @@
 #ifndef KVUTIL_USTRING_IMPL_H
 #define KVUTIL_USTRING_IMPL_H
 
+#include "storage_impl.h"
+
 #include <kvutil/ustring.h>
 
+#include <cstddef>
 #include <string_view>
 
 namespace Kvl {
@@ -33,6 +36,19 @@ struct owned_text_t {
     static UString make(std::u16string_view units)
     {
         return UString(UString::room_t(units.size()), units.data());
+    }
+
+    /// Spares the copy of units that are only just being made.
+    /// @param length_units  fewer than 2^31
+    /// @param fill          (char16_t* to): writes so many units without throwing
+    /// @throws std::bad_alloc  no memory for the text
+    template <class Fill>
+    static UString make(std::size_t length_units, Fill fill)
+    {
+        UString text{UString::room_t(length_units)};
+        fill(writable(text));
+        set_length(text, length_units);
+        return text;
     }
 };
 
