@@ -1,6 +1,10 @@
 // The tag registry against what a program would keep names and numbers in without it.
 // The peers get the names in the form they take; all must agree on the numbers before any is timed.
 
+#include "contest.h"
+#include "rejection.h"
+
+#include <kvutil/exception.h>
 #include <kvutil/xmltag.h>
 
 #include <benchmark/benchmark.h>
@@ -16,6 +20,10 @@
 // After the type that it needs.
 #include <libxml/dict.h>
 #endif
+#ifdef KVUTIL_BENCH_QT
+#include <QHash>
+#include <QString>
+#endif
 #ifdef KVUTIL_BENCH_GPERF
 #include <cstring>
 namespace gperf {
@@ -24,36 +32,36 @@ namespace gperf {
 #endif
 
 #include <algorithm>
-#include <cstdlib>
-#include <iostream>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <random>
+#include <shared_mutex>
+#include <stdexcept>
 #include <string>
-#include <type_traits>
 #include <unordered_map>
+#include <utility>
 #include <vector>
+
+#include <malloc.h>
 
 namespace {
 
 using Kvl::UString;
+using Kvl::Utf8String;
 using Kvl::XmlTag;
+
+// ---- Names
 
 struct name_t {
     XmlTag::NsId nsid;
-    UString text;
-    std::u16string units;
-    std::string narrow;
-    std::string qualified;  // with the abbreviation in front, unique over all namespaces
+    std::string local;
     XmlTag::Id id;
-};
 
-name_t make_name(XmlTag::NsId nsid, const std::string& narrow, XmlTag::Id id)
-{
-    const std::u16string units(narrow.begin(), narrow.end());
-    const std::string abbreviation =
-        nsid < XmlTag::NUM_WK_NAMESPACES ? XmlTag::ns_abbreviation(nsid).utf8_str() : "";
-    return {nsid, UString(units), units, narrow, abbreviation + narrow, id};
-}
+    /// With the abbreviation in front, unique over all well-known namespaces.
+    std::string qualified() const { return XmlTag::ns_abbreviation(nsid).utf8_str() + local; }
+};
+typedef std::vector<name_t> names_t;
 
 template <class T>
 std::vector<T> shuffled(std::vector<T> list)
@@ -62,40 +70,73 @@ std::vector<T> shuffled(std::vector<T> list)
     return list;
 }
 
-/// Every well-known name once, in no order.
-const std::vector<name_t>& well_known()
+UString ustr(const std::string& text)
 {
-    static const std::vector<name_t> names = [] {
-        std::vector<name_t> result;
+    return UString(Utf8String(text));
+}
+
+std::u16string wide(const UString& text)
+{
+    return {text.getBuffer(), text.length()};
+}
+
+/// Every well-known name once, in no order.
+const names_t& well_known()
+{
+    static const names_t names = [] {
+        names_t result;
         for (const XmlTag::Namespace* const ns : XmlTag::g_namespace_array)
             for (const XmlTag* const tag : ns->wk_tags)
-                result.push_back(make_name(ns->id, tag->simple_name().utf8_str(), tag->id()));
+                result.push_back({ns->id, tag->simple_name().utf8_str(), tag->id()});
         return shuffled(result);
     }();
     return names;
 }
 
-/// `count` names of one namespace, registered at run time, in no order.
-std::vector<name_t> registered(const std::string& uri, std::size_t count)
+std::size_t bytes_in_use()
 {
-    std::vector<name_t> result;
-    for (std::size_t i = 0; i < count; ++i) {
-        const std::string narrow = "property-" + std::to_string(i);
-        XmlTag tag{UString(Kvl::Utf8String(uri)), UString(Kvl::Utf8String(narrow))};
-        const XmlTag* const registered_tag = XmlTag::lookup(tag);
-        result.push_back(make_name(registered_tag->ns_id(), narrow, registered_tag->id()));
-    }
-    return shuffled(result);
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
 }
 
-const std::vector<name_t>& run_time(std::int64_t count)
+struct registered_t {
+    names_t names;
+    double bytes_per_tag;
+};
+
+/// `count` names of one namespace, registered at run time, in no order.
+registered_t registered(const std::string& uri, std::size_t count)
 {
-    static std::unordered_map<std::int64_t, std::vector<name_t>> sets;
-    std::vector<name_t>& names = sets[count];
-    if (names.empty())
-        names = registered("urn:bench:" + std::to_string(count), static_cast<std::size_t>(count));
+    const XmlTag::NsId nsid = XmlTag(ustr(uri), UString()).ns_id();
+    names_t names;
+    for (std::size_t i = 0; i < count; ++i)
+        names.push_back({nsid, "property-" + std::to_string(i), 0});
+    names = shuffled(std::move(names));
+    const std::size_t before = bytes_in_use();
+    for (name_t& name : names)
+        name.id = XmlTag::lookup(nsid, ustr(name.local))->id();
+    return {names, static_cast<double>(bytes_in_use() - before) / static_cast<double>(count)};
+}
+
+const registered_t& run_time(std::size_t count)
+{
+    static std::map<std::size_t, registered_t> sets;
+    const auto found = sets.find(count);
+    if (found != sets.end())
+        return found->second;
+    return sets[count] = registered("urn:bench:" + std::to_string(count), count);
+}
+
+/// Names that a well-known namespace has only since run time.
+const names_t& added_to_well_known()
+{
+    static const names_t names =
+        registered(XmlTag::ns_URI(6).utf8_str(), well_known().size()).names;
     return names;
 }
+
+// ---- Contestants: each has the form in which it takes a name, and gives the entry or the number,
+// whichever it keeps
 
 XmlTag::Id number_of(XmlTag::Id id)
 {
@@ -108,203 +149,369 @@ XmlTag::Id number_of(const Entry* entry)
     if constexpr (std::is_same_v<Entry, XmlTag>)
         return entry->id();
     else
-        return entry->id;
+        return entry == nullptr ? -1 : entry->id;
 }
 
-/// What is timed ends with the entry or the number, whichever the peer keeps.
-template <class Find>
-void look_up(benchmark::State& state, const std::vector<name_t>& names, Find find)
-{
-    for (const name_t& name : names)
-        if (number_of(find(name)) != name.id) {
-            state.SkipWithError("the peers do not agree");
-            return;
-        }
-    std::size_t i = static_cast<std::size_t>(state.thread_index()) * names.size() / 2;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(find(names[i]));
-        if (++i == names.size())
-            i = 0;
+struct kvutil_t {
+    struct key_t {
+        XmlTag::NsId nsid;
+        UString name;
+    };
+    explicit kvutil_t(const names_t&) {}
+    static key_t key_of(const name_t& name) { return {name.nsid, ustr(name.local)}; }
+    const XmlTag* find(const key_t& key) const { return XmlTag::lookup(key.nsid, key.name); }
+};
+
+/// The number stands beside the name: what remains is to read the name and the answer.
+struct floor_t {
+    struct key_t {
+        std::u16string name;
+        XmlTag::Id id;
+    };
+    explicit floor_t(const names_t&) {}
+    static key_t key_of(const name_t& name)
+    {
+        return {std::u16string(name.local.begin(), name.local.end()), name.id};
     }
-    state.SetItemsProcessed(state.iterations());
-}
+    static XmlTag::Id find(const key_t& key)
+    {
+        unsigned int sum = 0;
+        for (const char16_t unit : key.name)
+            sum += unit;
+        benchmark::DoNotOptimize(sum);
+        return key.id;
+    }
+};
 
-const XmlTag* tag_in_kvutil(const name_t& name)
-{
-    return XmlTag::lookup(name.nsid, name.text);
-}
-
-/// Peers that hold 16-bit names in a hash table; built once per set of names.
+/// A hash table of 16-bit names, for one namespace.
 template <class Map>
-const Map& map_of(const std::vector<name_t>& names, std::u16string name_t::*key)
-{
-    static std::unordered_map<const void*, Map> maps;
-    Map& map = maps[&names];
-    if (map.empty())
+struct map_t {
+    typedef std::u16string key_t;
+    explicit map_t(const names_t& names)
+    {
         for (const name_t& name : names)
-            map.emplace(name.*key, name.id);
-    return map;
-}
+            map.emplace(key_of(name), name.id);
+    }
+    static key_t key_of(const name_t& name) { return {name.local.begin(), name.local.end()}; }
+    XmlTag::Id find(const key_t& key) const { return map.find(key)->second; }
+    Map map;
+};
+
+/// The same for threads that may also register.
+template <class Map>
+struct locked_map_t : map_t<Map> {
+    using map_t<Map>::map_t;
+    XmlTag::Id find(const std::u16string& key) const
+    {
+        const std::shared_lock lock(mutex);
+        return map_t<Map>::find(key);
+    }
+    mutable std::shared_mutex mutex;
+};
 
 typedef std::unordered_map<std::u16string, XmlTag::Id> std_map_t;
+#ifdef KVUTIL_BENCH_ABSL
+typedef absl::flat_hash_map<std::u16string, XmlTag::Id> absl_map_t;
+#endif
+
+#ifdef KVUTIL_BENCH_QT
+struct qt_t {
+    typedef QString key_t;
+    explicit qt_t(const names_t& names)
+    {
+        for (const name_t& name : names)
+            hash.insert(key_of(name), name.id);
+    }
+    static key_t key_of(const name_t& name) { return QString::fromStdString(name.local); }
+    XmlTag::Id find(const key_t& key) const { return *hash.constFind(key); }
+    QHash<QString, XmlTag::Id> hash;
+};
+#endif
+
+#ifdef KVUTIL_BENCH_GPERF
+struct gperf_t {
+    typedef std::string key_t;
+    explicit gperf_t(const names_t&) {}
+    static key_t key_of(const name_t& name) { return name.qualified(); }
+    static auto find(const key_t& key) { return gperf::xmltag_gperf::find(key.data(), key.size()); }
+};
+#endif
+
+#if defined(KVUTIL_BENCH_GPERF) && defined(KVUTIL_BENCH_ABSL)
+/// The compiled table first, then a table of what has come since.
+struct gperf_then_absl_t {
+    typedef std::string key_t;
+    explicit gperf_then_absl_t(const names_t& names)
+    {
+        for (const name_t& name : names)
+            map.emplace(key_of(name), name.id);
+    }
+    static key_t key_of(const name_t& name) { return name.qualified(); }
+    XmlTag::Id find(const key_t& key) const
+    {
+        const auto* const row = gperf_t::find(key);
+        return row != nullptr ? row->id : map.find(key)->second;
+    }
+    absl::flat_hash_map<std::string, XmlTag::Id> map;
+};
+#endif
+
+/// A contestant that knows `names`, and its keys in their order.
+template <class Contestant>
+struct filled_t {
+    explicit filled_t(const names_t& names) : contestant(names)
+    {
+        for (const name_t& name : names)
+            keys.push_back(Contestant::key_of(name));
+        agrees = true;
+        for (std::size_t i = 0; i < names.size(); ++i)
+            agrees = agrees && number_of(contestant.find(keys[i])) == names[i].id;
+    }
+    Contestant contestant;
+    std::vector<typename Contestant::key_t> keys;
+    bool agrees;
+};
+
+template <class Contestant>
+const filled_t<Contestant>& filled(const names_t& names)
+{
+    static std::mutex mutex;
+    static std::map<const names_t*, std::unique_ptr<filled_t<Contestant>>> all;
+    const std::lock_guard lock(mutex);
+    auto& slot = all[&names];
+    if (!slot)
+        slot = std::make_unique<filled_t<Contestant>>(names);
+    return *slot;
+}
+
+template <class Contestant>
+void by_name(benchmark::State& state, const names_t& names)
+{
+    const auto& [contestant, keys, agrees] = filled<Contestant>(names);
+    require_agreement(state, agrees);
+    std::size_t i = static_cast<std::size_t>(state.thread_index()) * keys.size() / 2;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(contestant.find(keys[i]));
+        i = i + 1 == keys.size() ? 0 : i + 1;
+    }
+}
 
 // ---- Well-known names
 
-void well_known_by_name_in_kvutil(benchmark::State& state)
+template <class Contestant>
+void well_known_hit(benchmark::State& state)
 {
-    look_up(state, well_known(), tag_in_kvutil);
+    by_name<Contestant>(state, well_known());
 }
-BENCHMARK(well_known_by_name_in_kvutil);
-
+#define KVUTIL_ROW "well-known tag by name: hit"
+BENCHMARK_TEMPLATE(well_known_hit, kvutil_t)->Name(KVUTIL_ROW "/kvutil");
+BENCHMARK_TEMPLATE(well_known_hit, floor_t)->Name(KVUTIL_ROW "/floor");
 #ifdef KVUTIL_BENCH_GPERF
-void well_known_by_name_in_gperf(benchmark::State& state)
-{
-    look_up(state, well_known(), [](const name_t& name) {
-        return gperf::xmltag_gperf::find(name.qualified.data(), name.qualified.size());
-    });
-}
-BENCHMARK(well_known_by_name_in_gperf);
+BENCHMARK_TEMPLATE(well_known_hit, gperf_t)->Name(KVUTIL_ROW "/gperf");
 #endif
+#undef KVUTIL_ROW
 
-// A name that a well-known namespace has only since run time: the compiled table says no first.
-void well_known_miss_then_run_time_hit_in_kvutil(benchmark::State& state)
+// There is no look-up that finds nothing: what the compiled table lacks is a run-time name.
+template <class Contestant>
+void well_known_miss(benchmark::State& state)
 {
-    static const std::vector<name_t> names =
-        registered(XmlTag::ns_URI(6).utf8_str(), well_known().size());
-    look_up(state, names, tag_in_kvutil);
+    by_name<Contestant>(state, added_to_well_known());
 }
-BENCHMARK(well_known_miss_then_run_time_hit_in_kvutil);
-
-#ifdef KVUTIL_BENCH_GPERF
-void well_known_miss_in_gperf(benchmark::State& state)
-{
-    static const std::vector<name_t> names =
-        registered(XmlTag::ns_URI(6).utf8_str(), well_known().size());
-    std::size_t i = 0;
-    for (auto _ : state) {
-        const std::string& name = names[i].qualified;
-        benchmark::DoNotOptimize(gperf::xmltag_gperf::find(name.data(), name.size()));
-        i = i + 1 == names.size() ? 0 : i + 1;
-    }
-}
-BENCHMARK(well_known_miss_in_gperf);
+#define KVUTIL_ROW "well-known tag by name: miss, then known at run time"
+BENCHMARK_TEMPLATE(well_known_miss, kvutil_t)->Name(KVUTIL_ROW "/kvutil");
+BENCHMARK_TEMPLATE(well_known_miss, floor_t)->Name(KVUTIL_ROW "/floor");
+#if defined(KVUTIL_BENCH_GPERF) && defined(KVUTIL_BENCH_ABSL)
+BENCHMARK_TEMPLATE(well_known_miss, gperf_then_absl_t)
+    ->Name(KVUTIL_ROW "/gperf, then absl flat_hash_map");
 #endif
+#undef KVUTIL_ROW
 
 // ---- Run-time names
 
-void run_time_by_name_in_kvutil(benchmark::State& state)
+template <class Contestant, std::size_t count>
+void run_time_hit(benchmark::State& state)
 {
-    look_up(state, run_time(state.range(0)), tag_in_kvutil);
+    by_name<Contestant>(state, run_time(count).names);
 }
 
-void run_time_by_name_in_std(benchmark::State& state)
-{
-    const auto& names = run_time(state.range(0));
-    const auto& map = map_of<std_map_t>(names, &name_t::units);
-    look_up(state, names, [&](const name_t& name) { return map.find(name.units)->second; });
-}
-
-#define KVUTIL_SIZES RangeMultiplier(10)->Range(1'000, 1'000'000)
-BENCHMARK(run_time_by_name_in_kvutil)->KVUTIL_SIZES;
-BENCHMARK(run_time_by_name_in_kvutil)->Arg(1'000)->Threads(2)->UseRealTime();
-BENCHMARK(run_time_by_name_in_std)->KVUTIL_SIZES;
-
+#define KVUTIL_ROW "run-time tag by name: 1000 tags"
+BENCHMARK_TEMPLATE(run_time_hit, kvutil_t, 1'000)->Name(KVUTIL_ROW "/kvutil");
+BENCHMARK_TEMPLATE(run_time_hit, floor_t, 1'000)->Name(KVUTIL_ROW "/floor");
+BENCHMARK_TEMPLATE(run_time_hit, map_t<std_map_t>, 1'000)->Name(KVUTIL_ROW "/std unordered_map");
 #ifdef KVUTIL_BENCH_ABSL
-void run_time_by_name_in_absl(benchmark::State& state)
-{
-    const auto& names = run_time(state.range(0));
-    const auto& map =
-        map_of<absl::flat_hash_map<std::u16string, XmlTag::Id>>(names, &name_t::units);
-    look_up(state, names, [&](const name_t& name) { return map.find(name.units)->second; });
-}
-BENCHMARK(run_time_by_name_in_absl)->KVUTIL_SIZES;
-BENCHMARK(run_time_by_name_in_absl)->Arg(1'000)->Threads(2)->UseRealTime();
+BENCHMARK_TEMPLATE(run_time_hit, map_t<absl_map_t>, 1'000)->Name(KVUTIL_ROW "/absl flat_hash_map");
 #endif
-
-#ifdef KVUTIL_BENCH_GLIB
-void run_time_by_name_in_glib(benchmark::State& state)
-{
-    std::vector<name_t> names = run_time(state.range(0));
-    for (name_t& name : names)
-        name.id = static_cast<XmlTag::Id>(g_quark_from_string(name.narrow.c_str()));
-    look_up(state, names, [](const name_t& name) {
-        return static_cast<XmlTag::Id>(g_quark_from_string(name.narrow.c_str()));
-    });
-}
-BENCHMARK(run_time_by_name_in_glib)->Arg(1'000)->Arg(100'000);
+#ifdef KVUTIL_BENCH_QT
+BENCHMARK_TEMPLATE(run_time_hit, qt_t, 1'000)->Name(KVUTIL_ROW "/QHash");
 #endif
+#undef KVUTIL_ROW
 
-// ---- First registration: each round registers a batch in a namespace of its own
+#define KVUTIL_ROW "run-time tag by name: 100000 tags"
+BENCHMARK_TEMPLATE(run_time_hit, kvutil_t, 100'000)->Name(KVUTIL_ROW "/kvutil");
+BENCHMARK_TEMPLATE(run_time_hit, floor_t, 100'000)->Name(KVUTIL_ROW "/floor");
+BENCHMARK_TEMPLATE(run_time_hit, map_t<std_map_t>, 100'000)->Name(KVUTIL_ROW "/std unordered_map");
+#ifdef KVUTIL_BENCH_ABSL
+BENCHMARK_TEMPLATE(run_time_hit, map_t<absl_map_t>, 100'000)
+    ->Name(KVUTIL_ROW "/absl flat_hash_map");
+#endif
+#ifdef KVUTIL_BENCH_QT
+BENCHMARK_TEMPLATE(run_time_hit, qt_t, 100'000)->Name(KVUTIL_ROW "/QHash");
+#endif
+#undef KVUTIL_ROW
 
-constexpr int BATCH = 100'000;
+// Two threads: the peers without a lock, which nobody may use who also registers, and with one.
+#define KVUTIL_ROW "run-time tag by name: 1000 tags, 2 threads"
+#define KVUTIL_TWO Threads(2)->UseRealTime()
+BENCHMARK_TEMPLATE(run_time_hit, kvutil_t, 1'000)->Name(KVUTIL_ROW "/kvutil")->KVUTIL_TWO;
+BENCHMARK_TEMPLATE(run_time_hit, map_t<std_map_t>, 1'000)
+    ->Name(KVUTIL_ROW "/std unordered_map, never changed")
+    ->KVUTIL_TWO;
+BENCHMARK_TEMPLATE(run_time_hit, locked_map_t<std_map_t>, 1'000)
+    ->Name(KVUTIL_ROW "/std unordered_map under a shared_mutex")
+    ->KVUTIL_TWO;
+#ifdef KVUTIL_BENCH_ABSL
+BENCHMARK_TEMPLATE(run_time_hit, map_t<absl_map_t>, 1'000)
+    ->Name(KVUTIL_ROW "/absl flat_hash_map, never changed")
+    ->KVUTIL_TWO;
+BENCHMARK_TEMPLATE(run_time_hit, locked_map_t<absl_map_t>, 1'000)
+    ->Name(KVUTIL_ROW "/absl flat_hash_map under a shared_mutex")
+    ->KVUTIL_TWO;
+#endif
+#ifdef KVUTIL_BENCH_QT
+BENCHMARK_TEMPLATE(run_time_hit, qt_t, 1'000)->Name(KVUTIL_ROW "/QHash, never changed")->KVUTIL_TWO;
+#endif
+#undef KVUTIL_ROW
 
-std::vector<std::string> new_names()
-{
-    static int round = 0;
-    const std::string stem = std::to_string(++round) + "-new-property-";
-    std::vector<std::string> names;
-    for (int i = 0; i < BATCH; ++i)
-        names.push_back(stem + std::to_string(i));
-    return shuffled(names);
-}
+// ---- First registration. Whatever keeps names for the whole process never gives memory back, so
+// no peer does either; each has one table for all names.
 
-void first_registration_in_kvutil(benchmark::State& state)
-{
-    for (auto _ : state) {
-        state.PauseTiming();
-        const std::vector<std::string> names = new_names();
-        std::vector<UString> texts;
-        for (const std::string& name : names)
-            texts.emplace_back(Kvl::Utf8String(name));
-        const XmlTag::NsId nsid =
-            XmlTag(UString(Kvl::Utf8String("urn:" + names[0])), UString()).ns_id();
-        state.ResumeTiming();
-        for (const UString& text : texts)
-            benchmark::DoNotOptimize(XmlTag::lookup(nsid, text));
+/// Names that nobody has seen, in no order, `each` in a namespace.
+struct new_names_t {
+    new_names_t(int count, int each)
+    {
+        static int stem = 0;
+        for (int i = 0; i < count; ++i) {
+            if (i % each == 0)
+                uris.push_back("urn:new:" + std::to_string(++stem) + ":");
+            names.push_back({static_cast<XmlTag::NsId>(uris.size() - 1),
+                             "new-property-" + std::to_string(i % each), 0});
+        }
+        // Among themselves only, one namespace after the other.
+        for (int i = 0; i < count; i += each)
+            std::shuffle(names.begin() + i, names.begin() + i + each, std::mt19937(1));
     }
-    state.SetItemsProcessed(state.iterations() * BATCH);
-}
-BENCHMARK(first_registration_in_kvutil)->Iterations(5)->Unit(benchmark::kMillisecond);
+    std::string qualified(const name_t& name) const
+    {
+        return uris[static_cast<std::size_t>(name.nsid)] + name.local;
+    }
+    std::vector<std::string> uris;
+    names_t names;
+};
+
+constexpr int REGISTERED = 100'000;
+
+struct kvutil_registry_t {
+    typedef kvutil_t::key_t key_t;
+    static std::vector<key_t> keys_of(const new_names_t& all)
+    {
+        std::vector<key_t> keys;
+        for (const name_t& name : all.names) {
+            const UString uri = ustr(all.uris[static_cast<std::size_t>(name.nsid)]);
+            keys.push_back({XmlTag(uri, UString()).ns_id(), ustr(name.local)});
+        }
+        return keys;
+    }
+    static const void* add(const key_t& key) { return XmlTag::lookup(key.nsid, key.name); }
+};
+
+/// Peers take a name with its namespace in front, made beforehand.
+struct qualified_keys_t {
+    typedef std::string key_t;
+    static std::vector<key_t> keys_of(const new_names_t& all)
+    {
+        std::vector<key_t> keys;
+        for (const name_t& name : all.names)
+            keys.push_back(all.qualified(name));
+        return keys;
+    }
+};
 
 #ifdef KVUTIL_BENCH_LIBXML2
-void first_registration_in_libxml2(benchmark::State& state)
-{
-    for (auto _ : state) {
-        state.PauseTiming();
-        const std::vector<std::string> names = new_names();
-        const std::unique_ptr<xmlDict, decltype(&xmlDictFree)> dict(xmlDictCreate(), xmlDictFree);
-        state.ResumeTiming();
-        for (const std::string& name : names)
-            benchmark::DoNotOptimize(xmlDictLookup(dict.get(),
-                                                   reinterpret_cast<const xmlChar*>(name.data()),
-                                                   static_cast<int>(name.size())));
+struct libxml2_registry_t : qualified_keys_t {
+    static const void* add(const key_t& key)
+    {
+        static xmlDict* const dict = xmlDictCreate();
+        return xmlDictLookup(dict, reinterpret_cast<const xmlChar*>(key.data()),
+                             static_cast<int>(key.size()));
     }
-    state.SetItemsProcessed(state.iterations() * BATCH);
-}
-BENCHMARK(first_registration_in_libxml2)->Iterations(5)->Unit(benchmark::kMillisecond);
+};
 #endif
 
 #ifdef KVUTIL_BENCH_GLIB
-void first_registration_in_glib(benchmark::State& state)
-{
-    for (auto _ : state) {
-        state.PauseTiming();
-        const std::vector<std::string> names = new_names();
-        state.ResumeTiming();
-        for (const std::string& name : names)
-            benchmark::DoNotOptimize(g_quark_from_string(name.c_str()));
+struct glib_registry_t : qualified_keys_t {
+    static const void* add(const key_t& key)
+    {
+        return g_quark_to_string(g_quark_from_string(key.c_str()));
     }
-    state.SetItemsProcessed(state.iterations() * BATCH);
-}
-BENCHMARK(first_registration_in_glib)->Iterations(5)->Unit(benchmark::kMillisecond);
+};
 #endif
+
+/// Whether a name is registered once: the same entry again, another for another name.
+template <class Registry>
+bool registers_once()
+{
+    const auto keys = Registry::keys_of(new_names_t(2, 2));
+    return Registry::add(keys[0]) == Registry::add(keys[0]) &&
+           Registry::add(keys[0]) != Registry::add(keys[1]);
+}
+
+template <class Registry, int each>
+void first_registration(benchmark::State& state)
+{
+    require_agreement(state, registers_once<Registry>());
+    const auto keys = Registry::keys_of(new_names_t(REGISTERED, each));
+    std::size_t i = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Registry::add(keys[i++]));
+}
+
+#define KVUTIL_ROW "first registration of a name: 1000 names a namespace"
+BENCHMARK_TEMPLATE(first_registration, kvutil_registry_t, 1'000)
+    ->Name(KVUTIL_ROW "/kvutil")
+    ->Iterations(REGISTERED);
+#ifdef KVUTIL_BENCH_LIBXML2
+BENCHMARK_TEMPLATE(first_registration, libxml2_registry_t, 1'000)
+    ->Name(KVUTIL_ROW "/libxml2 dictionary")
+    ->Iterations(REGISTERED);
+#endif
+#ifdef KVUTIL_BENCH_GLIB
+BENCHMARK_TEMPLATE(first_registration, glib_registry_t, 1'000)
+    ->Name(KVUTIL_ROW "/GQuark")
+    ->Iterations(REGISTERED);
+#endif
+#undef KVUTIL_ROW
+
+#define KVUTIL_ROW "first registration of a name: 100000 names a namespace"
+BENCHMARK_TEMPLATE(first_registration, kvutil_registry_t, REGISTERED)
+    ->Name(KVUTIL_ROW "/kvutil")
+    ->Iterations(REGISTERED);
+#ifdef KVUTIL_BENCH_LIBXML2
+BENCHMARK_TEMPLATE(first_registration, libxml2_registry_t, REGISTERED)
+    ->Name(KVUTIL_ROW "/libxml2 dictionary")
+    ->Iterations(REGISTERED);
+#endif
+#ifdef KVUTIL_BENCH_GLIB
+BENCHMARK_TEMPLATE(first_registration, glib_registry_t, REGISTERED)
+    ->Name(KVUTIL_ROW "/GQuark")
+    ->Iterations(REGISTERED);
+#endif
+#undef KVUTIL_ROW
 
 // ---- By number
 
 template <class Find>
-void by_number(benchmark::State& state, std::vector<XmlTag::Id> ids, Find find)
+void by_number(benchmark::State& state, const std::vector<XmlTag::Id>& ids, Find find)
 {
-    ids = shuffled(std::move(ids));
     std::size_t i = 0;
     for (auto _ : state) {
         benchmark::DoNotOptimize(find(ids[i]));
@@ -312,7 +519,7 @@ void by_number(benchmark::State& state, std::vector<XmlTag::Id> ids, Find find)
     }
 }
 
-std::vector<XmlTag::Id> ids_of(const std::vector<name_t>& names)
+std::vector<XmlTag::Id> ids_of(const names_t& names)
 {
     std::vector<XmlTag::Id> ids;
     for (const name_t& name : names)
@@ -320,60 +527,223 @@ std::vector<XmlTag::Id> ids_of(const std::vector<name_t>& names)
     return ids;
 }
 
-void well_known_by_id_in_kvutil(benchmark::State& state)
+void by_id_in_kvutil(benchmark::State& state, const names_t& names)
 {
-    by_number(state, ids_of(well_known()), [](XmlTag::Id id) { return XmlTag::lookup(id); });
+    for (const name_t& name : names)
+        require_agreement(state, XmlTag::lookup(name.id)->simple_name().utf8_str() == name.local);
+    by_number(state, ids_of(names), [](XmlTag::Id id) { return XmlTag::lookup(id); });
 }
-BENCHMARK(well_known_by_id_in_kvutil);
 
-void run_time_by_id_in_kvutil(benchmark::State& state)
+/// One array, each number in it, nothing checked.
+void by_id_in_floor(benchmark::State& state, const names_t& names)
 {
-    by_number(state, ids_of(run_time(1'000)), [](XmlTag::Id id) { return XmlTag::lookup(id); });
+    const std::vector<XmlTag::Id> ids = ids_of(names);
+    std::vector<const XmlTag*> tags;
+    for (const XmlTag::Id id : ids) {
+        tags.resize(std::max(tags.size(), static_cast<std::size_t>(id) + 1));
+        tags[static_cast<std::size_t>(id)] = XmlTag::lookup(id);
+    }
+    by_number(state, ids, [&](XmlTag::Id id) { return tags[static_cast<std::size_t>(id)]; });
 }
-BENCHMARK(run_time_by_id_in_kvutil);
 
 #ifdef KVUTIL_BENCH_GLIB
-void by_id_in_glib(benchmark::State& state)
+void by_id_in_glib(benchmark::State& state, const names_t& names)
 {
     std::vector<XmlTag::Id> quarks;
-    for (const name_t& name : run_time(1'000))
-        quarks.push_back(static_cast<XmlTag::Id>(g_quark_from_string(name.narrow.c_str())));
+    for (const name_t& name : names) {
+        quarks.push_back(static_cast<XmlTag::Id>(g_quark_from_string(name.local.c_str())));
+        require_agreement(state,
+                          name.local == g_quark_to_string(static_cast<GQuark>(quarks.back())));
+    }
     by_number(state, quarks,
               [](XmlTag::Id id) { return g_quark_to_string(static_cast<GQuark>(id)); });
 }
-BENCHMARK(by_id_in_glib);
+#endif
+
+#define KVUTIL_ROW "tag by id: fixed"
+BENCHMARK_CAPTURE(by_id_in_kvutil, fixed, well_known())->Name(KVUTIL_ROW "/kvutil");
+BENCHMARK_CAPTURE(by_id_in_floor, fixed, well_known())->Name(KVUTIL_ROW "/floor");
+#ifdef KVUTIL_BENCH_GLIB
+BENCHMARK_CAPTURE(by_id_in_glib, fixed, well_known())->Name(KVUTIL_ROW "/GQuark to string");
+#endif
+#undef KVUTIL_ROW
+
+void run_time_by_id_in_kvutil(benchmark::State& state)
+{
+    by_id_in_kvutil(state, run_time(1'000).names);
+}
+void run_time_by_id_in_floor(benchmark::State& state)
+{
+    by_id_in_floor(state, run_time(1'000).names);
+}
+#define KVUTIL_ROW "tag by id: run-time"
+BENCHMARK(run_time_by_id_in_kvutil)->Name(KVUTIL_ROW "/kvutil");
+BENCHMARK(run_time_by_id_in_floor)->Name(KVUTIL_ROW "/floor");
+#ifdef KVUTIL_BENCH_GLIB
+void run_time_by_id_in_glib(benchmark::State& state)
+{
+    by_id_in_glib(state, run_time(1'000).names);
+}
+BENCHMARK(run_time_by_id_in_glib)->Name(KVUTIL_ROW "/GQuark to string");
+#endif
+#undef KVUTIL_ROW
+
+// ---- Rejected numbers
+
+constexpr char UNKNOWN_ID[] = "PLXSV0655E XmlTag::lookup(): called with illegal id value.";
+constexpr char UNKNOWN_NAMESPACE[] = "PLXSV0656E XmlTag::lookup(): called with illegal ns value.";
+
+void unknown_id_in_kvutil(benchmark::State& state)
+{
+    time_rejection<Kvl::IllegalArgException>(
+        state, [] { benchmark::DoNotOptimize(XmlTag::lookup(-1)); }, UNKNOWN_ID);
+}
+void unknown_namespace_in_kvutil(benchmark::State& state)
+{
+    const UString name(u"display-name");
+    time_rejection<Kvl::IllegalArgException>(
+        state, [&] { benchmark::DoNotOptimize(XmlTag::lookup(-1, name)); }, UNKNOWN_NAMESPACE);
+}
+BENCHMARK(unknown_id_in_kvutil)->Name("rejected input: tag, number/kvutil");
+BENCHMARK_CAPTURE(time_throw, id, UNKNOWN_ID)->Name("rejected input: tag, number/one throw");
+BENCHMARK(unknown_namespace_in_kvutil)->Name("rejected input: tag, namespace/kvutil");
+BENCHMARK_CAPTURE(time_throw, nsid, UNKNOWN_NAMESPACE)
+    ->Name("rejected input: tag, namespace/one throw");
+
+// ---- Growth
+
+template <std::size_t count>
+void growth_by_name_in_kvutil(benchmark::State& state)
+{
+    state.counters["bytes per tag"] = run_time(count).bytes_per_tag;
+    by_name<kvutil_t>(state, run_time(count).names);
+}
+
+template <std::size_t count>
+void growth_by_id_in_kvutil(benchmark::State& state)
+{
+    by_number(state, ids_of(run_time(count).names),
+              [](XmlTag::Id id) { return XmlTag::lookup(id); });
+}
+
+// The names are new in each repetition, so all are registered that have been before.
+template <int count>
+void growth_of_registration(benchmark::State& state)
+{
+    const auto keys = kvutil_registry_t::keys_of(new_names_t(count, count));
+    std::size_t i = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(kvutil_registry_t::add(keys[i++]));
+}
+
+#ifdef KVUTIL_BENCH_ABSL
+#define KVUTIL_GROWTH_OF_ABSL(count)                                                               \
+    BENCHMARK_TEMPLATE(run_time_hit, map_t<absl_map_t>, count)                                     \
+        ->Name("growth, tags: by name, " #count " tags/absl flat_hash_map");
+#else
+#define KVUTIL_GROWTH_OF_ABSL(count)
+#endif
+#define KVUTIL_GROWTH(count)                                                                       \
+    BENCHMARK_TEMPLATE(growth_by_name_in_kvutil, count)                                            \
+        ->Name("growth, tags: by name, " #count " tags/kvutil");                                   \
+    KVUTIL_GROWTH_OF_ABSL(count)                                                                   \
+    BENCHMARK_TEMPLATE(growth_by_id_in_kvutil, count)                                              \
+        ->Name("growth, tags: by id, " #count " tags/kvutil");                                     \
+    BENCHMARK_TEMPLATE(growth_of_registration, count)                                              \
+        ->Name("growth, tags: registration, " #count " names/kvutil")                              \
+        ->Iterations(count);
+KVUTIL_GROWTH(1000)
+KVUTIL_GROWTH(10000)
+KVUTIL_GROWTH(100000)
+KVUTIL_GROWTH(1000000)
+
+// ---- Namespaces
+
+void namespace_by_uri_in_kvutil(benchmark::State& state)
+{
+    const UString uri = XmlTag::ns_URI(6);
+    const UString name(u"display-name");
+    require_agreement(state, XmlTag(uri, name).ns_id() == 6);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(XmlTag(uri, name));
+}
+void namespace_by_uri_in_std(benchmark::State& state)
+{
+    struct tag_t {
+        XmlTag::NsId nsid;
+        std::u16string name;
+    };
+    std_map_t namespaces;
+    for (const XmlTag::Namespace* const ns : XmlTag::g_namespace_array)
+        namespaces.emplace(wide(ns->uri), ns->id);
+    const std::u16string uri = wide(XmlTag::ns_URI(6));
+    const std::u16string name = u"display-name";
+    require_agreement(state, namespaces.find(uri)->second == 6);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(tag_t{namespaces.find(uri)->second, name});
+}
+BENCHMARK(namespace_by_uri_in_kvutil)->Name("further, tags: tag from URI and name/kvutil");
+BENCHMARK(namespace_by_uri_in_std)->Name("further, tags: tag from URI and name/std unordered_map");
+
+// Each takes its place among those that are sorted already.
+constexpr int NEW_NAMESPACES = 10'000;
+
+void new_namespaces_in_kvutil(benchmark::State& state)
+{
+    const new_names_t all(NEW_NAMESPACES, 1);
+    std::vector<UString> uris;
+    for (const std::string& uri : shuffled(all.uris))
+        uris.push_back(ustr(uri));
+    const UString name;
+    std::size_t i = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(XmlTag(uris[i++], name));
+    const auto& sorted = *XmlTag::g_sorted_namespace_vector;
+    require_agreement(state,
+                      std::is_sorted(sorted.begin(), sorted.end(), XmlTag::CompareNamespacePtr()));
+}
+BENCHMARK(new_namespaces_in_kvutil)
+    ->Name("further, tags: new namespace/kvutil")
+    ->Iterations(NEW_NAMESPACES);
+
+#ifdef KVUTIL_BENCH_GLIB
+void new_namespaces_in_glib(benchmark::State& state)
+{
+    const std::vector<std::string> uris = shuffled(new_names_t(NEW_NAMESPACES, 1).uris);
+    std::size_t i = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(g_quark_from_string(uris[i++].c_str()));
+}
+BENCHMARK(new_namespaces_in_glib)
+    ->Name("further, tags: new namespace/GQuark")
+    ->Iterations(NEW_NAMESPACES);
 #endif
 
 // ---- Texts
 
+constexpr char16_t START_TAG[] = u"<acl-entry xmlns=\"http://kvutil.example.com/xmlns/TEAM/ACL\">";
+
 void start_tag_in_kvutil(benchmark::State& state)
 {
     const XmlTag& tag = Kvl::WkTag::ACL_ENTRY;
+    require_agreement(state, tag.format(XmlTag::START_TAG) == UString(START_TAG));
     for (auto _ : state)
         benchmark::DoNotOptimize(tag.format(XmlTag::START_TAG));
 }
-BENCHMARK(start_tag_in_kvutil);
-
 void start_tag_in_std(benchmark::State& state)
 {
     const std::u16string name = u"acl-entry";
     const std::u16string uri = u"http://kvutil.example.com/xmlns/TEAM/ACL";
-    for (auto _ : state) {
+    const auto format = [&] {
         std::u16string text;
         text.reserve(name.size() + uri.size() + 11);
-        text.append(u"<").append(name).append(u" xmlns=\"").append(uri).append(u"\">");
-        benchmark::DoNotOptimize(text);
-    }
-}
-BENCHMARK(start_tag_in_std);
-
-void tag_from_texts_in_kvutil(benchmark::State& state)
-{
-    const UString uri = XmlTag::ns_URI(6);
-    const UString name(u"display-name");
+        return text.append(u"<").append(name).append(u" xmlns=\"").append(uri).append(u"\">");
+    };
+    require_agreement(state, format() == START_TAG);
     for (auto _ : state)
-        benchmark::DoNotOptimize(XmlTag(uri, name));
+        benchmark::DoNotOptimize(format());
 }
-BENCHMARK(tag_from_texts_in_kvutil);
+BENCHMARK(start_tag_in_kvutil)->Name("further, tags: start tag/kvutil");
+BENCHMARK(start_tag_in_std)->Name("further, tags: start tag/std u16string");
 
 }  // namespace

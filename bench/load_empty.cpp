@@ -1,0 +1,4 @@
+// The least library that can be opened.
+
+extern "C" void nothing();
+extern "C" void nothing() {}
