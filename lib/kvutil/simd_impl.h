@@ -7,19 +7,46 @@
 #define KVUTIL_HAVE_SIMD 1
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <immintrin.h>
+#if __has_include(<sys/platform/x86.h>)
+#include <sys/platform/x86.h>
+#endif
 
 /// What is marked so may run only where has_ssse3() holds; everything else is in every x86-64.
 #define KVUTIL_SSSE3 __attribute__((target("ssse3,popcnt")))
 
 namespace Kvl::simd {
 
-inline bool has_ssse3()
+#if __has_include(<sys/platform/x86.h>)
+/// The C library has asked the processor when the program started.
+inline bool ask_for_ssse3() noexcept
+{
+    return CPU_FEATURE_ACTIVE(SSSE3) && CPU_FEATURE_ACTIVE(POPCNT);
+}
+#else
+inline bool ask_for_ssse3() noexcept
 {
     return __builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt");
+}
+#endif
+
+enum class answer_t : unsigned char { NOT_ASKED, NO, YES };
+inline constinit std::atomic<answer_t> g_ssse3{answer_t::NOT_ASKED};
+
+/// Asks once, and not at load: the compiler's own test does so there, and a virtual machine needs
+/// tens of microseconds to answer it.
+inline bool has_ssse3() noexcept
+{
+    const answer_t known = g_ssse3.load(std::memory_order_relaxed);
+    if (known != answer_t::NOT_ASKED)
+        return known == answer_t::YES;
+    const bool has = ask_for_ssse3();
+    g_ssse3.store(has ? answer_t::YES : answer_t::NO, std::memory_order_relaxed);
+    return has;
 }
 
 inline __m128i load(const void* p)
