@@ -436,6 +436,50 @@ TEST(OidTextIn, IsAsLenientAsSscanf)
     EXPECT_LT(accepted, COUNT * 9 / 10);
 }
 
+std::optional<tbs_uuid_s> parsed(const UString& text)
+{
+    try {
+        return Oid::from_string(text);
+    } catch (const IllegalArgException&) {
+        return std::nullopt;
+    }
+}
+
+// A text in UTF-16 is read without its conversion to UTF-8 where it has a form and nothing else.
+TEST(OidTextIn, InUtf16IsWhatItIsInUtf8)
+{
+    near_misses_t near_misses;
+    std::mt19937 random(7);
+    const std::u16string others = u"\u0100\u0200\u3030\U0001D7D8"s + char16_t{0xDC30};
+    int accepted = 0;
+    for (int i = 0; i < 100'000 && !HasFailure(); ++i) {
+        const std::string bytes = near_misses.next();
+        std::u16string units(bytes.begin(), bytes.end());
+        if (!units.empty() && random() % 4 == 0)  // the low byte of some is a digit's
+            units[random() % units.size()] += others[random() % others.size()];
+        const UString text(units);
+        const auto expected = parsed(text.utf8_str());
+        const auto actual = parsed(text);
+        ASSERT_EQ(actual.has_value(), expected.has_value()) << testing::PrintToString(text);
+        if (expected) {
+            ASSERT_EQ(bytes_of(*actual), bytes_of(*expected)) << testing::PrintToString(text);
+            ++accepted;
+        }
+    }
+    EXPECT_GT(accepted, 10'000);
+    EXPECT_LT(accepted, 90'000);
+}
+
+TEST(OidTextIn, InUtf16IsNothingWithAnUnpairedSurrogateBehindIt)
+{
+    for (const char* const form : {DOTTED, HYPHENATED, COMPACT}) {
+        UString text = ustr(form);
+        EXPECT_TRUE(parsed(text));
+        text.append(static_cast<unsigned short>(0xD800));
+        EXPECT_FALSE(parsed(text)) << form;
+    }
+}
+
 // Every text of up to five characters from those that matter, as the start of a form and as its
 // end.
 TEST(OidTextIn, AgreesWithSscanfOnEveryShortField)

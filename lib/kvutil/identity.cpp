@@ -2,7 +2,6 @@
 
 #include "failure_impl.h"
 #include "hex_impl.h"
-#include "storage_impl.h"
 #include "ustring_impl.h"
 #include "utf8_impl.h"
 
@@ -94,14 +93,12 @@ UString Identity::str() const
     const auto number_size = static_cast<std::size_t>(number_end - number);
     const std::size_t length_units = number_size + 1 + 2 * (size_of(*this) + 1);
 
-    UString text;
-    text.reserve(static_cast<unsigned int>(length_units + 1));
-    char16_t* to = std::copy(static_cast<const char*>(number), number_end, writable(text));
-    *to++ = u':';
-    constexpr identity_t no_block = 0;
-    print_hex(block_ == nullptr ? &no_block : block_.get(), size_of(*this) + 1, to);
-    set_length(text, length_units);
-    return text;
+    return owned_text_t::make(length_units, [&](char16_t* to) {
+        to = std::copy(static_cast<const char*>(number), number_end, to);
+        *to++ = u':';
+        constexpr identity_t no_block = 0;
+        print_hex(block_ == nullptr ? &no_block : block_.get(), size_of(*this) + 1, to);
+    });
 }
 
 // ---- text form, in ----

@@ -1,6 +1,7 @@
 #include <kvutil/oid.h>
 
 #include "failure_impl.h"
+#include "ustring_impl.h"
 
 #include <algorithm>
 #include <array>
@@ -159,19 +160,26 @@ unsigned int digit_value(char c)
     return DIGIT_VALUES[static_cast<unsigned char>(c)];
 }
 
+unsigned int digit_value(char16_t unit)
+{
+    return unit < DIGIT_VALUES.size() ? DIGIT_VALUES[unit] : NO_DIGIT;
+}
+
 /// The byte of two digits; more than 0xFF when one of them is none.
-unsigned int byte_of(const char* digits)
+template <class Unit>
+unsigned int byte_of(const Unit* digits)
 {
     return digit_value(digits[0]) << 4 | digit_value(digits[1]);
 }
 
 /// Reads a text that begins with all digits and separators of the form. Written out pair by pair,
 /// because the places are constants then.
-template <const form_t& form, std::size_t... pair, std::size_t... separator>
-bool read_exact(const char* text, tbs_uuid_s& result, std::index_sequence<pair...>,
+template <const form_t& form, class Unit, std::size_t... pair, std::size_t... separator>
+bool read_exact(const Unit* text, tbs_uuid_s& result, std::index_sequence<pair...>,
                 std::index_sequence<separator...>)
 {
-    if (!(... && (text[form.separators[separator]] == form.pattern[form.separators[separator]])))
+    if (!(... && (text[form.separators[separator]] ==
+                  static_cast<Unit>(form.pattern[form.separators[separator]]))))
         return false;
     const unsigned int values[] = {byte_of(text + form.digit_pairs[pair])...};
     if ((... | values[pair]) > 0xFF)
@@ -180,8 +188,8 @@ bool read_exact(const char* text, tbs_uuid_s& result, std::index_sequence<pair..
     return true;
 }
 
-template <const form_t& form>
-bool read_exact(const std::string& text, tbs_uuid_s& result)
+template <const form_t& form, class Unit>
+bool read_exact(std::basic_string_view<Unit> text, tbs_uuid_s& result)
 {
     return text.size() >= form.length &&
            read_exact<form>(text.data(), result,
@@ -191,7 +199,7 @@ bool read_exact(const std::string& text, tbs_uuid_s& result)
 
 /// What reading by the rules would find too, in one go: each field has as many digits as it may
 /// have, so none of them is part of a sign or of "0x".
-bool read_exact(const std::string& text, tbs_uuid_s& result)
+bool read_exact(std::string_view text, tbs_uuid_s& result)
 {
     constexpr std::size_t FIRST_SEPARATOR = 8;
     if (text.size() < COMPACT.length)
@@ -203,6 +211,21 @@ bool read_exact(const std::string& text, tbs_uuid_s& result)
         return read_exact<HYPHENATED>(text, result);
     default:
         return read_exact<COMPACT>(text, result);
+    }
+}
+
+/// The same of a text in UTF-16 with nothing behind the form, which spares its conversion.
+bool read_exact(std::u16string_view text, tbs_uuid_s& result)
+{
+    switch (text.size()) {
+    case DOTTED.length:
+        return read_exact<DOTTED>(text, result);
+    case HYPHENATED.length:
+        return read_exact<HYPHENATED>(text, result);
+    case COMPACT.length:
+        return read_exact<COMPACT>(text, result);
+    default:
+        return false;
     }
 }
 
@@ -291,7 +314,8 @@ bool scan(const char* text, const separators_t& separators, tbs_uuid_s& result)
 
 bool read(const std::string& text, tbs_uuid_s& result)
 {
-    return read_exact(text, result) || scan(text.c_str(), DOTTED_FIELDS, result) ||
+    return read_exact(std::string_view(text), result) ||
+           scan(text.c_str(), DOTTED_FIELDS, result) ||
            scan(text.c_str(), HYPHENATED_FIELDS, result) ||
            scan(text.c_str(), COMPACT_FIELDS, result);
 }
@@ -327,9 +351,8 @@ std::string Uuid::std_str(bool compact) const
 
 UString Uuid::str(bool compact) const
 {
-    char16_t text[LONGEST + 1] = {};
-    write(fields_, compact, text);
-    return UString(text);
+    return owned_text_t::make(length_of(compact),
+                              [&](char16_t* text) { write(fields_, compact, text); });
 }
 
 Uuid Uuid::from_string(const std::string& s)
@@ -364,7 +387,8 @@ Oid Oid::from_string(const std::string& s)
 
 Oid Oid::from_string(const UString& s)
 {
-    return from_string(s.utf8_str());
+    tbs_uuid_s result;
+    return read_exact(view_of(s), result) ? Oid(result) : from_string(s.utf8_str());
 }
 
 // ---- Wide streams ----
