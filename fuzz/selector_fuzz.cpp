@@ -1,36 +1,51 @@
-// Selectors from the wire: parsing does what the rules say, a step a line; a proper selector of the
-// domain vd or ob, printed in full and parsed again, has the same fields; walking up ends; escapes
-// are those of one replacement a delimiter.
+// Selectors from the wire: parsing does what the rules say, a step a line, as far as memory goes; a
+// proper selector of the domain vd or ob, printed in full and parsed again, has the same fields;
+// walking up ends.
+// The input is the failing allocation and the text.
 
 #include <kvutil/selector.h>
 #include <kvutil/stpexception.h>
 
 #include "../tests/support/selector_literal.h"
+#include "allocation_fault.h"
+#include "input.h"
 #include "property.h"
 
 #include <cstdint>
-#include <string>
+#include <string_view>
 
 using Kvl::Selector;
 using Kvl::UString;
 
 namespace {
 
-void check_escapes(const UString& text)
+void check_parsing(const UString& text, const literal::outcome_t& expected, unsigned long fault)
 {
-    const UString encoded = Selector::encode_segment(text);
-    require(encoded == literal::encode_segment(text));
-    require(Selector::decode_string(text) == literal::decode_string(text));
-    const bool comes_back = Selector::decode_string(encoded) == text;
-    require(comes_back == (text.find(UString(u"%@@")) < 0));
+    has_memory(fault, [&] {
+        try {
+            require(literal::fields(Selector(text)) == expected);
+        } catch (const Kvl::StateException& e) {
+            require(!expected.detail.empty());
+            const auto& arguments = e.message().arguments();
+            require(e.stp_reason_code() == 39 && e.message().index() == 21);
+            require(arguments.size() == 2);
+        }
+    });
 }
 
-void check_pieces(const UString& text)
+void check_rejection(const UString& text, const UString& detail)
 {
-    const auto pieces = Selector::split_segments(text, Selector::SEGMENT_SEP);
-    require(pieces == literal::split_segments(text, Selector::SEGMENT_SEP));
-    const UString joined = Selector::join_segments(pieces, Selector::SEGMENT_SEP);
-    require(joined.length() <= text.length());
+    try {
+        const Selector selector(text);
+        require(false);
+    } catch (const Kvl::StateException& e) {
+        const UString start(u"PLXSV0671E The selector '");
+        const UString middle(u"' is not valid: ");
+        // Deliberate: a text without a form in UTF-8 is left out of the message.
+        const UString shown = text.utf8_str().empty() ? UString() : UString(text.utf8_str());
+        const UString piece = detail.utf8_str().empty() ? UString() : UString(detail.utf8_str());
+        require(e.message().message_string() == start + shown + middle + piece);
+    }
 }
 
 void check_printing(const Selector& selector)
@@ -58,19 +73,19 @@ void check_walk(Selector selector, std::size_t steps)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    const UString text = text_of(data, size);
-    check_escapes(text);
-    check_pieces(text);
+    input_t input(data, size);
+    const unsigned long fault = fault_of(input);
+    const std::string_view rest = input.bytes(size);
+    const UString text = text_of(reinterpret_cast<const std::uint8_t*>(rest.data()), rest.size());
     const literal::outcome_t expected = literal::parse(text);
-    try {
-        const Selector selector(text);
-        require(literal::fields(selector) == expected);
-        check_printing(selector);
-        check_walk(selector, size + 4);
-    } catch (const Kvl::StateException& e) {
-        require(!expected.detail.empty());
-        const UString whole = e.message().message_string();
-        require(whole.find(UString(u"PLXSV0671E The selector '")) == 0);
+    check_parsing(text, expected, fault);
+    if (!expected.detail.empty()) {
+        check_rejection(text, expected.detail);
+        return 0;
     }
+    const Selector selector(text);
+    require(literal::fields(selector) == expected);
+    check_printing(selector);
+    check_walk(selector, size + 4);
     return 0;
 }
