@@ -108,7 +108,8 @@ void file_floor(benchmark::State& state)
 }
 
 #define ONE_THREAD "temporary file: create and delete/"
-#define TWO_THREADS "temporary file: create and delete, 2 threads/"
+// Both threads try the same number first, so that one of them makes a call in vain.
+#define TWO_THREADS "further, files: temporary file, 2 threads/"
 #define NAMELESS "further, files: temporary file, its name not asked for/"
 
 BENCHMARK(file_kvutil)->Name(ONE_THREAD "kvutil");

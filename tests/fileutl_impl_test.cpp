@@ -14,6 +14,7 @@
 #include "support/text.h"
 
 #include <gmock/gmock.h>
+#include <unicode/ucnv.h>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -37,6 +38,7 @@ using Kvl::FileutlImpl::change_lock;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 
 /// What the replaced calls were asked for, in order, and what they are to answer.
 struct script_t {
@@ -376,6 +378,30 @@ TEST(DeleteTmpFileCalls, RemoveTheObjectAndThenItsDirectory)
         script.calls.clear();
         Fileutl::delete_tmp_file(path);
         EXPECT_THAT(script.calls, ElementsAre("remove /t/DIR0/n"));
+    });
+}
+
+// Where the platform's charset is UTF-8, most paths go without its converter.
+TEST(DeleteTmpFileCalls, RemoveThePathThatTheConverterWrites)
+{
+    with_scripted_objects([] {
+        ucnv_setDefaultName("UTF-8");
+        ASSERT_STREQ(UString::default_charset(), "UTF-8");
+        const std::u16string lead(1, char16_t{0xD83D});
+        const std::u16string trail(1, char16_t{0xDE00});
+        const std::u16string zero(1, u'\0');
+        const std::u16string longest(4000, u'\u3042');
+        for (const std::u16string& units :
+             {u"/a"s, u"/\u00e9"s, u"/\u3042"s, u"/"s + lead + trail, longest, u"/a"s + lead,
+              trail + u"/a"s, lead, u"/a"s + zero + u"b"s, zero + u"a"s, zero, u""s}) {
+            const UString path(units);
+            bool failed = false;
+            const std::string bytes = UString(path).std_str("DEFAULT", failed);
+            EXPECT_FALSE(failed);
+            script.calls.clear();
+            Fileutl::delete_tmp_file(path);
+            EXPECT_THAT(script.calls, ElementsAre("remove " + bytes));
+        }
     });
 }
 

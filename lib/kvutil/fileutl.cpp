@@ -7,12 +7,15 @@
 
 #include <kvutil/pname.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -67,9 +70,8 @@ std::unique_ptr<const UString> terminated(const UString& text)
     return owned;
 }
 
-}  // namespace
-
-UString Fileutl::sys_tmpdir()
+/// Found once, terminated and never changed again.
+const UString& tmpdir()
 {
     // Never destroyed: other threads may still make files while the process ends.
     static constinit std::atomic<const UString*> cached{nullptr};
@@ -83,11 +85,18 @@ UString Fileutl::sys_tmpdir()
     return *directory;
 }
 
+}  // namespace
+
+UString Fileutl::sys_tmpdir()
+{
+    return tmpdir();
+}
+
 // ---- new objects ----
 
 namespace {
 
-constexpr unsigned short SEPARATOR = u'/';
+constexpr char16_t SEPARATOR = u'/';
 constexpr int MAX_SUFFIX = 9999;
 constexpr int MAX_RETRIES = 9999;
 
@@ -136,15 +145,27 @@ int make_object(const char* path, bool is_dir)
     raise_refusal(MSG_TMP_OBJECT_NOT_CREATED, reason);
 }
 
+/// The path that has that number.
+UString numbered_path(std::u16string_view directory, std::u16string_view prefix, int suffix)
+{
+    const std::string digits = std::to_string(suffix);
+    const std::size_t length = directory.size() + 1 + prefix.size() + digits.size();
+    return owned_text_t::make(length, [&](char16_t* to) {
+        to = std::copy(directory.begin(), directory.end(), to);
+        *to++ = SEPARATOR;
+        to = std::copy(prefix.begin(), prefix.end(), to);
+        std::copy(digits.begin(), digits.end(), to);
+    });
+}
+
 /// A new file or directory, removed again unless it is kept.
 class new_object_t {
 public:
-    new_object_t(const UString& prefix, bool is_dir) : path_(Fileutl::sys_tmpdir())
+    new_object_t(const UString& prefix, bool is_dir)
     {
-        path_.append(SEPARATOR).append(prefix);
-        const unsigned int stem_units = path_.length();
+        const UString& directory = tmpdir();
         int retries = 0;
-        while (const int error = try_next(stem_units, is_dir)) {
+        while (const int error = try_next(view_of(directory), view_of(prefix), is_dir)) {
             advance_suffix();
             if (error != EEXIST)
                 refuse(error_text(error));
@@ -171,12 +192,9 @@ public:
     }
 
 private:
-    int try_next(unsigned int stem_units, bool is_dir)
+    int try_next(std::u16string_view directory, std::u16string_view prefix, bool is_dir)
     {
-        const int suffix = last_suffix.load(std::memory_order_relaxed);
-        path_.erase(stem_units);
-        for (const char digit : std::to_string(suffix))
-            path_.append(static_cast<unsigned short>(digit));
+        path_ = numbered_path(directory, prefix, last_suffix.load(std::memory_order_relaxed));
         bytes_ = path_.utf8_str();
         return make_object(bytes_.c_str(), is_dir);
     }
@@ -235,52 +253,61 @@ namespace {
 
 /// A path as the system takes it.
 struct platform_path_t {
-    // A text keeps its converter, so the one that converts is a copy that does not stay.
-    explicit platform_path_t(const UString& path) : text(path)
+    platform_path_t() = default;
+    explicit platform_path_t(const UString& path)
     {
-        bytes = UString(path).std_str("DEFAULT", failed);
+        if (is_utf8_platform())
+            bytes = path.utf8_str();
+        // A text keeps its converter, so the one that converts is a copy that does not stay.
+        if (bytes.empty())
+            bytes = UString(path).std_str("DEFAULT", failed);
     }
 
-    const char* c_str() const
-    {
-        if (failed)
-            reject_path(text);
-        return bytes.c_str();
-    }
-
-    UString text;
-    bool failed = false;
     std::string bytes;
+    bool failed = false;
+
+private:
+    /// Where it is, only what is no text needs a converter.
+    static bool is_utf8_platform() { return std::strcmp(UString::default_charset(), "UTF-8") == 0; }
 };
 
 /// What it takes to delete an object, made before anything is deleted: memory cannot run out
 /// half-way.
 class deletion_t {
 public:
+    /// @param path   outlives this
     /// @param entry  that of `path`, or the table's end
     deletion_t(const UString& path, table_t::iterator entry) KVUTIL_REQUIRES(Fileutl::g_lock)
-        : entry_(entry), is_recorded_(entry != Fileutl::g_tmp_table.end()),
-          in_dir_(is_recorded_ && entry->second.in_dir), object_(path),
-          directory_(in_dir_ ? Pname(path).parent_dir() : UString())
+        : path_(path), entry_(entry), is_recorded_(entry != Fileutl::g_tmp_table.end()),
+          in_dir_(is_recorded_ && entry->second.in_dir), object_(path)
     {
+        if (in_dir_)
+            directory_ = platform_path_t(directory_of(path));
     }
 
     void run() const KVUTIL_REQUIRES(Fileutl::g_lock)
     {
-        sys_calls.remove(object_.c_str());
+        if (object_.failed)
+            reject_path(path_);
+        sys_calls.remove(object_.bytes.c_str());
+        if (directory_.failed)
+            reject_path(directory_of(path_));
         if (in_dir_)
-            sys_calls.rmdir(directory_.c_str());
+            sys_calls.rmdir(directory_.bytes.c_str());
         if (is_recorded_)
             forget();
     }
 
 private:
+    static UString directory_of(const UString& path) { return Pname(path).parent_dir(); }
+
     void forget() const KVUTIL_REQUIRES(Fileutl::g_lock)
     {
         const CriticalSection change(change_lock);
         Fileutl::g_tmp_table.erase(entry_);
     }
 
+    const UString& path_;
     table_t::iterator entry_;
     bool is_recorded_;
     bool in_dir_;
