@@ -1,73 +1,93 @@
-// Taking and releasing a lock, once and nested, against the two that a caller would use instead.
+// Holding a lock for a block against the recursive mutexes that a caller would use instead. The
+// floor is a flag with its owner and depth; who waits for it tries again and again.
+//
+// The process has further threads, as a server has. The C library's mutexes cost less where there
+// are none, which critsec_lock_bench compares.
 
-#include <kvutil/critsec.h>
+#include "recursive_locks.h"
 
-#include <benchmark/benchmark.h>
-#include <pthread.h>
-
-#include <mutex>
+#include <chrono>
+#include <future>
 
 namespace {
 
-class pthread_recursive_mutex {
-public:
-    pthread_recursive_mutex()
-    {
-        pthread_mutexattr_t attributes;
-        pthread_mutexattr_init(&attributes);
-        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-        pthread_mutex_init(&mutex_, &attributes);
-        pthread_mutexattr_destroy(&attributes);
+using namespace RecursiveLocks;
+
+const bool there_is_another_thread = [] {
+    std::thread([] {
+        for (;;)
+            std::this_thread::sleep_for(std::chrono::hours(1));
+    }).detach();
+    return true;
+}();
+
+/// Whether two threads lose no count, each of them holding the lock twice.
+template <class Family>
+bool excludes_and_nests()
+{
+    constexpr int EACH = 10'000;
+    typename Family::lock_t lock;
+    int counter = 0;
+    const auto count = [&] {
+        for (int i = 0; i < EACH; ++i) {
+            const typename Family::guard_t outer(lock);
+            const typename Family::guard_t inner(lock);
+            ++counter;
+        }
+    };
+    auto other = std::async(std::launch::async, count);
+    count();
+    other.get();
+    return counter == 2 * EACH;
+}
+
+template <class Family>
+void uncontended(benchmark::State& state)
+{
+    require_agreement(state, there_is_another_thread && excludes_and_nests<Family>());
+    one_section<Family>(state);
+}
+
+template <class Family>
+void nested(benchmark::State& state)
+{
+    require_agreement(state, there_is_another_thread && excludes_and_nests<Family>());
+    nested_section<Family>(state);
+}
+
+/// Both threads count under one lock and have something else to do in between.
+template <class Family>
+void two_threads(benchmark::State& state)
+{
+    alignas(64) static typename Family::lock_t lock;
+    static int counter = 0;
+    std::uint32_t number = 1;
+    for (auto _ : state) {
+        {
+            const typename Family::guard_t section(lock);
+            benchmark::DoNotOptimize(++counter);
+        }
+        for (int i = 0; i < 100; ++i)
+            benchmark::DoNotOptimize(number = number * 1664525 + 1013904223);
     }
-    ~pthread_recursive_mutex() { pthread_mutex_destroy(&mutex_); }
-    pthread_recursive_mutex(const pthread_recursive_mutex&) = delete;
-    pthread_recursive_mutex& operator=(const pthread_recursive_mutex&) = delete;
-    void lock() { pthread_mutex_lock(&mutex_); }
-    void unlock() { pthread_mutex_unlock(&mutex_); }
-
-private:
-    pthread_mutex_t mutex_;
-};
-
-Kvl::CriticalSectionLock g_kvutil_lock;
-pthread_recursive_mutex g_pthread_lock;
-std::recursive_mutex g_std_lock;
-
-void section_in_kvutil(benchmark::State& state)
-{
-    for (auto _ : state)
-        const Kvl::CriticalSection section(g_kvutil_lock);
 }
-BENCHMARK(section_in_kvutil)->Threads(1)->Threads(2);
 
-void section_in_pthread(benchmark::State& state)
-{
-    for (auto _ : state)
-        const std::lock_guard section(g_pthread_lock);
-}
-BENCHMARK(section_in_pthread)->Threads(1)->Threads(2);
+#define ROW "lock and unlock: "
+#define KVUTIL_CONTESTANT(family, name)                                                            \
+    BENCHMARK_TEMPLATE(uncontended, family)->Name(ROW "uncontended/" name);                        \
+    BENCHMARK_TEMPLATE(nested, family)                                                             \
+        ->Name("further, locks and log: lock and unlock, nested/" name);                           \
+    BENCHMARK_TEMPLATE(two_threads, family)                                                        \
+        ->Name(ROW "contended, 2 threads/" name)                                                   \
+        ->Threads(2)                                                                               \
+        ->UseRealTime()
 
-void section_in_std(benchmark::State& state)
-{
-    for (auto _ : state)
-        const std::lock_guard section(g_std_lock);
-}
-BENCHMARK(section_in_std)->Threads(1)->Threads(2);
-
-void nested_section_in_kvutil(benchmark::State& state)
-{
-    const Kvl::CriticalSection outer(g_kvutil_lock);
-    for (auto _ : state)
-        const Kvl::CriticalSection inner(g_kvutil_lock);
-}
-BENCHMARK(nested_section_in_kvutil);
-
-void nested_section_in_std(benchmark::State& state)
-{
-    const std::lock_guard outer(g_std_lock);
-    for (auto _ : state)
-        const std::lock_guard inner(g_std_lock);
-}
-BENCHMARK(nested_section_in_std);
+KVUTIL_CONTESTANT(in_kvutil, "kvutil");
+KVUTIL_CONTESTANT(in_pthread, "pthread recursive mutex");
+KVUTIL_CONTESTANT(in_std, "std::recursive_mutex");
+#ifdef KVUTIL_BENCH_QT
+KVUTIL_CONTESTANT(in_qt, "Qt QRecursiveMutex");
+#endif
+KVUTIL_CONTESTANT(in_floor, "floor");
 
 }  // namespace

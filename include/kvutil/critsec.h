@@ -12,10 +12,10 @@ class KVUTIL_EXPORT KVUTIL_SCOPED_CAPABILITY CriticalSection {
 public:
     /// Takes `lock`, waiting as long as needed. Never throws.
     /// @param lock  outlives this object
-    CriticalSection(const CriticalSectionLock& lock) KVUTIL_ACQUIRE(lock);
+    KVUTIL_EXPORT CriticalSection(const CriticalSectionLock& lock) KVUTIL_ACQUIRE(lock);
 
     /// Releases the hold.
-    ~CriticalSection() KVUTIL_RELEASE();
+    KVUTIL_EXPORT ~CriticalSection() KVUTIL_RELEASE();
 
     CriticalSection(const CriticalSection&) = delete;
     CriticalSection& operator=(const CriticalSection&) = delete;
@@ -23,6 +23,17 @@ public:
 private:
     const CriticalSectionLock& lock_;
 };
+
+KVUTIL_CRITSEC_INLINE CriticalSection::CriticalSection(const CriticalSectionLock& lock)
+    : lock_(lock)
+{
+    lock_.lock();
+}
+
+KVUTIL_CRITSEC_INLINE CriticalSection::~CriticalSection()
+{
+    lock_.unlock();
+}
 
 }  // namespace Kvl
 

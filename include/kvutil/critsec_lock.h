@@ -4,11 +4,23 @@
 #include <kvutil/export.h>
 #include <pthread.h>
 
+// Inline, so that taking a lock costs what its mutex costs. The library defines this as nothing
+// once: it has the functions too, for programs that were compiled when they were not inline.
+#ifndef KVUTIL_CRITSEC_INLINE
+#define KVUTIL_CRITSEC_INLINE inline
+#endif
+
 namespace Kvl {
 
 namespace CriticalSectionImpl {
-struct mutex_t;
-}
+
+/// What a lock refers to; the library's own are more than this.
+struct mutex_t {
+    pthread_mutex_t mutex;
+    const bool is_held_over_fork;  ///< by the forking thread, while fork handlers run
+};
+
+}  // namespace CriticalSectionImpl
 
 /// A recursive mutual-exclusion lock that can be taken and released through a const reference,
 /// so that a `const static` lock serves.
@@ -39,14 +51,34 @@ public:
 
     /// Takes the lock, waiting as long as needed. Never throws. A thread that holds it already
     /// takes it again.
-    void lock() const KVUTIL_ACQUIRE();
+    KVUTIL_EXPORT void lock() const KVUTIL_ACQUIRE();
 
     /// Releases one hold of this thread. Never throws.
-    void unlock() const KVUTIL_RELEASE();
+    KVUTIL_EXPORT void unlock() const KVUTIL_RELEASE();
 
 private:
+    void lock_held_over_fork() const;
+    void unlock_held_over_fork() const;
+
     CriticalSectionImpl::mutex_t* mutex_;
 };
+
+// clang's analysis sees a capability, not the mutex behind it.
+KVUTIL_CRITSEC_INLINE void CriticalSectionLock::lock() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (mutex_->is_held_over_fork)
+        lock_held_over_fork();
+    else
+        pthread_mutex_lock(&mutex_->mutex);
+}
+
+KVUTIL_CRITSEC_INLINE void CriticalSectionLock::unlock() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (mutex_->is_held_over_fork)
+        unlock_held_over_fork();
+    else
+        pthread_mutex_unlock(&mutex_->mutex);
+}
 
 }  // namespace Kvl
 

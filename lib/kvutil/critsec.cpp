@@ -1,15 +1,3 @@
+// The functions of both headers, for programs that do not have them inline.
+#define KVUTIL_CRITSEC_INLINE
 #include <kvutil/critsec.h>
-
-namespace Kvl {
-
-CriticalSection::CriticalSection(const CriticalSectionLock& lock) : lock_(lock)
-{
-    lock_.lock();
-}
-
-CriticalSection::~CriticalSection()
-{
-    lock_.unlock();
-}
-
-}  // namespace Kvl

@@ -3,15 +3,16 @@
 namespace Kvl {
 namespace {
 
+using CriticalSectionImpl::listed_mutex_t;
 using CriticalSectionImpl::mutex_t;
 
 /// Guards the lists and their links.
 constinit pthread_mutex_t list_mutex = PTHREAD_MUTEX_INITIALIZER;
-constinit mutex_t* owned_head = nullptr;
+constinit listed_mutex_t* owned_head = nullptr;
 /// Newest first; never shortened, so that it can be walked from any of its elements.
-constinit mutex_t* immortal_head = nullptr;
+constinit listed_mutex_t* immortal_head = nullptr;
 /// From where on the forking thread has taken the immortal ones.
-constinit mutex_t* taken_head = nullptr;
+constinit listed_mutex_t* taken_head = nullptr;
 constinit bool fork_handlers_registered = false;
 
 /// Whether this thread is between the handlers before and after its fork(). Other handlers that
@@ -27,15 +28,10 @@ void initialize_recursive(pthread_mutex_t& mutex)
     pthread_mutexattr_destroy(&attributes);
 }
 
-bool passes(const mutex_t& m)
-{
-    return m.is_held_over_fork && is_forking;
-}
-
-mutex_t* newest_immortal()
+listed_mutex_t* newest_immortal()
 {
     pthread_mutex_lock(&list_mutex);
-    mutex_t* const newest = immortal_head;
+    listed_mutex_t* const newest = immortal_head;
     pthread_mutex_unlock(&list_mutex);
     return newest;
 }
@@ -43,8 +39,8 @@ mutex_t* newest_immortal()
 // The list's own mutex comes last, because whoever holds one of the others may create a lock.
 void before_fork()
 {
-    mutex_t* const newest = newest_immortal();
-    for (mutex_t* m = newest; m != nullptr; m = m->next)
+    listed_mutex_t* const newest = newest_immortal();
+    for (listed_mutex_t* m = newest; m != nullptr; m = m->next)
         if (m->is_held_over_fork)
             pthread_mutex_lock(&m->mutex);
     pthread_mutex_lock(&list_mutex);
@@ -54,9 +50,9 @@ void before_fork()
 
 void unlock_taken()
 {
-    mutex_t* const newest = taken_head;
+    listed_mutex_t* const newest = taken_head;
     pthread_mutex_unlock(&list_mutex);
-    for (mutex_t* m = newest; m != nullptr; m = m->next)
+    for (listed_mutex_t* m = newest; m != nullptr; m = m->next)
         if (m->is_held_over_fork)
             pthread_mutex_unlock(&m->mutex);
 }
@@ -67,7 +63,7 @@ void after_fork_in_parent()
     unlock_taken();
 }
 
-void make_all_free(mutex_t* m)
+void make_all_free(listed_mutex_t* m)
 {
     for (; m != nullptr; m = m->next)
         initialize_recursive(m->mutex);
@@ -83,7 +79,7 @@ void after_fork_in_child()
     make_all_free(immortal_head);
 }
 
-void put_in_front(mutex_t*& head, mutex_t& m)
+void put_in_front(listed_mutex_t*& head, listed_mutex_t& m)
 {
     m.next = head;
     if (head != nullptr)
@@ -92,7 +88,7 @@ void put_in_front(mutex_t*& head, mutex_t& m)
 }
 
 // An immortal one comes here again with every further lock that refers to it.
-void enlist(mutex_t& m)
+void enlist(listed_mutex_t& m)
 {
     pthread_mutex_lock(&list_mutex);
     if (!fork_handlers_registered)
@@ -106,7 +102,12 @@ void enlist(mutex_t& m)
     pthread_mutex_unlock(&list_mutex);
 }
 
-void delist(mutex_t& m)
+listed_mutex_t& listed(mutex_t& m)
+{
+    return static_cast<listed_mutex_t&>(m);
+}
+
+void delist(listed_mutex_t& m)
 {
     pthread_mutex_lock(&list_mutex);
     (m.previous != nullptr ? m.previous->next : owned_head) = m.next;
@@ -117,35 +118,35 @@ void delist(mutex_t& m)
 
 }  // namespace
 
-CriticalSectionLock::CriticalSectionLock() : mutex_(new mutex_t)
+CriticalSectionLock::CriticalSectionLock() : mutex_(new listed_mutex_t)
 {
-    enlist(*mutex_);
+    enlist(listed(*mutex_));
 }
 
 CriticalSectionLock::CriticalSectionLock(mutex_t& immortal) noexcept : mutex_(&immortal)
 {
-    enlist(*mutex_);
+    enlist(listed(immortal));
 }
 
 CriticalSectionLock::~CriticalSectionLock()
 {
-    if (mutex_->is_immortal)
+    listed_mutex_t& m = listed(*mutex_);
+    if (m.is_immortal)
         return;
-    delist(*mutex_);
-    pthread_mutex_destroy(&mutex_->mutex);
-    delete mutex_;
+    delist(m);
+    pthread_mutex_destroy(&m.mutex);
+    delete &m;
 }
 
-// clang's analysis sees a capability, not the mutex behind it.
-void CriticalSectionLock::lock() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
+void CriticalSectionLock::lock_held_over_fork() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
 {
-    if (!passes(*mutex_))
+    if (!is_forking)
         pthread_mutex_lock(&mutex_->mutex);
 }
 
-void CriticalSectionLock::unlock() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
+void CriticalSectionLock::unlock_held_over_fork() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
 {
-    if (!passes(*mutex_))
+    if (!is_forking)
         pthread_mutex_unlock(&mutex_->mutex);
 }
 

@@ -7,20 +7,18 @@ namespace Kvl::CriticalSectionImpl {
 
 /// A recursive mutex and its place in the lists that the handlers of a fork() walk. The mutex is
 /// made when the first lock refers to it.
-struct mutex_t {
+struct listed_mutex_t : mutex_t {
     /// One that a CriticalSectionLock owns and destroys.
-    constexpr mutex_t() noexcept = default;
+    constexpr listed_mutex_t() noexcept : mutex_t{{}, false} {}
 
-    pthread_mutex_t mutex{};
-    mutex_t* next = nullptr;
-    mutex_t* previous = nullptr;
+    listed_mutex_t* next = nullptr;
+    listed_mutex_t* previous = nullptr;
     const bool is_immortal = false;
-    const bool is_held_over_fork = false;
     bool is_listed = false;
 
 protected:
-    constexpr explicit mutex_t(bool held_over_fork) noexcept
-        : is_immortal(true), is_held_over_fork(held_over_fork)
+    constexpr explicit listed_mutex_t(bool held_over_fork) noexcept
+        : mutex_t{{}, held_over_fork}, is_immortal(true)
     {
     }
 };
@@ -34,14 +32,14 @@ protected:
 /// What it guards is whole in the child of a fork(), because the forking thread takes it first.
 /// The newest of these locks is taken first, so whoever holds one may take older ones only, and
 /// calls nothing of its caller's and no logger meanwhile.
-struct immortal_mutex_t : mutex_t {
-    constexpr immortal_mutex_t() noexcept : mutex_t(true) {}
+struct immortal_mutex_t : listed_mutex_t {
+    constexpr immortal_mutex_t() noexcept : listed_mutex_t(true) {}
 };
 
 /// The same for a lock that is held while code outside the library runs: a fork() does not wait
 /// for it, so what it guards may be seen half changed in the child.
-struct unattended_mutex_t : mutex_t {
-    constexpr unattended_mutex_t() noexcept : mutex_t(false) {}
+struct unattended_mutex_t : listed_mutex_t {
+    constexpr unattended_mutex_t() noexcept : listed_mutex_t(false) {}
 };
 
 }  // namespace Kvl::CriticalSectionImpl
