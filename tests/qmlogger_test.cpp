@@ -23,6 +23,7 @@
 #include <fstream>
 #include <limits>
 #include <map>
+#include <numeric>
 #include <set>
 #include <string>
 #include <string_view>
@@ -535,20 +536,33 @@ std::string escaped_byte(int byte)
     return text;
 }
 
-// Eight bytes are looked at together, so a byte's place must not matter.
-TEST_F(QmLoggerTest, TreatsEveryByteAlikeAtEveryPlace)
+void expect_alike_at(const std::vector<size_t>& places, size_t size, QmLogger& logger,
+                     const fs::path& file)
 {
-    QmLogger* const logger = initialize()->logger("Kvl");
     std::vector<std::string> expected;
     for (int byte = 0; byte < 256; ++byte)
-        for (size_t place = 0; place < 18; ++place) {
-            std::string text(18, 'x');
+        for (const size_t place : places) {
+            std::string text(size, 'x');
             text[place] = static_cast<char>(byte);
-            logger->info(text, 0);
-            expected.push_back(std::string(place, 'x') + escaped_byte(byte) +
-                               std::string(17 - place, 'x'));
+            logger.info(text, 0);
+            text.replace(place, 1, escaped_byte(byte));
+            expected.push_back(text);
         }
-    EXPECT_EQ(texts_of(file()), expected);
+    EXPECT_EQ(texts_of(file), expected);
+}
+
+// Eight or sixteen bytes are looked at together, so a byte's place must not matter.
+TEST_F(QmLoggerTest, TreatsEveryByteAlikeAtEveryPlace)
+{
+    std::vector<size_t> places(150);
+    std::iota(places.begin(), places.end(), 0);
+    expect_alike_at(places, places.size(), *initialize()->logger("Kvl"), file());
+}
+
+// Long texts without escapes are written from where they are.
+TEST_F(QmLoggerTest, TreatsEveryByteOfALongTextAlike)
+{
+    expect_alike_at({0, 15, 16, 31, 500, 992, 999}, 1000, *initialize()->logger("Kvl"), file());
 }
 
 TEST_F(QmLoggerTest, NameIsOneWordOfTheLine)
@@ -766,28 +780,41 @@ TEST_F(QmLoggerFailure, AFullDeviceLosesLinesAndNothingElse)
     EXPECT_EQ(parts_of(lines_of(file("other.log"))[0]).logger, "QmLogger");
 }
 
+/// Logs a line, one for which there are only so many bytes of room, one without any, and a last
+/// one.
+int log_with_room_for(rlim_t room_bytes, QmLogger& logger, const fs::path& file)
+{
+    signal(SIGXFSZ, SIG_IGN);
+    logger.info("first", 0);
+    const rlimit little = {fs::file_size(file) + room_bytes, RLIM_INFINITY};
+    const rlimit much = {RLIM_INFINITY, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &little);
+    logger.info(std::string(1000, 'x'), 0);
+    logger.info("lost as well", 0);
+    setrlimit(RLIMIT_FSIZE, &much);
+    logger.info("last", 0);
+    return 0;
+}
+
 TEST_F(QmLoggerFailure, ALineThatWasCutIsEndedBeforeTheNext)
 {
-    EXPECT_EQ(status_of_child([&] {
-                  signal(SIGXFSZ, SIG_IGN);
-                  QmLogger* const logger = initialize()->logger("Kvl");
-                  logger->info("first", 0);
-                  const rlimit little = {fs::file_size(file()) + 60, RLIM_INFINITY};
-                  const rlimit much = {RLIM_INFINITY, RLIM_INFINITY};
-                  setrlimit(RLIMIT_FSIZE, &little);
-                  logger->info(std::string(1000, 'x'), 0);
-                  logger->info("lost as well", 0);
-                  setrlimit(RLIMIT_FSIZE, &much);
-                  logger->info("last", 0);
-                  return 0;
-              }),
-              0);
-    const auto lines = lines_of(file());
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(parts_of(lines[0]).text, "first");
-    EXPECT_EQ(lines[1].size(), 60u) << "what there was room for";
-    EXPECT_EQ(parts_of(lines[2]).text, "2 lines lost: EFBIG");
-    EXPECT_EQ(parts_of(lines[3]).text, "last");
+    // Within what stands before the text, within the text, and before the end of the line.
+    for (const rlim_t room_from_text : {rlim_t(-20), rlim_t(1), rlim_t(999), rlim_t(1000)}) {
+        fs::remove(file());
+        QmLogger* const logger = initialize()->logger("Kvl");
+        EXPECT_EQ(status_of_child([&] {
+                      logger->info("", 0);
+                      const rlim_t room_bytes = last_line().size() + room_from_text;
+                      return log_with_room_for(room_bytes, *logger, file());
+                  }),
+                  0);
+        const auto lines = lines_of(file());
+        ASSERT_EQ(lines.size(), 5u);
+        EXPECT_EQ(parts_of(lines[1]).text, "first");
+        EXPECT_EQ(lines[2].size(), lines[0].size() + room_from_text) << "what there was room for";
+        EXPECT_EQ(parts_of(lines[3]).text, "2 lines lost: EFBIG");
+        EXPECT_EQ(parts_of(lines[4]).text, "last");
+    }
 }
 
 TEST_F(QmLoggerFailure, ADeviceServesAsALogFile)
@@ -1000,7 +1027,7 @@ TEST_F(QmLoggerTest, LoggerOfTheManagerWithoutMemoryIsNotKept)
 TEST_F(QmLoggerFailure, WithoutMemoryALineIsLostAndCounted)
 {
     QmLogger* const logger = initialize()->logger("Kvl");
-    const std::string text(10'000, 'x');
+    const std::string text(10'000, '\n');
     {
         const memory_fault fault(1, true);
         logger->info(text, 0);
@@ -1013,7 +1040,16 @@ TEST_F(QmLoggerFailure, WithoutMemoryALineIsLostAndCounted)
 TEST_F(QmLoggerFailure, ShortLinesNeedNoMemory)
 {
     QmLogger* const logger = initialize()->logger("Kvl");
-    const std::string text = "PLXSV0671E The selector 'x' is not valid: reason";
+    const std::string text = "PLXSV0671E The selector 'x' is not valid: reason\n";
+    const memory_fault fault(1, true);
+    logger->info(text, 0);
+    EXPECT_FALSE(fault.struck());
+}
+
+TEST_F(QmLoggerFailure, LongLinesNeedNoMemoryWithoutEscapes)
+{
+    QmLogger* const logger = initialize()->logger("Kvl");
+    const std::string text = std::string(1'000'000, 'x') + "caf\u00E9";
     const memory_fault fault(1, true);
     logger->info(text, 0);
     EXPECT_FALSE(fault.struck());

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace Log::FileImpl {
@@ -92,6 +93,42 @@ void unlock_file(int file)
     fcntl(file, F_SETLK, &whole);
 }
 
+/// The pieces of a line of which a write may take a part.
+class unwritten_t {
+public:
+    explicit unwritten_t(const LineImpl::pieces_t& pieces)
+    {
+        for (const std::string_view piece : pieces)
+            if (!piece.empty())
+                pieces_[end_++] = {const_cast<char*>(piece.data()), piece.size()};
+    }
+
+    bool is_empty() const { return begin_ == end_; }
+
+    /// Most lines are one piece, for which the simpler call costs less.
+    ssize_t write_to(int file) const
+    {
+        const iovec* const first = pieces_ + begin_;
+        return end_ - begin_ == 1 ? ::write(file, first->iov_base, first->iov_len)
+                                  : ::writev(file, first, end_ - begin_);
+    }
+
+    void remove(std::size_t bytes)
+    {
+        for (; begin_ < end_ && bytes >= pieces_[begin_].iov_len; ++begin_)
+            bytes -= pieces_[begin_].iov_len;
+        if (bytes == 0)
+            return;
+        iovec& first = pieces_[begin_];
+        first = {static_cast<char*>(first.iov_base) + bytes, first.iov_len - bytes};
+    }
+
+private:
+    iovec pieces_[std::tuple_size_v<LineImpl::pieces_t>];
+    int begin_ = 0;
+    int end_ = 0;
+};
+
 std::int64_t second_of(std::chrono::system_clock::time_point time)
 {
     return std::chrono::floor<std::chrono::seconds>(time).time_since_epoch().count();
@@ -124,13 +161,15 @@ log_file::log_file(descriptor_t directory, const std::string& program, std::uint
         names_[i] = program + "." + std::to_string(i) + std::string(SUFFIX);
 }
 
-int log_file::append(std::string_view line, std::chrono::system_clock::time_point now) noexcept
+int log_file::append(const LineImpl::pieces_t& line,
+                     std::chrono::system_clock::time_point now) noexcept
 {
+    const std::size_t size = line[0].size() + line[1].size() + line[2].size();
     look_after(now);
-    if (!fits(line.size()))
-        make_room(line.size());
+    if (!fits(size))
+        make_room(size);
     if (is_torn_) {
-        if (const int error = write_all("\n"))
+        if (const int error = write_all({"\n"}))
             return error;
         is_torn_ = false;
     }
@@ -202,17 +241,18 @@ bool log_file::rename_all() noexcept
     return renameat(directory, names_[0].c_str(), directory, names_[1].c_str()) == 0;
 }
 
-int log_file::write_all(std::string_view text) noexcept
+int log_file::write_all(const LineImpl::pieces_t& pieces) noexcept
 {
-    while (!text.empty()) {
-        const ssize_t written = ::write(file_.number(), text.data(), text.size());
+    unwritten_t unwritten(pieces);
+    while (!unwritten.is_empty()) {
+        const ssize_t written = unwritten.write_to(file_.number());
         if (written < 0 && errno == EINTR)
             continue;
         if (written <= 0)
             return written < 0 ? errno : EIO;
         is_torn_ = true;
         size_bytes_ += static_cast<std::size_t>(written);
-        text.remove_prefix(static_cast<std::size_t>(written));
+        unwritten.remove(static_cast<std::size_t>(written));
     }
     is_torn_ = false;
     return 0;

@@ -1,11 +1,12 @@
 #ifndef QMLOGGER_LOG_FILE_IMPL_H
 #define QMLOGGER_LOG_FILE_IMPL_H
 
+#include "log_line_impl.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 
 namespace Log::FileImpl {
@@ -40,9 +41,10 @@ public:
                                         std::uint64_t limit_bytes);
 
     /// Appends a whole line.
+    /// @param line  in pieces, which are written in one go
     /// @param now  tells when to look after a file that someone else has moved or removed
     /// @return     0, or the error for which the line, or its end, was lost
-    int append(std::string_view line, std::chrono::system_clock::time_point now) noexcept;
+    int append(const LineImpl::pieces_t& line, std::chrono::system_clock::time_point now) noexcept;
 
 private:
     log_file(descriptor_t directory, const std::string& program, std::uint64_t limit_bytes);
@@ -53,7 +55,7 @@ private:
     bool fits(std::size_t size) const noexcept;
     void make_room(std::size_t size) noexcept;
     bool rename_all() noexcept;
-    int write_all(std::string_view text) noexcept;
+    int write_all(const LineImpl::pieces_t& pieces) noexcept;
 
     descriptor_t directory_;
     descriptor_t file_;

@@ -1,6 +1,7 @@
 #include "log_line_impl.h"
 
 #include "fork_lock_impl.h"
+#include "plain_text_impl.h"
 
 #include <charconv>
 #include <cstdint>
@@ -91,31 +92,6 @@ void append_ids(memory_buf_t& out, int code)
 
 // -- escapes --------------------------------------------------------------------------------------
 
-constexpr std::uint64_t in_each_byte(std::uint64_t byte)
-{
-    return byte * 0x0101010101010101;
-}
-
-/// Whether some byte of eight is zero. (There may be false alarms beside one that is.)
-constexpr std::uint64_t zero_bytes(std::uint64_t bytes)
-{
-    return (bytes - in_each_byte(0x01)) & ~bytes & in_each_byte(0x80);
-}
-
-/// Whether eight bytes are all ASCII and none of them needs an escape.
-constexpr bool are_plain(std::uint64_t bytes)
-{
-    const std::uint64_t below_blank = (bytes - in_each_byte(0x20)) & ~bytes;
-    return ((bytes | below_blank) & in_each_byte(0x80)) == 0 &&
-           zero_bytes(bytes ^ in_each_byte('\\')) == 0 &&
-           zero_bytes(bytes ^ in_each_byte(0x7F)) == 0;
-}
-
-constexpr bool is_plain(unsigned byte)
-{
-    return byte >= 0x20 && byte < 0x7F && byte != '\\';
-}
-
 unsigned byte_at(std::string_view text, std::size_t position)
 {
     return static_cast<unsigned char>(text[position]);
@@ -124,14 +100,7 @@ unsigned byte_at(std::string_view text, std::size_t position)
 /// @return  the end of the bytes from `position` that are ASCII and need no escape
 std::size_t end_of_plain(std::string_view text, std::size_t position)
 {
-    for (std::uint64_t bytes; text.size() - position >= sizeof bytes; position += sizeof bytes) {
-        std::memcpy(&bytes, text.data() + position, sizeof bytes);
-        if (!are_plain(bytes))
-            break;
-    }
-    while (position < text.size() && is_plain(byte_at(text, position)))
-        ++position;
-    return position;
+    return position + count_plain(text.substr(position));
 }
 
 void append_hexadecimal(memory_buf_t& out, char kind, unsigned value, int digits)
@@ -231,9 +200,7 @@ void append_escaped(memory_buf_t& out, std::string_view text)
     }
 }
 
-}  // namespace
-
-void append_line(memory_buf_t& out, const line_t& line)
+void append_head(memory_buf_t& out, const line_t& line)
 {
     append_time(out, line.time);
     out.push_back(' ');
@@ -243,8 +210,24 @@ void append_line(memory_buf_t& out, const line_t& line)
     out.push_back(' ');
     append_ids(out, line.code);
     out.push_back(' ');
-    append_escaped(out, line.text);
-    out.push_back('\n');
+}
+
+std::string_view view(const memory_buf_t& text)
+{
+    return {text.data(), text.size()};
+}
+
+}  // namespace
+
+pieces_t pieces_of(const line_t& line, memory_buf_t& memory)
+{
+    append_head(memory, line);
+    const bool is_short = line.text.size() < memory.capacity() - memory.size();
+    if (!is_short && end_of_clean(line.text, 0) == line.text.size())
+        return {view(memory), line.text, "\n"};
+    append_escaped(memory, line.text);
+    memory.push_back('\n');
+    return {view(memory), {}, {}};
 }
 
 // An escaped text never ends in a single backslash otherwise.

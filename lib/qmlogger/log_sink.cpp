@@ -12,7 +12,6 @@ namespace Log::SinkImpl {
 namespace {
 
 using ForkImpl::g_file_lock;
-using LineImpl::append_line;
 using LineImpl::line_t;
 using spdlog::details::log_msg;
 
@@ -74,12 +73,12 @@ void log_sink::count_lost_locked(int error) noexcept
 
 void log_sink::write(const log_msg& message)
 {
-    spdlog::memory_buf_t line;
-    append_line(line, line_of(message));
+    spdlog::memory_buf_t memory;
+    const LineImpl::pieces_t line = LineImpl::pieces_of(line_of(message), memory);
     const std::lock_guard guard(g_file_lock);
     int error = lost_lines_ == 0 ? 0 : report_lost(message.time);
     if (error == 0)
-        error = file_->append({line.data(), line.size()}, message.time);
+        error = file_->append(line, message.time);
     if (error != 0)
         count_lost_locked(error);
 }
@@ -89,9 +88,9 @@ int log_sink::report_lost(std::chrono::system_clock::time_point now)
     const char* const name = strerrorname_np(lost_error_);
     const std::string text = std::to_string(lost_lines_) + " lines lost: " +
                              (name != nullptr ? name : std::to_string(lost_error_));
-    spdlog::memory_buf_t line;
-    append_line(line, {now, level_word(spdlog::level::warn), "QmLogger", 0, text});
-    const int error = file_->append({line.data(), line.size()}, now);
+    spdlog::memory_buf_t memory;
+    const line_t line = {now, level_word(spdlog::level::warn), "QmLogger", 0, text};
+    const int error = file_->append(LineImpl::pieces_of(line, memory), now);
     if (error == 0)
         lost_lines_ = 0;
     return error;
