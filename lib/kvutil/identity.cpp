@@ -129,6 +129,16 @@ int leading_number(std::u16string_view text)
     return is_negative ? -number : number;
 }
 
+/// @param digits  two for each byte
+/// @return        null when another character is among them
+std::unique_ptr<Identity::identity_t[]> block_of(std::u16string_view digits)
+{
+    auto block = std::make_unique_for_overwrite<Identity::identity_t[]>(digits.size() / 2);
+    if (!read_hex(digits, block.get()))
+        block.reset();
+    return block;
+}
+
 }  // namespace
 
 Identity Identity::from_str(const UString& s)
@@ -144,8 +154,8 @@ Identity Identity::from_str(const UString& s)
     const std::u16string_view digits = text.substr(colon + 1);
     if (digits.size() != 2 * size)
         throw_illegal_arg(MSG_IDENTITY_STRING_SIZE, "str", s);
-    auto block = std::make_unique_for_overwrite<identity_t[]>(size);
-    if (!read_hex(digits, block.get()))
+    auto block = block_of(digits);
+    if (block == nullptr)
         throw_illegal_arg(MSG_IDENTITY_HEX, "str", s);
     // Deliberate: from 32768 on the length becomes negative.
     return Identity(static_cast<short>(length), block.release());

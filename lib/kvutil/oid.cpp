@@ -236,7 +236,12 @@ class scanner_t {
 public:
     explicit scanner_t(const char* text) noexcept : at_(text) {}
 
-    bool skip(char expected) { return take_if(*at_ == expected); }
+    bool skip(char expected)
+    {
+        const bool is_there = *at_ == expected;
+        at_ += is_there ? 1 : 0;
+        return is_there;
+    }
 
     /// "%x": blanks; then, within the width, a sign, "0x" and digits. Deliberate: "0x" alone is 0.
     /// @param width  most characters, 2 or more
@@ -244,15 +249,12 @@ public:
     {
         while (is_blank(*at_))
             ++at_;
-        const char* const end = at_ + std::min(width, length_up_to(width));
         const bool is_negative = *at_ == '-';
-        take_if(is_negative || *at_ == '+');
-        bool has_digits = skip_zero_and_x(end);
-        value = 0;
-        for (; at_ != end && digit_value(*at_) != NO_DIGIT; ++at_) {
-            value = value << 4 | digit_value(*at_);
-            has_digits = true;
-        }
+        if (is_negative || *at_ == '+')
+            take(width);
+        bool has_digits = skip_zero_and_x(width);
+        for (value = 0; width > 0 && digit_value(*at_) != NO_DIGIT; has_digits = true)
+            value = value << 4 | digit_value(take(width));
         if (is_negative)
             value = 0 - value;
         return has_digits;
@@ -261,23 +263,20 @@ public:
 private:
     static bool is_blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-    int length_up_to(int width) const
+    char take(int& width)
     {
-        return static_cast<int>(strnlen(at_, static_cast<std::size_t>(width)));
+        --width;
+        return *at_++;
     }
 
-    bool take_if(bool is_wanted)
+    bool skip_zero_and_x(int& width)
     {
-        at_ += is_wanted ? 1 : 0;
-        return is_wanted;
-    }
-
-    bool skip_zero_and_x(const char* end)
-    {
-        const bool has_zero = take_if(at_ != end && *at_ == '0');
-        if (has_zero && at_ != end)
-            take_if(*at_ == 'x' || *at_ == 'X');
-        return has_zero;
+        if (*at_ != '0')
+            return false;
+        take(width);
+        if (width > 0 && (*at_ == 'x' || *at_ == 'X'))
+            take(width);
+        return true;
     }
 
     const char* at_;
