@@ -8,6 +8,8 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <memory>
+#include <optional>
 #include <utility>
 
 namespace Kvl {
@@ -105,9 +107,10 @@ void Credentials::write_to_file(const std::string& path) const
 
 namespace {
 
-/// @return whether there were so many bytes; otherwise `errno` says why not, and 0 that the file
-///         ended
-bool read_whole(std::FILE* file, void* to, std::size_t size)
+// Each says whether all of it was there; otherwise `errno` says why not, and 0 that the file ended.
+// Only who has closed the file throws, so that there is little to unwind.
+
+bool read_bytes(std::FILE* file, void* to, std::size_t size)
 {
     char* rest = static_cast<char*>(to);
     for (;;) {
@@ -124,38 +127,64 @@ bool read_whole(std::FILE* file, void* to, std::size_t size)
     }
 }
 
-void read_bytes(const std::string& path, std::FILE* file, void* to, std::size_t size)
-{
-    if (!read_whole(file, to, size))
-        fail_on_file(MSG_FILE_NOT_READ, path, errno);
-}
-
-std::size_t read_number(const std::string& path, std::FILE* file)
+bool read_number(std::FILE* file, std::size_t& result)
 {
     number_t number;
-    read_bytes(path, file, number.data(), number.size());
-    return static_cast<std::size_t>(number[0] | number[1] << 8);
+    const bool is_whole = read_bytes(file, number.data(), number.size());
+    result = static_cast<std::size_t>(number[0] | number[1] << 8);
+    return is_whole;
 }
 
 // In the file, as in the block, the bits follow the type.
-Identity read_record(const std::string& path, std::FILE* file)
+bool read_record(std::FILE* file, Identity& result)
 {
-    const std::size_t length = read_number(path, file);
+    std::size_t length = 0;
+    if (!read_number(file, length))
+        return false;
     auto block = std::make_unique_for_overwrite<Identity::identity_t[]>(length + 1);
-    read_bytes(path, file, block.get(), length + 1);
+    if (!read_bytes(file, block.get(), length + 1))
+        return false;
     // Deliberate: from 32768 on the length becomes negative.
-    return Identity(static_cast<short>(length), block.release());
+    result = Identity(static_cast<short>(length), block.release());
+    return true;
 }
 
-void read_records(const std::string& path, std::FILE* file, Credentials& credentials)
+bool read_records(std::FILE* file, Credentials& credentials)
 {
-    const std::size_t count = read_number(path, file);
+    std::size_t count = 0;
+    if (!read_number(file, count))
+        return false;
     credentials.groups.clear();
     credentials.groups.reserve(count);
-    credentials.user = read_record(path, file);
-    credentials.primary_group = read_record(path, file);
-    for (std::size_t i = 0; i < count; ++i)
-        credentials.groups.push_back(read_record(path, file));
+    if (!read_record(file, credentials.user) || !read_record(file, credentials.primary_group))
+        return false;
+    for (; count > 0; --count) {
+        Identity group;
+        if (!read_record(file, group))
+            return false;
+        credentials.groups.push_back(std::move(group));
+    }
+    return true;
+}
+
+bool read_text(std::FILE* file, UString& result)
+{
+    std::size_t size = 0;
+    if (!read_number(file, size))
+        return false;
+    Utf8String bytes(size, '\0');
+    if (!read_bytes(file, bytes.data(), bytes.size()))
+        return false;
+    bytes.resize(std::min(bytes.find('\0'), bytes.size()));
+    result = UString(bytes);
+    return true;
+}
+
+// Deliberate: the file has the third text before the second.
+bool read_texts(std::FILE* file, Credentials& credentials)
+{
+    return read_text(file, credentials.text1) && read_text(file, credentials.text3) &&
+           read_text(file, credentials.text2);
 }
 
 std::FILE* open_to_read(const std::string& path, std::span<char> buffer)
@@ -167,29 +196,33 @@ std::FILE* open_to_read(const std::string& path, std::span<char> buffer)
     return stream_over(std::move(descriptor), "r", buffer);
 }
 
+/// Opens, reads and closes.
+/// @return  nothing, or `errno` of what ended the reading
+std::optional<int> read_file(const std::string& path, bool read_strings, Credentials& result)
+{
+    std::array<char, 16384> buffer;
+    const UtlFileIoPtr file(open_to_read(path, buffer));
+    if (read_records(file.get(), result) && (!read_strings || read_texts(file.get(), result)))
+        return std::nullopt;
+    return errno;
+}
+
 }  // namespace
 
 void Credentials::read_from_file(const std::string& path, bool read_strings)
 {
-    std::array<char, 16384> buffer;
-    UtlFileIoPtr file(open_to_read(path, buffer));
-    read_records(path, file.get(), *this);
-    if (!read_strings)
-        return;
-    text1 = read_string(path, file);
-    // Deliberate: the file has the third text before the second.
-    text3 = read_string(path, file);
-    text2 = read_string(path, file);
+    if (const std::optional<int> error = read_file(path, read_strings, *this))
+        fail_on_file(MSG_FILE_NOT_READ, path, *error);
 }
 
 UString Credentials::read_string(const std::string& path, UtlFileIoPtr& file)
 {
     if (file.get() == nullptr)
         fail_on_file(MSG_FILE_NOT_READ, path, EBADF);
-    Utf8String bytes(read_number(path, file.get()), '\0');
-    read_bytes(path, file.get(), bytes.data(), bytes.size());
-    bytes.resize(std::min(bytes.find('\0'), bytes.size()));
-    return UString(bytes);
+    UString text;
+    if (!read_text(file.get(), text))
+        fail_on_file(MSG_FILE_NOT_READ, path, errno);
+    return text;
 }
 
 }  // namespace Kvl
