@@ -1,5 +1,6 @@
 // What the text type converts and searches with, against ICU. The program is built twice: with the
 // instructions of this machine, and without.
+#include "latin1_impl.h"
 #include "search_impl.h"
 #include "utf8_impl.h"
 
@@ -7,6 +8,7 @@
 #include <unicode/unistr.h>
 #include <unicode/ustring.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <random>
@@ -16,6 +18,113 @@
 namespace {
 
 using namespace Kvl;
+
+constexpr char16_t GUARD = 0xABCD;
+
+// ---- bytes and the units of the same numbers ----
+
+// The lengths at which the ways to convert change, and those where a last step is cut.
+constexpr std::size_t LONGEST = 600;
+
+std::string bytes_of_all_values(std::size_t size)
+{
+    std::string bytes;
+    for (std::size_t i = 0; i < size; ++i)
+        bytes += static_cast<char>(i * 89);
+    return bytes;
+}
+
+std::u16string widened_plainly(const std::string& bytes)
+{
+    std::u16string text;
+    for (const char c : bytes)
+        text += static_cast<unsigned char>(c);
+    return text;
+}
+
+TEST(Latin1, WidensEveryLength)
+{
+    for (std::size_t size = 0; size < LONGEST; ++size)
+        for (const std::size_t spare : {0u, 7u, 40u}) {
+            // Where the text begins is not what memory gives.
+            const std::string bytes = bytes_of_all_values(size);
+            const std::size_t start = size % 8;
+            std::u16string room(start + size + spare + 1, GUARD);
+            char16_t* const to = room.data() + start;
+            widen(bytes, to, to + size + spare);
+            ASSERT_EQ(room.back(), GUARD) << "written beyond the room";
+            ASSERT_EQ(room.substr(start, size), widened_plainly(bytes)) << size;
+        }
+}
+
+TEST(Latin1, AsciiAtFrontStopsBeforeTheFirstOtherByte)
+{
+    for (std::size_t size = 0; size < LONGEST; ++size) {
+        std::string bytes(size, 'x');
+        ASSERT_EQ(ascii_at_front(bytes), size);
+        for (const std::size_t at : {std::size_t{0}, size / 3, size / 2, size - 1}) {
+            if (at >= size)
+                continue;
+            bytes[at] = '\x80';
+            ASSERT_LE(ascii_at_front(bytes), at) << size;
+            bytes[at] = '\x7F';
+        }
+        ASSERT_EQ(ascii_at_front(bytes), size);
+    }
+}
+
+// Narrows into exactly the room that is asked for, and looks behind it.
+std::string narrowed(const std::u16string& text, char16_t last, narrowed_t& result)
+{
+    const std::size_t room = std::max<std::size_t>(text.size(), 16);
+    std::string bytes(room + 1, '\xAB');
+    result = narrow(text, last, bytes.data());
+    EXPECT_EQ(bytes.back(), '\xAB') << "written beyond the room";
+    return bytes.substr(0, result.units);
+}
+
+TEST(Latin1, NarrowsEveryLength)
+{
+    for (const char16_t last : {LAST_OF_ASCII, LAST_OF_LATIN1})
+        for (std::size_t size = 0; size < LONGEST; ++size) {
+            const std::u16string text(size, last);
+            narrowed_t result{};
+            ASSERT_EQ(narrowed(text, last, result), std::string(size, static_cast<char>(last)));
+            ASSERT_FALSE(result.has_zero);
+        }
+    narrowed_t result{};
+    const std::string all = bytes_of_all_values(512);
+    EXPECT_EQ(narrowed(widened_plainly(all), LAST_OF_LATIN1, result), all);
+    EXPECT_TRUE(result.has_zero);
+}
+
+TEST(Latin1, NarrowingStopsBeforeTheFirstUnitBeyondTheLast)
+{
+    for (const char16_t last : {LAST_OF_ASCII, LAST_OF_LATIN1})
+        for (std::size_t size = 1; size < LONGEST; ++size)
+            for (unsigned int beyond = last + 1u; beyond <= 0xFFFF; beyond = 2 * beyond + 1) {
+                std::u16string text(size, u'x');
+                const std::size_t at = size * 7 % 11 * size / 11;
+                text[at] = static_cast<char16_t>(beyond);
+                narrowed_t result{};
+                const std::string bytes = narrowed(text, last, result);
+                ASSERT_LE(result.units, at) << size << ' ' << beyond;
+                ASSERT_EQ(bytes, std::string(result.units, 'x'));
+            }
+}
+
+TEST(Latin1, NarrowingTellsOfZerosInWhatItNarrows)
+{
+    for (std::size_t size = 1; size < LONGEST; ++size)
+        for (const std::size_t at : {std::size_t{0}, size / 2, size - 1}) {
+            std::u16string text(size, u'x');
+            text[at] = 0;
+            narrowed_t result{};
+            narrowed(text, LAST_OF_ASCII, result);
+            ASSERT_EQ(result.units, size);
+            ASSERT_TRUE(result.has_zero) << size;
+        }
+}
 
 // ---- UTF-8 in ----
 
@@ -32,8 +141,6 @@ std::optional<std::u16string> decoded_by_icu(const std::string& bytes)
     text.resize(static_cast<std::size_t>(length));
     return text;
 }
-
-constexpr char16_t GUARD = 0xABCD;
 
 // Decodes into exactly the room that is measured, or with some more, and looks behind it.
 std::optional<std::u16string> decoded(const std::string& bytes, std::size_t spare)

@@ -18,6 +18,8 @@
 
 /// What is marked so may run only where has_ssse3() holds; everything else is in every x86-64.
 #define KVUTIL_SSSE3 __attribute__((target("ssse3,popcnt")))
+/// Likewise where has_avx2() holds.
+#define KVUTIL_AVX2 __attribute__((target("avx2")))
 
 namespace Kvl::simd {
 
@@ -27,26 +29,45 @@ inline bool ask_for_ssse3() noexcept
 {
     return CPU_FEATURE_ACTIVE(SSSE3) && CPU_FEATURE_ACTIVE(POPCNT);
 }
+inline bool ask_for_avx2() noexcept
+{
+    return CPU_FEATURE_ACTIVE(AVX2);
+}
 #else
 inline bool ask_for_ssse3() noexcept
 {
     return __builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt");
 }
+inline bool ask_for_avx2() noexcept
+{
+    return __builtin_cpu_supports("avx2");
+}
 #endif
 
 enum class answer_t : unsigned char { NOT_ASKED, NO, YES };
 inline constinit std::atomic<answer_t> g_ssse3{answer_t::NOT_ASKED};
+inline constinit std::atomic<answer_t> g_avx2{answer_t::NOT_ASKED};
 
 /// Asks once, and not at load: the compiler's own test does so there, and a virtual machine needs
 /// tens of microseconds to answer it.
-inline bool has_ssse3() noexcept
+inline bool ask_once(std::atomic<answer_t>& answer, bool (*ask)() noexcept) noexcept
 {
-    const answer_t known = g_ssse3.load(std::memory_order_relaxed);
+    const answer_t known = answer.load(std::memory_order_relaxed);
     if (known != answer_t::NOT_ASKED)
         return known == answer_t::YES;
-    const bool has = ask_for_ssse3();
-    g_ssse3.store(has ? answer_t::YES : answer_t::NO, std::memory_order_relaxed);
+    const bool has = ask();
+    answer.store(has ? answer_t::YES : answer_t::NO, std::memory_order_relaxed);
     return has;
+}
+
+inline bool has_ssse3() noexcept
+{
+    return ask_once(g_ssse3, ask_for_ssse3);
+}
+
+inline bool has_avx2() noexcept
+{
+    return ask_once(g_avx2, ask_for_avx2);
 }
 
 inline __m128i load(const void* p)

@@ -546,62 +546,9 @@ UString& UString::decode_utf8(const std::string& bytes, std::size_t length)
     });
 }
 
-namespace {
-
-// Texts are converted piece by piece on the stack, so that the bytes are made once and to measure.
-constexpr std::size_t PIECE = 1024;
-
-std::u16string_view first_piece(std::u16string_view text)
-{
-    const bool cuts_pair = text.size() > PIECE && U16_IS_LEAD(text[PIECE - 1]);
-    return text.substr(0, cuts_pair ? PIECE - 1 : PIECE);
-}
-
-// Room for `text` behind the bytes.
-void reserve_for(std::u16string_view text, std::string& bytes)
-{
-    const std::size_t size = bytes.size() + utf8_size_of(text).value_or(0);
-    if (size > INT_MAX)
-        throw std::bad_alloc();
-    bytes.reserve(size);
-}
-
-// @return  false when there is an unpaired surrogate
-bool append_utf8(std::u16string_view text, std::string& bytes)
-{
-    std::array<char, utf8_room_for(PIECE)> buffer;
-    for (bool is_measured = text.size() <= PIECE; !text.empty();) {
-        const std::u16string_view piece = first_piece(text);
-        bool has_zero = false;
-        const char* const end = utf16_to_utf8(piece, buffer.data(), has_zero);
-        if (end == nullptr)
-            return false;
-        const std::string_view converted(buffer.data(),
-                                         static_cast<std::size_t>(end - buffer.data()));
-        // Most texts are ASCII, so the rest is measured only at the first piece that is not.
-        if (converted.size() != piece.size() && !std::exchange(is_measured, true))
-            reserve_for(text, bytes);
-        // Deliberate: a U+0000 ends the bytes, though the text behind it is looked at.
-        const std::size_t zero = has_zero ? converted.find('\0') : converted.size();
-        bytes.append(converted.substr(0, zero));
-        text.remove_prefix(piece.size());
-        if (has_zero)
-            return utf8_size_of(text).has_value();
-    }
-    return true;
-}
-
-}  // namespace
-
 Utf8String UString::utf8_str() const
 {
-    const std::u16string_view text = view(*this);
-    Utf8String bytes;
-    if (text.size() > PIECE)
-        bytes.reserve(text.size());
-    if (!append_utf8(text, bytes))
-        bytes.clear();
-    return bytes;
+    return utf8_of(view(*this));
 }
 
 // ---- charsets ----

@@ -1,5 +1,6 @@
 #include "utf8_impl.h"
 
+#include "latin1_impl.h"
 #include "simd_impl.h"
 
 #include <algorithm>
@@ -281,32 +282,10 @@ KVUTIL_SSSE3 inline __m128i load_last(const byte_t* begin, const byte_t* end, st
     return _mm_shuffle_epi8(load(end - 16), load(DOWN.data() + 16 - count));
 }
 
-inline __m128i any_of(const byte_t* p)
-{
-    return _mm_or_si128(_mm_or_si128(load(p), load(p + 16)),
-                        _mm_or_si128(load(p + 32), load(p + 48)));
-}
-
-// Where the bytes stop to be ASCII, or some blocks before.
-const byte_t* skip_ascii(const byte_t* begin, const byte_t* end)
-{
-    const byte_t* p = begin;
-    while (end - p >= 64 && bits(any_of(p)) == 0)
-        p += 64;
-    if (end - begin < 16 || end - p >= 64)
-        return p;
-    __m128i rest = load(end - 16);
-    for (const byte_t* block = p; end - block > 16; block += 16)
-        rest = _mm_or_si128(rest, load(block));
-    return bits(rest) == 0 ? end : p;
-}
-
 KVUTIL_SSSE3 std::size_t measure_by_block(const byte_t* begin, const byte_t* end)
 {
-    const byte_t* p = skip_ascii(begin, end);
-    auto units = static_cast<std::size_t>(p - begin);
-    if (p == end)
-        return units;
+    const byte_t* p = begin;
+    std::size_t units = 0;
     __m128i previous = zero();
     for (; end - p >= 16; p += 16) {
         const __m128i block = load(p);
@@ -395,12 +374,6 @@ KVUTIL_SSSE3 inline char16_t* decode_block(__m128i block, __m128i previous, unsi
     return store_compact(_mm_unpackhi_epi8(units.low, units.high), ends >> 8, to);
 }
 
-inline void widen(__m128i block, char16_t* to)
-{
-    store(to, _mm_unpacklo_epi8(block, zero()));
-    store(to + 8, _mm_unpackhi_epi8(block, zero()));
-}
-
 // Which bytes of a block end a character: those that no continuation follows.
 // @param next  the same block one byte on
 inline unsigned int ends_before(__m128i next)
@@ -416,7 +389,7 @@ KVUTIL_SSSE3 void decode_by_block(const byte_t* begin, const byte_t* end, char16
     for (; end - p > 16 && limit - to >= 16; p += 16) {
         const __m128i block = load(p);
         if (bits(block) == 0) {
-            widen(block, to);
+            widen_block(block, to);
             to += 16;
         } else {
             to = decode_block(block, previous, ends_before(load(p + 1)), to);
@@ -437,28 +410,6 @@ KVUTIL_SSSE3 void decode_by_block(const byte_t* begin, const byte_t* end, char16
         previous = block;
         p += is_last ? rest : 16;
     }
-}
-
-void widen_few(const byte_t* begin, std::size_t size, char16_t* to, const char16_t* limit)
-{
-    if (limit - to >= 16)
-        return widen(load_few(begin, size), to);
-    std::array<char16_t, 16> units;
-    widen(load_few(begin, size), units.data());
-    std::copy_n(units.data(), size, to);
-}
-
-// @param size  at least 16
-void widen_by_block(const byte_t* begin, std::size_t size, char16_t* to)
-{
-    // ICU's buffers start four bytes behind a boundary. After a first step to the next one, which
-    // the next blocks overlap, no store crosses a cache line: more than twice the speed.
-    widen(load(begin), to);
-    const std::size_t to_boundary = (16 - reinterpret_cast<std::uintptr_t>(to) % 16) / 2;
-    for (std::size_t done = to_boundary; done + 16 < size; done += 16)
-        widen(load(begin + done), to + done);
-    // The last block overlaps the one before it.
-    widen(load(begin + size - 16), to + size - 16);
 }
 
 // ---- eight units at a time ----
@@ -534,14 +485,6 @@ KVUTIL_SSSE3 inline char* encode_lanes(__m128i units, char* to)
     return to + 4 + __builtin_popcount(set);
 }
 
-inline bool is_ascii(const char16_t* p, std::size_t blocks)
-{
-    __m128i all = load(p);
-    for (std::size_t block = 1; block < blocks; ++block)
-        all = _mm_or_si128(all, load(p + 8 * block));
-    return bits(equals(all, 0xFF80, 0)) == 0xFFFF;
-}
-
 // Eight units that are no surrogates, or fewer with zeros behind them.
 KVUTIL_SSSE3 inline char* encode_block(__m128i block, std::size_t count, char* to)
 {
@@ -554,34 +497,12 @@ KVUTIL_SSSE3 inline char* encode_block(__m128i block, std::size_t count, char* t
     return to - (8 - count);
 }
 
-// ASCII as far as it goes in whole steps.
-// @return  how many units
-std::size_t encode_ascii_by_block(const char16_t* p, const char16_t* end, char* to, bool& has_zero)
-{
-    std::size_t done = 0;
-    __m128i zeros = zero();
-    const auto step = [&] {
-        const __m128i packed = _mm_packus_epi16(load(p + done), load(p + done + 8));
-        zeros = _mm_or_si128(zeros, _mm_cmpeq_epi8(packed, zero()));
-        store(to + done, packed);
-        done += 16;
-    };
-    const auto left = [&] { return static_cast<std::size_t>(end - p) - done; };
-    while (left() >= 32 && is_ascii(p + done, 4)) {
-        step();
-        step();
-    }
-    while (left() >= 16 && is_ascii(p + done, 2))
-        step();
-    has_zero = bits(zeros) != 0;
-    return done;
-}
-
 KVUTIL_SSSE3 char* encode_by_block(const char16_t* p, const char16_t* end, char* to, bool& has_zero)
 {
-    const std::size_t ascii = encode_ascii_by_block(p, end, to, has_zero);
-    p += ascii;
-    to += ascii;
+    const narrowed_t ascii = narrow({p, end}, LAST_OF_ASCII, to);
+    has_zero = ascii.has_zero;
+    p += ascii.units;
+    to += ascii.units;
     while (p < end) {
         const auto count = std::min<std::size_t>(static_cast<std::size_t>(end - p), 8);
         const __m128i block = count == 8 ? load(p) : load_few(to_bytes(p), 2 * count);
@@ -605,9 +526,8 @@ KVUTIL_SSSE3 char* encode_by_block(const char16_t* p, const char16_t* end, char*
 
 #endif
 
-}  // namespace
-
-std::size_t utf16_length_of(std::string_view bytes) noexcept
+// @return  0 when the bytes are malformed
+std::size_t measure(std::string_view bytes)
 {
     const byte_t* const begin = to_bytes(bytes.data());
     const byte_t* const end = begin + bytes.size();
@@ -618,18 +538,27 @@ std::size_t utf16_length_of(std::string_view bytes) noexcept
     return measure_by_character(begin, end);
 }
 
-void utf8_to_utf16(std::string_view bytes, [[maybe_unused]] std::size_t length, char16_t* to,
-                   [[maybe_unused]] const char16_t* limit) noexcept
+}  // namespace
+
+std::size_t utf16_length_of(std::string_view bytes) noexcept
 {
+    const std::size_t ascii = ascii_at_front(bytes);
+    if (ascii == bytes.size())
+        return ascii;
+    const std::size_t others = measure(bytes.substr(ascii));
+    return others == 0 ? 0 : ascii + others;
+}
+
+void utf8_to_utf16(std::string_view bytes, std::size_t length, char16_t* to,
+                   const char16_t* limit) noexcept
+{
+    // Every other character takes fewer units than bytes.
+    const bool is_all_ascii = length == bytes.size();
+    if (is_all_ascii)
+        return widen(bytes, to, limit);
     const byte_t* const begin = to_bytes(bytes.data());
     const byte_t* const end = begin + bytes.size();
 #ifdef KVUTIL_HAVE_SIMD
-    // Every other character takes fewer units than bytes.
-    const bool is_all_ascii = length == bytes.size();
-    if (is_all_ascii && length < 16)
-        return widen_few(begin, length, to, limit);
-    if (is_all_ascii)
-        return widen_by_block(begin, length, to);
     if (has_ssse3())
         return decode_by_block(begin, end, to, limit);
 #endif

@@ -3,13 +3,14 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace Kvl {
 
 // Between UTF-8 and UTF-16, with the answers of u_strFromUTF8() and u_strToUTF8(). Each way is a
 // pass that checks and measures, so that the result is made once and in its place, and a pass that
-// converts what is known to be well-formed. Neither allocates or throws.
+// converts what is known to be well-formed. Neither of these allocates or throws.
 
 /// @return  the UTF-16 length in units; 0 when the bytes are malformed, as when there are none
 std::size_t utf16_length_of(std::string_view bytes) noexcept;
@@ -34,6 +35,11 @@ constexpr std::size_t utf8_room_for(std::size_t units)
 /// @param has_zero  set to whether there is a U+0000
 /// @return          the end of the bytes; null when there is an unpaired surrogate
 char* utf16_to_utf8(std::u16string_view text, char* to, bool& has_zero) noexcept;
+
+/// The text in UTF-8 up to its first U+0000.
+/// @return  empty when there is an unpaired surrogate anywhere
+/// @throws std::bad_alloc  no memory, or more bytes than ICU's lengths can count
+std::string utf8_of(std::u16string_view text);
 
 }  // namespace Kvl
 

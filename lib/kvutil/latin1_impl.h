@@ -1,0 +1,244 @@
+#ifndef KVUTIL_LATIN1_IMPL_H
+#define KVUTIL_LATIN1_IMPL_H
+
+// Between bytes and the units of the same numbers: what ASCII and ISO-8859-1 are in UTF-16, and
+// most of what texts hold. Nothing here allocates or throws. All of it is inline, because most
+// texts are so short that the calls would cost more than the work.
+
+#include "simd_impl.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace Kvl {
+
+constexpr char16_t LAST_OF_ASCII = 0x7F;
+constexpr char16_t LAST_OF_LATIN1 = 0xFF;
+
+struct narrowed_t {
+    std::size_t units;  ///< all, or fewer when there is a unit beyond the last
+    bool has_zero;      ///< whether one of those is U+0000
+};
+
+#ifdef KVUTIL_HAVE_SIMD
+
+namespace simd {
+
+// ---- sixteen at a time, the last ones over some of those before ----
+
+inline bool is_ascii(__m128i block)
+{
+    return bits(block) == 0;
+}
+
+inline bool is_ascii_64(const unsigned char* p)
+{
+    return is_ascii(_mm_or_si128(_mm_or_si128(load(p), load(p + 16)),
+                                 _mm_or_si128(load(p + 32), load(p + 48))));
+}
+
+inline std::size_t ascii_by_16(const unsigned char* p, std::size_t size)
+{
+    std::size_t done = 0;
+    while (size - done >= 64 && is_ascii_64(p + done))
+        done += 64;
+    for (; done < size; done += 16)
+        if (!is_ascii(load(p + std::min(done, size - 16))))
+            return done;
+    return size;
+}
+
+inline void widen_block(__m128i block, char16_t* to)
+{
+    store(to, _mm_unpacklo_epi8(block, zero()));
+    store(to + 8, _mm_unpackhi_epi8(block, zero()));
+}
+
+/// @param size  less than 16
+inline void widen_few(const unsigned char* p, std::size_t size, char16_t* to, const char16_t* limit)
+{
+    if (limit - to >= 16)
+        return widen_block(load_few(p, size), to);
+    std::array<char16_t, 16> units;
+    widen_block(load_few(p, size), units.data());
+    std::copy_n(units.data(), size, to);
+}
+
+inline void widen_by_16(const unsigned char* p, std::size_t size, char16_t* to)
+{
+    for (std::size_t done = 0; done < size; done += 16) {
+        const std::size_t at = std::min(done, size - 16);
+        widen_block(load(p + at), to + at);
+    }
+}
+
+/// @param text  fewer than 16 units
+inline narrowed_t narrow_few(std::u16string_view text, char16_t last, char* to)
+{
+    const auto* const p = reinterpret_cast<const unsigned char*>(text.data());
+    const std::size_t size = 2 * text.size();
+    const __m128i low = size >= 16 ? load(p) : load_few(p, size);
+    const __m128i high = size > 16 ? load_few(p + 16, size - 16) : zero();
+    if (!is_zero(_mm_and_si128(_mm_or_si128(low, high), words(~last))))
+        return {0, false};
+    const __m128i packed = _mm_packus_epi16(low, high);
+    store(to, packed);
+    const unsigned int zeros = bits(_mm_cmpeq_epi8(packed, zero()));
+    return {text.size(), (zeros & ((1u << text.size()) - 1)) != 0};
+}
+
+inline narrowed_t narrow_by_16(std::u16string_view text, char16_t last, char* to)
+{
+    const __m128i beyond = words(~last);
+    __m128i least = bytes(0xFF);
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const std::size_t at = std::min(done, text.size() - 16);
+        const __m128i low = load(text.data() + at);
+        const __m128i high = load(text.data() + at + 8);
+        if (!is_zero(_mm_and_si128(_mm_or_si128(low, high), beyond)))
+            break;
+        const __m128i packed = _mm_packus_epi16(low, high);
+        least = _mm_min_epu8(least, packed);
+        store(to + at, packed);
+        done = at + 16;
+    }
+    return {done, bits(_mm_cmpeq_epi8(least, zero())) != 0};
+}
+
+// ---- thirty-two at a time: half the stores, which is what long texts wait for ----
+
+constexpr std::size_t LONG = 256;
+
+KVUTIL_AVX2 inline __m256i load_32(const void* p)
+{
+    return _mm256_loadu_si256(static_cast<const __m256i*>(p));
+}
+
+KVUTIL_AVX2 inline void store_32(void* p, __m256i value)
+{
+    _mm256_storeu_si256(static_cast<__m256i*>(p), value);
+}
+
+KVUTIL_AVX2 inline bool is_ascii_128(const unsigned char* p)
+{
+    const __m256i any = _mm256_or_si256(_mm256_or_si256(load_32(p), load_32(p + 32)),
+                                        _mm256_or_si256(load_32(p + 64), load_32(p + 96)));
+    return _mm256_movemask_epi8(any) == 0;
+}
+
+/// @return  bytes in whole steps
+KVUTIL_AVX2 inline std::size_t ascii_by_128(const unsigned char* p, std::size_t size)
+{
+    std::size_t done = 0;
+    while (size - done >= 128 && is_ascii_128(p + done))
+        done += 128;
+    return done;
+}
+
+KVUTIL_AVX2 inline void widen_32(const unsigned char* p, char16_t* to)
+{
+    store_32(to, _mm256_cvtepu8_epi16(load(p)));
+    store_32(to + 16, _mm256_cvtepu8_epi16(load(p + 16)));
+}
+
+KVUTIL_AVX2 inline void widen_by_32(const unsigned char* p, std::size_t size, char16_t* to)
+{
+    // ICU's buffers begin four bytes behind a boundary. From the next boundary on no store crosses
+    // a line of the cache.
+    widen_32(p, to);
+    const std::size_t to_boundary = (64 - reinterpret_cast<std::uintptr_t>(to) % 64) / 2;
+    for (std::size_t done = to_boundary; done + 32 < size; done += 32)
+        widen_32(p + done, to + done);
+    widen_32(p + size - 32, to + size - 32);
+}
+
+KVUTIL_AVX2 inline narrowed_t narrow_by_32(std::u16string_view text, char16_t last, char* to)
+{
+    const __m256i beyond = _mm256_set1_epi16(static_cast<short>(~last));
+    __m256i least = _mm256_set1_epi8(-1);
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const std::size_t at = std::min(done, text.size() - 32);
+        const __m256i low = load_32(text.data() + at);
+        const __m256i high = load_32(text.data() + at + 16);
+        if (!_mm256_testz_si256(_mm256_or_si256(low, high), beyond))
+            break;
+        // Packing works in halves of the registers, so that the quarters come out as 0, 2, 1, 3.
+        const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(low, high), 0xD8);
+        least = _mm256_min_epu8(least, packed);
+        store_32(to + at, packed);
+        done = at + 32;
+    }
+    const __m256i zeros = _mm256_cmpeq_epi8(least, _mm256_setzero_si256());
+    return {done, _mm256_movemask_epi8(zeros) != 0};
+}
+
+}  // namespace simd
+
+#endif
+
+/// @return how many of the first bytes are ASCII; fewer where others follow soon
+inline std::size_t ascii_at_front(std::string_view bytes) noexcept
+{
+    const auto* const p = reinterpret_cast<const unsigned char*>(bytes.data());
+    const std::size_t size = bytes.size();
+#ifdef KVUTIL_HAVE_SIMD
+    if (size < 16)
+        return simd::is_ascii(simd::load_few(p, size)) ? size : 0;
+    if (size < simd::LONG || !simd::has_avx2())
+        return simd::ascii_by_16(p, size);
+    const std::size_t done = simd::ascii_by_128(p, size);
+    const bool is_at_end = size - done < 128;
+    return is_at_end ? size - 128 + simd::ascii_by_16(p + size - 128, 128) : done;
+#else
+    const auto is_other = [](unsigned char byte) { return byte > LAST_OF_ASCII; };
+    return static_cast<std::size_t>(std::find_if(p, p + size, is_other) - p);
+#endif
+}
+
+/// Makes a unit of each byte.
+/// @param to     room for as many units
+/// @param limit  end of the room; what lies between the text and the limit may be overwritten
+inline void widen(std::string_view bytes, char16_t* to,
+                  [[maybe_unused]] const char16_t* limit) noexcept
+{
+    const auto* const p = reinterpret_cast<const unsigned char*>(bytes.data());
+#ifdef KVUTIL_HAVE_SIMD
+    if (bytes.size() < 16)
+        return simd::widen_few(p, bytes.size(), to, limit);
+    if (bytes.size() < simd::LONG || !simd::has_avx2())
+        return simd::widen_by_16(p, bytes.size(), to);
+    simd::widen_by_32(p, bytes.size(), to);
+#else
+    std::copy(p, p + bytes.size(), to);
+#endif
+}
+
+/// Makes a byte of each unit, as long as none is beyond `last`.
+/// @param last  LAST_OF_ASCII or LAST_OF_LATIN1
+/// @param to    room for text.size() bytes, and at least for 16
+inline narrowed_t narrow(std::u16string_view text, char16_t last, char* to) noexcept
+{
+#ifdef KVUTIL_HAVE_SIMD
+    if (text.size() < 16)
+        return simd::narrow_few(text, last, to);
+    if (text.size() < simd::LONG || !simd::has_avx2())
+        return simd::narrow_by_16(text, last, to);
+    return simd::narrow_by_32(text, last, to);
+#else
+    narrowed_t done{0, false};
+    for (; done.units < text.size() && text[done.units] <= last; ++done.units) {
+        done.has_zero |= text[done.units] == 0;
+        to[done.units] = static_cast<char>(text[done.units]);
+    }
+    return done;
+#endif
+}
+
+}  // namespace Kvl
+
+#endif
