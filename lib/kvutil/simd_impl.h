@@ -12,7 +12,9 @@
 #include <cstdint>
 #include <cstring>
 #include <immintrin.h>
-#if __has_include(<sys/platform/x86.h>)
+// The C library's header is C, of which g++ alone takes the type _Bool in standard C++.
+#if !defined(__clang__) && __has_include(<sys/platform/x86.h>)
+#define KVUTIL_HAVE_CPU_FEATURES 1
 #include <sys/platform/x86.h>
 #endif
 
@@ -23,7 +25,7 @@
 
 namespace Kvl::simd {
 
-#if __has_include(<sys/platform/x86.h>)
+#ifdef KVUTIL_HAVE_CPU_FEATURES
 /// The C library has asked the processor when the program started.
 inline bool ask_for_ssse3() noexcept
 {
