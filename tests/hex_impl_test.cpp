@@ -19,20 +19,27 @@ int value_of(unsigned int unit)
 // Two blocks and a rest.
 constexpr std::size_t SIZE = 2 * Kvl::hex::BLOCK + 3;
 
-TEST(Hex, PrintsEachByteAtEachPlace)
+template <class Unit>
+void expect_each_byte_at_each_place()
 {
     for (std::size_t place = 0; place < SIZE; ++place) {
         for (unsigned int byte = 0; byte < 256; ++byte) {
-            std::u16string expected(2 * SIZE, u'0');
-            expected[2 * place] = u"0123456789abcdef"[byte / 16];
-            expected[2 * place + 1] = u"0123456789abcdef"[byte % 16];
+            std::basic_string<Unit> expected(2 * SIZE, Unit{'0'});
+            expected[2 * place] = static_cast<Unit>("0123456789abcdef"[byte / 16]);
+            expected[2 * place + 1] = static_cast<Unit>("0123456789abcdef"[byte % 16]);
             unsigned char bytes[SIZE] = {};
             bytes[place] = static_cast<unsigned char>(byte);
-            std::u16string printed(2 * SIZE, u'-');
+            std::basic_string<Unit> printed(2 * SIZE, Unit{'-'});
             Kvl::print_hex(bytes, SIZE, printed.data());
             ASSERT_EQ(printed, expected);
         }
     }
+}
+
+TEST(Hex, PrintsEachByteAtEachPlace)
+{
+    expect_each_byte_at_each_place<char>();
+    expect_each_byte_at_each_place<char16_t>();
 }
 
 TEST(Hex, ReadsDigitsAndNothingElseAtEachPlace)
@@ -61,6 +68,9 @@ TEST(Hex, KeepsToEachSize)
             bytes[i] = static_cast<unsigned char>(37 * i + size);
         const auto digits = std::make_unique<char16_t[]>(2 * size);
         Kvl::print_hex(bytes.get(), size, digits.get());
+        const auto narrow = std::make_unique<char[]>(2 * size);
+        Kvl::print_hex(bytes.get(), size, narrow.get());
+        ASSERT_TRUE(std::equal(narrow.get(), narrow.get() + 2 * size, digits.get()));
         const auto read = std::make_unique<unsigned char[]>(size);
         ASSERT_TRUE(Kvl::read_hex(std::u16string_view(digits.get(), 2 * size), read.get()));
         ASSERT_TRUE(std::equal(read.get(), read.get() + size, bytes.get()));

@@ -3,30 +3,38 @@
 
 #include "simd_impl.h"
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 
 namespace Kvl {
 
-// Bytes as lower-case hexadecimal digits in UTF-16, the high nibble first, and back.
+// Bytes as lower-case hexadecimal digits, in bytes or in UTF-16, the high nibble first, and back.
 
 namespace hex {
 
-typedef std::array<char16_t, 2> digit_pair_t;
+inline constexpr char DIGITS[] = "0123456789abcdef";
 
-inline constexpr char16_t DIGITS[] = u"0123456789abcdef";
-
-constexpr std::array<digit_pair_t, 256> digit_pairs()
+template <class Unit>
+consteval auto digit_pairs()
 {
-    std::array<digit_pair_t, 256> pairs{};
+    std::array<std::array<Unit, 2>, 256> pairs{};
     for (std::size_t byte = 0; byte < pairs.size(); ++byte)
-        pairs[byte] = {DIGITS[byte >> 4], DIGITS[byte & 15]};
+        pairs[byte] = {static_cast<Unit>(DIGITS[byte >> 4]), static_cast<Unit>(DIGITS[byte & 15])};
     return pairs;
 }
 
-inline constexpr std::array<digit_pair_t, 256> DIGIT_PAIRS = digit_pairs();
+/// The two digits of each byte.
+template <class Unit>
+inline constexpr auto DIGIT_PAIRS = digit_pairs<Unit>();
+
+/// Prints one byte.
+template <class Unit>
+void print_byte(unsigned char byte, Unit* to)
+{
+    std::memcpy(to, DIGIT_PAIRS<Unit>[byte].data(), 2 * sizeof(Unit));
+}
 
 inline constexpr unsigned char NO_DIGIT = 0xFF;
 
@@ -36,7 +44,7 @@ constexpr std::array<unsigned char, 256> digit_values()
     std::array<unsigned char, 256> values{};
     values.fill(NO_DIGIT);
     for (unsigned char value = 0; value < 16; ++value)
-        values[DIGITS[value]] = value;
+        values[static_cast<unsigned char>(DIGITS[value])] = value;
     return values;
 }
 
@@ -51,16 +59,26 @@ inline unsigned int digit_value(char16_t unit)
 inline constexpr std::size_t BLOCK = 8;
 
 #ifdef KVUTIL_HAVE_SIMD
-/// Prints eight bytes.
-inline void print_block(const unsigned char* bytes, char16_t* to)
+/// The digits of eight bytes.
+inline __m128i digits_of_block(const unsigned char* bytes)
 {
     const __m128i block = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes));
     const __m128i high = _mm_and_si128(_mm_srli_epi16(block, 4), simd::bytes(15));
     const __m128i low = _mm_and_si128(block, simd::bytes(15));
     const __m128i values = _mm_unpacklo_epi8(high, low);
     const __m128i is_letter = _mm_cmpgt_epi8(values, simd::bytes(9));
-    const __m128i digits = _mm_add_epi8(_mm_add_epi8(values, simd::bytes('0')),
-                                        _mm_and_si128(is_letter, simd::bytes('a' - '0' - 10)));
+    return _mm_add_epi8(_mm_add_epi8(values, simd::bytes('0')),
+                        _mm_and_si128(is_letter, simd::bytes('a' - '0' - 10)));
+}
+
+inline void print_block(const unsigned char* bytes, char* to)
+{
+    simd::store(to, digits_of_block(bytes));
+}
+
+inline void print_block(const unsigned char* bytes, char16_t* to)
+{
+    const __m128i digits = digits_of_block(bytes);
     simd::store(to, _mm_unpacklo_epi8(digits, simd::zero()));
     simd::store(to + BLOCK, _mm_unpackhi_epi8(digits, simd::zero()));
 }
@@ -92,10 +110,11 @@ inline bool read_block(const char16_t* digits, unsigned char* to)
     return true;
 }
 #else
-inline void print_block(const unsigned char* bytes, char16_t* to)
+template <class Unit>
+void print_block(const unsigned char* bytes, Unit* to)
 {
     for (std::size_t i = 0; i < BLOCK; ++i)
-        to = std::copy_n(DIGIT_PAIRS[bytes[i]].data(), 2, to);
+        print_byte(bytes[i], to + 2 * i);
 }
 
 inline bool read_block(const char16_t* digits, unsigned char* to)
@@ -114,13 +133,14 @@ inline bool read_block(const char16_t* digits, unsigned char* to)
 }  // namespace hex
 
 /// @param to  room for two units a byte
-inline void print_hex(const unsigned char* bytes, std::size_t size, char16_t* to)
+template <class Unit>
+void print_hex(const unsigned char* bytes, std::size_t size, Unit* to)
 {
     std::size_t i = 0;
     for (; size - i >= hex::BLOCK; i += hex::BLOCK)
         hex::print_block(bytes + i, to + 2 * i);
     for (; i < size; ++i)
-        std::copy_n(hex::DIGIT_PAIRS[bytes[i]].data(), 2, to + 2 * i);
+        hex::print_byte(bytes[i], to + 2 * i);
 }
 
 /// @param digits  two for each byte

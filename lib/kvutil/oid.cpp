@@ -1,10 +1,12 @@
 #include <kvutil/oid.h>
 
 #include "failure_impl.h"
+#include "hex_impl.h"
 #include "ustring_impl.h"
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -29,19 +31,20 @@ constexpr unsigned short joined(unsigned char high, unsigned char low)
     return static_cast<unsigned short>(high << 8 | low);
 }
 
+constexpr std::uint64_t big_endian(std::uint64_t value)
+{
+    return std::endian::native == std::endian::big ? value : __builtin_bswap64(value);
+}
+
 bytes_t bytes_of(const tbs_uuid_s& s)
 {
-    bytes_t b = {low_byte(s.time_low >> 24),
-                 low_byte(s.time_low >> 16),
-                 low_byte(s.time_low >> 8),
-                 low_byte(s.time_low),
-                 low_byte(s.time_mid >> 8u),
-                 low_byte(s.time_mid),
-                 low_byte(s.time_hi_and_version >> 8u),
-                 low_byte(s.time_hi_and_version),
-                 s.clock_seq_hi_and_reserved,
-                 s.clock_seq_low};
-    std::memcpy(&b[10], s.node, sizeof s.node);
+    // As one number, its bytes are stored at once.
+    const std::uint64_t time = big_endian(std::uint64_t{s.time_low} << 32 |
+                                          std::uint64_t{s.time_mid} << 16 | s.time_hi_and_version);
+    bytes_t b;
+    std::memcpy(b.data(), &time, sizeof time);
+    std::memcpy(b.data() + sizeof time, reinterpret_cast<const unsigned char*>(&s) + sizeof time,
+                b.size() - sizeof time);
     return b;
 }
 
@@ -90,49 +93,53 @@ constexpr form_t DOTTED = form_of("xxxxxxxx.xxxxxxxx.xxxx.xx:xx:xx:xx:xx:xx");
 constexpr form_t HYPHENATED = form_of("xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx");
 constexpr form_t COMPACT = form_of("xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx");
 
-constexpr std::size_t LONGEST = DOTTED.length;
 static_assert(DOTTED.length == 40 && HYPHENATED.length == 36 && COMPACT.length == 32);
 
 // ---- Writing ----
 
-using digit_pairs_t = std::array<std::array<char, 2>, 256>;
+// Each for one form, so that its length and its places are constants.
 
-consteval digit_pairs_t digit_pairs()
-{
-    digit_pairs_t pairs{};
-    for (std::size_t byte = 0; byte < pairs.size(); ++byte)
-        pairs[byte] = {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 0xF]};
-    return pairs;
-}
-
-/// The two digits of each byte.
-constexpr digit_pairs_t DIGIT_PAIRS = digit_pairs();
-
-template <const form_t& form, class Unit>
-void write_form(const bytes_t& bytes, Unit* text)
-{
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        Unit* const pair = text + form.digit_pairs[i];
-        pair[0] = static_cast<Unit>(DIGIT_PAIRS[bytes[i]][0]);
-        pair[1] = static_cast<Unit>(DIGIT_PAIRS[bytes[i]][1]);
-    }
-    for (std::size_t i = 0; i < form.separator_count; ++i)
-        text[form.separators[i]] = static_cast<Unit>(form.pattern[form.separators[i]]);
-}
-
-constexpr std::size_t length_of(bool compact)
-{
-    return compact ? COMPACT.length : DOTTED.length;
-}
-
-/// @param text  room for length_of(compact) units
+/// @param text  room for COMPACT.length units
 template <class Unit>
-void write(const tbs_uuid_s& s, bool compact, Unit* text)
+void write_compact(const tbs_uuid_s& s, Unit* text)
 {
-    if (compact)
-        write_form<COMPACT>(bytes_of(s), text);
-    else
-        write_form<DOTTED>(bytes_of(s), text);
+    const bytes_t bytes = bytes_of(s);
+    print_hex(bytes.data(), bytes.size(), text);
+}
+
+/// @param text  room for DOTTED.length units
+template <class Unit>
+void write_dotted(const tbs_uuid_s& s, Unit* text)
+{
+    const bytes_t bytes = bytes_of(s);
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        hex::print_byte(bytes[i], text + DOTTED.digit_pairs[i]);
+    for (std::size_t i = 0; i < DOTTED.separator_count; ++i)
+        text[DOTTED.separators[i]] = static_cast<Unit>(DOTTED.pattern[DOTTED.separators[i]]);
+}
+
+std::string compact_text(const tbs_uuid_s& s)
+{
+    std::string text(COMPACT.length, '\0');
+    write_compact(s, text.data());
+    return text;
+}
+
+std::string dotted_text(const tbs_uuid_s& s)
+{
+    std::string text(DOTTED.length, '\0');
+    write_dotted(s, text.data());
+    return text;
+}
+
+UString compact_ustring(const tbs_uuid_s& s)
+{
+    return owned_text_t::make(COMPACT.length, [&s](char16_t* text) { write_compact(s, text); });
+}
+
+UString dotted_ustring(const tbs_uuid_s& s)
+{
+    return owned_text_t::make(DOTTED.length, [&s](char16_t* text) { write_dotted(s, text); });
 }
 
 // ---- Reading texts as we write them ----
@@ -162,7 +169,7 @@ unsigned int digit_value(char c)
 
 unsigned int digit_value(char16_t unit)
 {
-    return unit < DIGIT_VALUES.size() ? DIGIT_VALUES[unit] : NO_DIGIT;
+    return DIGIT_VALUES[unit & 0xFF] | (unit & 0xFF00u);
 }
 
 /// The byte of two digits; more than 0xFF when one of them is none.
@@ -343,15 +350,12 @@ Uuid Uuid::gen()
 
 std::string Uuid::std_str(bool compact) const
 {
-    std::string text(length_of(compact), '\0');
-    write(fields_, compact, text.data());
-    return text;
+    return compact ? compact_text(fields_) : dotted_text(fields_);
 }
 
 UString Uuid::str(bool compact) const
 {
-    return owned_text_t::make(length_of(compact),
-                              [&](char16_t* text) { write(fields_, compact, text); });
+    return compact ? compact_ustring(fields_) : dotted_ustring(fields_);
 }
 
 Uuid Uuid::from_string(const std::string& s)
@@ -394,8 +398,8 @@ Oid Oid::from_string(const UString& s)
 
 std::wostream& operator<<(std::wostream& os, const Oid& o)
 {
-    wchar_t text[LONGEST + 1] = {};
-    write(o, false, text);
+    wchar_t text[DOTTED.length + 1] = {};
+    write_dotted(o, text);
     return os << text;
 }
 
