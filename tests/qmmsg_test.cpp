@@ -244,6 +244,17 @@ TEST(MessageFormat, PlainTextIsCopied)
     EXPECT_EQ(filled("%%s"), "%s");
 }
 
+TEST(MessageFormat, TextBetweenConversionsMayHaveAnyLength)
+{
+    for (std::size_t length = 0; length < 40; ++length) {
+        const std::string between =
+            std::string("(abcdefghijklmnopqrstuvwxyz0123456789[]>)", length);
+        const std::string format = "%s" + between + "%d" + between + "%s" + between;
+        EXPECT_EQ(filled(format.c_str(), {text(between.c_str()), integer(-7), text("")}),
+                  between + between + "-7" + between + between);
+    }
+}
+
 TEST(MessageFormat, ConversionsReadTheRecordsInTheirOrder)
 {
     EXPECT_EQ(filled("PLXSV0653E Internal error: %s(), at line: %s in file: '%s'",

@@ -218,6 +218,23 @@ TEST(UMessageArg, WideTextsBecomeUtf8)
     EXPECT_EQ(text_in(Arg(no_text)), "");
 }
 
+// Short texts are converted on another way than long ones; both are held against the conversion of
+// the text itself.
+TEST(UMessageArg, TextsOfEveryLengthAreThoseOfTheirUtf8)
+{
+    for (const std::u16string last : {u"", u"\u00E4", u"\u20AC", u"\U0001F600", u"\xD800"}) {
+        for (std::size_t length = 0; length < 600; ++length) {
+            std::u16string units(length, u'x');
+            units.replace(0, length / 2, length / 2, u'\u20AC');
+            const UString text(units + last);
+            ASSERT_EQ(text_in(Arg(text)), text.utf8_str()) << length;
+            ASSERT_EQ(text_in(Arg(text.c_str())), text.utf8_str()) << length;
+        }
+    }
+    EXPECT_EQ(text_in(Arg(UString(std::u16string(u"a\0b", 3)))), "a");
+    EXPECT_EQ(text_in(Arg(UString(std::u16string(u"a\0\xDC00", 3)))), "");
+}
+
 TEST(UMessageArg, ResourcesAreClonedAndAskedForTheirText)
 {
     const int before = File::alive;

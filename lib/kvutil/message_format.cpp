@@ -196,17 +196,24 @@ class cursor_t {
 public:
     explicit cursor_t(std::span<const argument_t> args) : args_(args) {}
 
-    /// @param number  which argument, from 1; 0 for the next one
-    const argument_t& take(unsigned int number)
+    const argument_t& take_next()
     {
-        (number == 0 ? sequential_ : numbered_) = true;
-        const std::size_t index = number == 0 ? next_++ : number - 1;
-        number_is_beyond_ |= number > std::min(args_.size(), MAX_ARGUMENT_NUMBER);
+        const std::size_t index = next_++;
         return index < args_.size() ? args_[index] : NO_ARGUMENT;
     }
 
+    /// @param number  which argument, from 1; 0 for the next one
+    const argument_t& take(unsigned int number)
+    {
+        if (number == 0)
+            return take_next();
+        numbered_ = true;
+        number_is_beyond_ |= number > std::min(args_.size(), MAX_ARGUMENT_NUMBER);
+        return number <= args_.size() ? args_[number - 1] : NO_ARGUMENT;
+    }
+
     /// Whether all conversions took the next argument, or all named one that is there.
-    bool is_plain() const { return !number_is_beyond_ && !(numbered_ && sequential_); }
+    bool is_plain() const { return !number_is_beyond_ && !(numbered_ && next_ != 0); }
 
     /// How many arguments were taken in sequence.
     std::size_t taken() const { return next_; }
@@ -214,7 +221,6 @@ public:
 private:
     std::span<const argument_t> args_;
     std::size_t next_ = 0;
-    bool sequential_ = false;
     bool numbered_ = false;
     bool number_is_beyond_ = false;
 };
@@ -262,7 +268,7 @@ const char* conversion_if_it_agrees(const char* at, cursor_t& cursor)
     if (*at == '%')
         return at + 1;
     if (is_bare(*at))
-        return reads(family_of(*at), cursor.take(0).held) ? at + 1 : nullptr;
+        return reads(family_of(*at), cursor.take_next().held) ? at + 1 : nullptr;
     conversion_t c;
     at = read_conversion(at, c);
     return at != nullptr && conversion_agrees(c, cursor) ? at : nullptr;

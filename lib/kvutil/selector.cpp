@@ -11,8 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
-#include <limits>
-#include <new>
 #include <utility>
 
 namespace Kvl {
@@ -30,23 +28,12 @@ using text_view_t = std::u16string_view;
 template <class Write>
 UString text_of_at_most(std::uint64_t bound, Write write)
 {
-    if (bound > std::uint64_t{std::numeric_limits<std::int32_t>::max()})
-        throw std::bad_alloc();
     UString text;
-    if (bound <= text.capacity()) {
-        // Most names fit into the text object itself, which spares ICU's two calls.
-        char16_t* const units = writable(text);
-        set_length(text, static_cast<std::size_t>(write(units) - units));
-        return text;
-    }
-    char16_t* const units = text.getBuffer(static_cast<std::int32_t>(bound));
-    if (units == nullptr)
-        throw std::bad_alloc();
-    char16_t* const end = write(units);
-    const auto length = static_cast<std::int32_t>(end - units);
-    if (length < text.getCapacity())
-        *end = 0;  // so that c_str() need not write
-    text.releaseBuffer(length);
+    if (bound > text.capacity())
+        return owned_text_t::make_at_most(bound, write);
+    // Most names fit into the text object itself, which spares ICU's call.
+    char16_t* const units = writable(text);
+    set_length(text, static_cast<std::size_t>(write(units) - units));
     return text;
 }
 
@@ -332,6 +319,16 @@ char16_t* encode(const char16_t* in, const char16_t* end, char16_t* out)
     }
 }
 
+/// Writes what a run of "%" leaves of itself, and of a delimiter behind it the delimiter.
+char16_t* decode_run(const char16_t*& in, const char16_t* end, char16_t* out)
+{
+    const char16_t* const run = in;
+    while (in != end && *in == ESCAPE_UNIT)
+        ++in;
+    const bool escapes_next = in != end && is_delimiter(*in);
+    return std::fill_n(out, (in - run + 1) / 2 - escapes_next, ESCAPE_UNIT);
+}
+
 /// Writes the text without its escapes, at most as many units. The result is that of one
 /// replacement a delimiter, "%%" first: that leaves k / 2 of k '%' in a row, rounded up, and the
 /// last of these escapes a delimiter that follows. The replacements after the first never meet.
@@ -341,11 +338,13 @@ char16_t* decode(const char16_t* in, const char16_t* end, char16_t* out)
         out = copy_until(in, end, out, ESCAPE_UNIT);
         if (in == end)
             return out;
-        const char16_t* const run = in;
-        while (in != end && *in == ESCAPE_UNIT)
-            ++in;
-        const bool escapes_next = in != end && is_delimiter(*in);
-        out = std::fill_n(out, (in - run + 1) / 2 - escapes_next, ESCAPE_UNIT);
+        const bool is_plain_escape = end - in > 1 && in[1] != ESCAPE_UNIT && is_delimiter(in[1]);
+        if (is_plain_escape) {  // nearly every one: nothing to count
+            *out++ = in[1];
+            in += 2;
+        } else {
+            out = decode_run(in, end, out);
+        }
     }
 }
 

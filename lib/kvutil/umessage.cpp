@@ -1,14 +1,19 @@
 #include <kvutil/umessage.h>
 
 #include "message_format_impl.h"
+#include "ustring_impl.h"
+#include "utf8_impl.h"
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
 #include <limits>
+#include <new>
 #include <span>
+#include <string_view>
 #include <utility>
 
 namespace Kvl {
@@ -22,10 +27,26 @@ constexpr const char* text_or_empty(const char* text)
     return text == nullptr ? "" : text;
 }
 
-char* copy_of(const char* text)
+char* array_of(std::string_view text)
 {
-    const std::size_t size = std::strlen(text) + 1;
-    return static_cast<char*>(std::memcpy(new char[size], text, size));
+    char* const array = new char[text.size() + 1];
+    array[text.copy(array, text.size())] = '\0';
+    return array;
+}
+
+/// Texts up to this length are converted on the stack and copied once, into an array of their size.
+constexpr std::size_t SHORT_TEXT = 256;
+
+/// The text in UTF-8, see UString::utf8_str().
+char* array_of(const UString& text)
+{
+    const std::u16string_view units = view_of(text);
+    if (units.size() > SHORT_TEXT)
+        return array_of(std::string_view(text.utf8_str()));
+    std::array<char, utf8_room_for(SHORT_TEXT)> bytes;
+    bool has_zero = false;
+    const char* const end = utf16_to_utf8(units, bytes.data(), has_zero);
+    return array_of(end == nullptr ? std::string_view() : std::string_view(bytes.data(), end));
 }
 
 UMessage::arg_union_t copy_of(int kind, const UMessage::arg_union_t& value)
@@ -46,11 +67,9 @@ UMessage::arg_union_t copy_of(int kind, const UMessage::arg_union_t& value)
         copy.d = value.d;
         break;
     case 6:
-        copy.cstr = copy_of(value.cstr);
-        break;
     case 7:
     case 8:
-        copy.str = new std::string(*value.str);
+        copy.cstr = array_of(value.cstr);
         break;
     case 9:
         copy.res = value.res == nullptr ? nullptr : value.res->clone();
@@ -63,12 +82,10 @@ UMessage::arg_union_t copy_of(int kind, const UMessage::arg_union_t& value)
 
 void release(int kind, const UMessage::arg_union_t& value)
 {
-    if (kind == 6)
-        delete[] value.cstr;
-    else if (kind == 7 || kind == 8)
-        delete value.str;
-    else if (kind == 9)
+    if (kind == 9)
         delete value.res;
+    else if (kind >= 6)
+        delete[] value.cstr;
 }
 
 Utf8String text_of(const Resource* resource)
@@ -78,7 +95,7 @@ Utf8String text_of(const Resource* resource)
 
 }  // namespace
 
-UMessage::Arg::arg_union_t::arg_union_t(const char* s) : cstr(copy_of(text_or_empty(s))) {}
+UMessage::Arg::arg_union_t::arg_union_t(const char* s) : cstr(array_of(text_or_empty(s))) {}
 
 UMessage::Arg::arg_union_t::arg_union_t(const std::string& s) : str(new std::string(s)) {}
 
@@ -134,13 +151,19 @@ UMessage::Arg::Arg(long double d) : Arg(static_cast<double>(d)) {}
 
 UMessage::Arg::Arg(const char* s) : kind_(6), value_(s) {}
 
-UMessage::Arg::Arg(const std::string& s) : kind_(7), value_(s) {}
+UMessage::Arg::Arg(const std::string& s) : kind_(7)
+{
+    value_.cstr = array_of(s);
+}
 
-UMessage::Arg::Arg(const UString& s) : kind_(8), value_(s) {}
+UMessage::Arg::Arg(const UString& s) : kind_(8)
+{
+    value_.cstr = array_of(s);
+}
 
-UMessage::Arg::Arg(const unsigned short* s) : kind_(8), value_(s) {}
+UMessage::Arg::Arg(const unsigned short* s) : Arg(UString(s)) {}
 
-UMessage::Arg::Arg(const char16_t* s) : kind_(8), value_(s) {}
+UMessage::Arg::Arg(const char16_t* s) : Arg(UString(s)) {}
 
 UMessage::Arg::Arg(const Resource& r) : kind_(9), value_(r) {}
 
@@ -215,11 +238,9 @@ void UMessage::Arg::fill(cxPrintfArgVal& v) const
         v.d = value_.d;
         break;
     case 6:
-        v.p = value_.cstr;
-        break;
     case 7:
     case 8:
-        v.p = value_.str->c_str();
+        v.p = value_.cstr;
         break;
     default:
         break;
@@ -438,17 +459,33 @@ constexpr held_t HELD[] = {held_t::NOTHING, held_t::CHARACTER, held_t::INTEGER, 
                            held_t::INTEGER, held_t::FLOATING,  held_t::TEXT,    held_t::TEXT,
                            held_t::TEXT,    held_t::TEXT};
 
-constexpr const char* FALLBACK = "Could not locate Catalog File";
+UString fallback()
+{
+    return UString(u"Could not locate Catalog File");
+}
 
 /// Whether the formatter had nothing to say. A text that merely begins like this is a real one.
 bool is_missing(const char* text)
 {
-    return text == nullptr || std::strcmp(text, "default QmLogger message") == 0;
+    constexpr const char* NO_TEXT = "default QmLogger message";
+    return text == nullptr || (*text == *NO_TEXT && std::strcmp(text, NO_TEXT) == 0);
+}
+
+/// Decodes straight from the formatter's buffer, see UString::utf8_assign().
+UString decoded(std::string_view bytes)
+{
+    if (bytes.size() > INT_MAX)
+        throw std::bad_alloc();
+    const std::size_t length = utf16_length_of(bytes);
+    if (length == 0)
+        return UString();
+    return owned_text_t::make(
+        length, [bytes, length](char16_t* to) { utf8_to_utf16(bytes, length, to, to + length); });
 }
 
 UString finished(const char* text)
 {
-    return UString(Utf8String(is_missing(text) ? FALLBACK : text));
+    return is_missing(text) ? fallback() : decoded(text);
 }
 
 UString fill_as_it_is(const char* format, std::span<const MessageFormat::argument_t> args,
@@ -461,8 +498,9 @@ UString fill_as_it_is(const char* format, std::span<const MessageFormat::argumen
         many.resize(num_records);
         records = many.data();
     }
-    std::memset(records, 0, num_records * sizeof *records);
     std::ranges::transform(args, records, &MessageFormat::argument_t::record);
+    if (num_records > args.size())
+        std::memset(records + args.size(), 0, (num_records - args.size()) * sizeof *records);
     return finished(Log::QmMsg::format(format, records));
 }
 
@@ -487,7 +525,7 @@ UString render(const char** catalogue, int index, std::span<const UMessage::Arg*
 {
     const char* const format =
         catalogue == nullptr ? nullptr : Log::QmMsg::format(catalogue, index, extra);
-    return is_missing(format) ? finished(format) : render(format, args);
+    return is_missing(format) ? fallback() : render(format, args);
 }
 
 /// Up to ten arguments, those of kind 0 left out.

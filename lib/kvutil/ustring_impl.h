@@ -50,6 +50,19 @@ struct owned_text_t {
         set_length(text, length_units);
         return text;
     }
+
+    /// The same for units whose number is known only when they are written.
+    /// @param bound  at least so many units as are written
+    /// @param write  (char16_t* to): writes without throwing, gives the end of what it wrote
+    /// @throws std::bad_alloc  no memory for the text
+    template <class Write>
+    static UString make_at_most(std::size_t bound, Write write)
+    {
+        UString text{UString::room_t(bound)};
+        char16_t* const units = writable(text);
+        set_length(text, static_cast<std::size_t>(write(units) - units));
+        return text;
+    }
 };
 
 /// The units of a text; empty when the text is in ICU's bogus state.

@@ -18,7 +18,8 @@ struct thread_storage_t {
     bool freed_at_end = false;
 };
 
-constinit thread_local thread_storage_t g_thread;
+// Part of every thread's static storage, which is found without a call.
+[[gnu::tls_model("initial-exec")]] constinit thread_local thread_storage_t g_thread;
 
 constinit pthread_once_t g_key_once = PTHREAD_ONCE_INIT;
 constinit pthread_key_t g_key = 0;
