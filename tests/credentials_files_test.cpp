@@ -46,7 +46,7 @@ Credentials sample()
     return credentials;
 }
 
-/// More than a stream holds back.
+/// More than is held back.
 Credentials large_sample()
 {
     Credentials credentials = sample();

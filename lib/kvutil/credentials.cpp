@@ -1,7 +1,8 @@
 #include <kvutil/credentials.h>
 
 #include "file_content_impl.h"
-#include "file_stream_impl.h"
+#include "file_failure_impl.h"
+#include "file_source_impl.h"
 #include "uncancelled_impl.h"
 
 #include <algorithm>
@@ -55,10 +56,10 @@ namespace {
 typedef std::array<unsigned char, 2> number_t;
 typedef std::array<unsigned char, 3> record_head_t;
 
-void write_bytes(const std::string& path, std::FILE* file, const unsigned char* bytes,
+void write_bytes(const std::string& path, file_sink_t& sink, const unsigned char* bytes,
                  std::size_t size)
 {
-    if (std::fwrite(bytes, 1, size, file) != size)
+    if (!sink.write(bytes, size))
         fail_on_file(MSG_FILE_NOT_WRITTEN, path, errno);
 }
 
@@ -68,24 +69,24 @@ number_t little_endian(std::size_t number)
     return {static_cast<unsigned char>(number), static_cast<unsigned char>(number >> 8)};
 }
 
-void write_record(const std::string& path, std::FILE* file, const Identity& identity)
+void write_record(const std::string& path, file_sink_t& sink, const Identity& identity)
 {
     const std::size_t size = static_cast<unsigned short>(identity.length());
     const number_t length = little_endian(size);
     const record_head_t head = {length[0], length[1], identity.type()};
-    write_bytes(path, file, head.data(), head.size());
+    write_bytes(path, sink, head.data(), head.size());
     if (size != 0)
-        write_bytes(path, file, identity.bits(), size);
+        write_bytes(path, sink, identity.bits(), size);
 }
 
-void write_records(const std::string& path, std::FILE* file, const Credentials& credentials)
+void write_records(const std::string& path, file_sink_t& sink, const Credentials& credentials)
 {
     const number_t count = little_endian(credentials.groups.size());
-    write_bytes(path, file, count.data(), count.size());
-    write_record(path, file, credentials.user);
-    write_record(path, file, credentials.primary_group);
+    write_bytes(path, sink, count.data(), count.size());
+    write_record(path, sink, credentials.user);
+    write_record(path, sink, credentials.primary_group);
     for (const Identity& group : credentials.groups)
-        write_record(path, file, group);
+        write_record(path, sink, group);
 }
 
 /// No file has such a name, but the system would take what precedes the zero for it.
@@ -100,7 +101,7 @@ void refuse_zero_byte(const std::string& path)
 void Credentials::write_to_file(const std::string& path) const
 {
     refuse_zero_byte(path);
-    set_file_content(path, [&](std::FILE* file) { write_records(path, file, *this); });
+    set_file_content(path, [&](file_sink_t& sink) { write_records(path, sink, *this); });
 }
 
 // ---- reading ----
@@ -110,70 +111,81 @@ namespace {
 // Each says whether all of it was there; otherwise `errno` says why not, and 0 that the file ended.
 // Only who has closed the file throws, so that there is little to unwind.
 
-bool read_bytes(std::FILE* file, void* to, std::size_t size)
-{
-    char* rest = static_cast<char*>(to);
-    for (;;) {
-        errno = 0;
-        const std::size_t got = std::fread(rest, 1, size, file);
-        if (got == size)
-            return true;
-        // A signal is no failure.
-        if (errno != EINTR || std::ferror(file) == 0)
-            return false;
-        std::clearerr(file);
-        rest += got;
-        size -= got;
-    }
-}
+/// A C stream as a source like file_source_t.
+class stream_source_t {
+public:
+    explicit stream_source_t(std::FILE* file) noexcept : file_(file) {}
 
-bool read_number(std::FILE* file, std::size_t& result)
+    bool read(void* to, std::size_t size)
+    {
+        char* rest = static_cast<char*>(to);
+        for (;;) {
+            errno = 0;
+            const std::size_t got = std::fread(rest, 1, size, file_);
+            if (got == size)
+                return true;
+            // A signal is no failure.
+            if (errno != EINTR || std::ferror(file_) == 0)
+                return false;
+            std::clearerr(file_);
+            rest += got;
+            size -= got;
+        }
+    }
+
+private:
+    std::FILE* const file_;
+};
+
+template <class Source>
+bool read_number(Source& source, std::size_t& result)
 {
     number_t number;
-    const bool is_whole = read_bytes(file, number.data(), number.size());
+    const bool is_whole = source.read(number.data(), number.size());
     result = static_cast<std::size_t>(number[0] | number[1] << 8);
     return is_whole;
 }
 
 // In the file, as in the block, the bits follow the type.
-bool read_record(std::FILE* file, Identity& result)
+bool read_record(file_source_t& source, Identity& result)
 {
     std::size_t length = 0;
-    if (!read_number(file, length))
+    if (!read_number(source, length))
         return false;
     auto block = std::make_unique_for_overwrite<Identity::identity_t[]>(length + 1);
-    if (!read_bytes(file, block.get(), length + 1))
+    if (!source.read(block.get(), length + 1))
         return false;
     // Deliberate: from 32768 on the length becomes negative.
     result = Identity(static_cast<short>(length), block.release());
     return true;
 }
 
-bool read_records(std::FILE* file, Credentials& credentials)
+bool read_records(file_source_t& source, Credentials& credentials)
 {
     std::size_t count = 0;
-    if (!read_number(file, count))
+    if (!read_number(source, count))
         return false;
     credentials.groups.clear();
     credentials.groups.reserve(count);
-    if (!read_record(file, credentials.user) || !read_record(file, credentials.primary_group))
+    if (!read_record(source, credentials.user) || !read_record(source, credentials.primary_group))
         return false;
     for (; count > 0; --count) {
         Identity group;
-        if (!read_record(file, group))
+        if (!read_record(source, group))
             return false;
         credentials.groups.push_back(std::move(group));
     }
     return true;
 }
 
-bool read_text(std::FILE* file, UString& result)
+template <class Source>
+bool read_text(Source& source, UString& result)
 {
     std::size_t size = 0;
-    if (!read_number(file, size))
+    if (!read_number(source, size))
         return false;
     Utf8String bytes(size, '\0');
-    if (!read_bytes(file, bytes.data(), bytes.size()))
+    if (!source.read(bytes.data(), bytes.size()))
         return false;
     bytes.resize(std::min(bytes.find('\0'), bytes.size()));
     result = UString(bytes);
@@ -181,28 +193,27 @@ bool read_text(std::FILE* file, UString& result)
 }
 
 // Deliberate: the file has the third text before the second.
-bool read_texts(std::FILE* file, Credentials& credentials)
+bool read_texts(file_source_t& source, Credentials& credentials)
 {
-    return read_text(file, credentials.text1) && read_text(file, credentials.text3) &&
-           read_text(file, credentials.text2);
+    return read_text(source, credentials.text1) && read_text(source, credentials.text3) &&
+           read_text(source, credentials.text2);
 }
 
-std::FILE* open_to_read(const std::string& path, std::span<char> buffer)
+descriptor_t open_to_read(const std::string& path)
 {
     refuse_zero_byte(path);
     descriptor_t descriptor = open_file(path.c_str(), O_RDONLY);
     if (!descriptor.is_open())
         fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
-    return stream_over(std::move(descriptor), "r", buffer);
+    return descriptor;
 }
 
 /// Opens, reads and closes.
 /// @return  nothing, or `errno` of what ended the reading
 std::optional<int> read_file(const std::string& path, bool read_strings, Credentials& result)
 {
-    std::array<char, 16384> buffer;
-    const UtlFileIoPtr file(open_to_read(path, buffer));
-    if (read_records(file.get(), result) && (!read_strings || read_texts(file.get(), result)))
+    file_source_t source(open_to_read(path));
+    if (read_records(source, result) && (!read_strings || read_texts(source, result)))
         return std::nullopt;
     return errno;
 }
@@ -219,8 +230,9 @@ UString Credentials::read_string(const std::string& path, UtlFileIoPtr& file)
 {
     if (file.get() == nullptr)
         fail_on_file(MSG_FILE_NOT_READ, path, EBADF);
+    stream_source_t source(file.get());
     UString text;
-    if (!read_text(file.get(), text))
+    if (!read_text(source, text))
         fail_on_file(MSG_FILE_NOT_READ, path, errno);
     return text;
 }

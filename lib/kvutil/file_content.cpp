@@ -1,15 +1,11 @@
 #include "file_content_impl.h"
 
-#include "file_stream_impl.h"
+#include "file_failure_impl.h"
 #include "sys_calls_impl.h"
 #include "uncancelled_impl.h"
 
-#include <kvutil/credentials.h>
-
-#include <array>
 #include <cerrno>
 #include <fcntl.h>
-#include <stdio_ext.h>
 #include <unistd.h>
 
 namespace Kvl {
@@ -84,27 +80,6 @@ namespace {
 
 enum class durability_t { SYNCED, BUFFERED };
 
-/// At the end of its life it forgets what a stream still holds back. So the close after a failure
-/// writes nothing more, and in a thread that is cancelled before a full pipe it does not wait.
-class unwritten_t {
-public:
-    explicit unwritten_t(std::FILE* file) noexcept : file_(file) {}
-    ~unwritten_t() { __fpurge(file_); }
-    unwritten_t(const unwritten_t&) = delete;
-    unwritten_t& operator=(const unwritten_t&) = delete;
-
-private:
-    std::FILE* const file_;
-};
-
-void write_all(const std::string& path, std::FILE* file, const write_content_t& write)
-{
-    const unwritten_t rest(file);
-    write(file);
-    if (std::fflush(file) != 0)
-        fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
-}
-
 /// @return whether the content has reached the disk; otherwise `errno` says why not
 bool sync(int descriptor)
 {
@@ -115,15 +90,10 @@ bool sync(int descriptor)
 void fill(const std::string& path, descriptor_t descriptor, const write_content_t& write,
           durability_t durability)
 {
-    // As large as the C library's buffers for files and devices: what fits is refused by a full
-    // device at the close, more at the write.
-    std::array<char, 4096> buffer;
-    const int number = descriptor.number();
-    UtlFileIoPtr stream(stream_over(std::move(descriptor), "w", buffer));
-    write_all(path, stream.get(), write);
-    if (durability == durability_t::SYNCED && !sync(number))
-        fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
-    if (stream.close() != 0)
+    file_sink_t sink(std::move(descriptor));
+    write(sink);
+    const bool is_synced = durability == durability_t::SYNCED;
+    if (!sink.flush() || (is_synced && !sync(sink.number())) || !sink.close())
         fail_on_file(MSG_FILE_NOT_CLOSED, path, errno);
 }
 
@@ -139,14 +109,9 @@ void write_in_place(const std::string& path, target_t& target, const write_conte
         target.descriptor = open_file(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, NEW_FILE_MODE);
     if (!target.descriptor.is_open())
         fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
-    const int number = target.descriptor.number();
-    // The old content goes as late as that: without memory for a stream, it stays.
-    const auto write_afresh = [&](std::FILE* file) {
-        if (S_ISREG(target.status.st_mode) && !truncate(number))
-            fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
-        write(file);
-    };
-    fill(path, std::move(target.descriptor), std::cref(write_afresh), durability_t::BUFFERED);
+    if (S_ISREG(target.status.st_mode) && !truncate(target.descriptor.number()))
+        fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
+    fill(path, std::move(target.descriptor), write, durability_t::BUFFERED);
 }
 
 }  // namespace
