@@ -23,18 +23,23 @@ constexpr int LOCAL_START_FLAGS = START_FLAGS | ARM_FLAG_CORR_IN_PROCESS;
 /// Whether there is a key under which no thread has ever had a stack.
 constinit std::atomic<bool> g_key_is_unused = false;
 
-/// A copy of what ARM is given of a buffer: nothing when there is nothing in it.
-class contents_t {
-public:
-    explicit contents_t(const ArmBuffer* buffer) noexcept
-        : copy_(buffer != nullptr ? *buffer->buffer4() : arm_buffer4())
-    {
-    }
-    const arm_buffer4* get() const noexcept { return copy_.count > 0 ? &copy_ : nullptr; }
-
-private:
-    const arm_buffer4 copy_;
+/// The stack that this thread made last and the key under which the C library has it. To ask the C
+/// library, twice for each operation, costs as much as all else that is done here.
+struct own_stack_t {
+    pthread_key_t key;
+    Stack* stack;
 };
+[[gnu::tls_model("initial-exec")]] constinit thread_local own_stack_t own_stack{};
+
+/// Gives ARM a copy of a buffer, and nothing when there is nothing in it.
+template <class Call>
+int call_with(const ArmBuffer* buffer, Call call)
+{
+    if (buffer == nullptr || buffer->count() == 0)
+        return call(nullptr);
+    const arm_buffer4 copy = *buffer->buffer4();
+    return call(&copy);
+}
 
 /// A run-time that stores no correlator would leave the one of an earlier operation.
 void forget(arm_correlator& correlator)
@@ -61,12 +66,15 @@ bool ArmApplication::create_key() noexcept
 
 void ArmApplication::global_data_t::delete_stack(void* stack) noexcept
 {
+    if (stack == own_stack.stack)
+        own_stack.stack = nullptr;
     delete static_cast<Stack*>(stack);
 }
 
+/// A stack under a former key counts as none.
 Stack* Stack::of_this_thread() noexcept
 {
-    return static_cast<Stack*>(pthread_getspecific(ArmApplication::g_global_data.key));
+    return own_stack.key == ArmApplication::g_global_data.key ? own_stack.stack : nullptr;
 }
 
 /// @return  null when there is no memory
@@ -77,9 +85,11 @@ Stack* Stack::create() noexcept
     if (stack == nullptr || stack->first_ == nullptr)
         return nullptr;
     g_key_is_unused = false;
-    if (sys_calls.pthread_setspecific(ArmApplication::g_global_data.key, stack.get()) != 0)
+    const pthread_key_t key = ArmApplication::g_global_data.key;
+    if (sys_calls.pthread_setspecific(key, stack.get()) != 0)
         return nullptr;
-    return stack.release();
+    own_stack = {key, stack.release()};
+    return own_stack.stack;
 }
 
 Stack::ArmPerThreadOperationStack() noexcept
@@ -118,11 +128,12 @@ int Stack::start(const arm_id& tran_id, const ArmBuffer* buffer, bool local)
     if (entry == nullptr)
         return ArmApplication::UNAVAILABLE;
     forget(entry->correlator);
-    const contents_t contents(buffer);
-    const int code = ArmRuntimeLoader::g_fnc_arm_start_transaction(
-        ArmApplication::g_app_handle, &tran_id, &stack->parent(),
-        local ? LOCAL_START_FLAGS : START_FLAGS, contents.get(), &entry->handle,
-        &entry->correlator);
+    const int flags = local ? LOCAL_START_FLAGS : START_FLAGS;
+    const int code = call_with(buffer, [&](const arm_buffer4* contents) {
+        return ArmRuntimeLoader::g_fnc_arm_start_transaction(ArmApplication::g_app_handle, &tran_id,
+                                                             &stack->parent(), flags, contents,
+                                                             &entry->handle, &entry->correlator);
+    });
     if (code >= 0)
         stack->current_ = entry;
     return code;
@@ -132,12 +143,10 @@ int Stack::start(const arm_id& tran_id, const ArmBuffer* buffer, bool local)
 /// @return  null when there is no memory
 Stack::stack_entry_t* Stack::entry_above() noexcept
 {
-    if (current_ == nullptr)
-        return first_;
-    if (current_->next == nullptr)
-        current_->next =
-            new (std::nothrow) linked_entry_t{{}, static_cast<linked_entry_t*>(current_)};
-    return current_->next;
+    stack_entry_t*& above = current_ != nullptr ? current_->next : first_;
+    if (above == nullptr)
+        above = new (std::nothrow) linked_entry_t{{}, static_cast<linked_entry_t*>(current_)};
+    return above;
 }
 
 const arm_correlator& Stack::parent() const noexcept
@@ -152,9 +161,10 @@ int Stack::stop(int status, const ArmBuffer* buffer)
         return ArmApplication::UNAVAILABLE;
     const stack_entry_t* const entry = stack->current_;
     stack->current_ = static_cast<const linked_entry_t*>(entry)->below;
-    const contents_t contents(buffer);
-    return ArmRuntimeLoader::g_fnc_arm_stop_transaction(entry->handle, status, ARM_FLAG_NONE,
-                                                        contents.get());
+    return call_with(buffer, [&](const arm_buffer4* contents) {
+        return ArmRuntimeLoader::g_fnc_arm_stop_transaction(entry->handle, status, ARM_FLAG_NONE,
+                                                            contents);
+    });
 }
 
 }  // namespace Kvl
