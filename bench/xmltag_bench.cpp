@@ -3,15 +3,13 @@
 
 #include "contest.h"
 #include "rejection.h"
+#include "tag_names.h"
 
 #include <kvutil/exception.h>
 #include <kvutil/xmltag.h>
 
 #include <benchmark/benchmark.h>
 
-#ifdef KVUTIL_BENCH_ABSL
-#include <absl/container/flat_hash_map.h>
-#endif
 #ifdef KVUTIL_BENCH_GLIB
 #include <glib.h>
 #endif
@@ -19,6 +17,7 @@
 #include <libxml/xmlstring.h>
 // After the type that it needs.
 #include <libxml/dict.h>
+#include <libxml/hash.h>
 #endif
 #ifdef KVUTIL_BENCH_QT
 #include <QHash>
@@ -33,186 +32,12 @@ namespace gperf {
 
 #include <algorithm>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <random>
-#include <shared_mutex>
-#include <stdexcept>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include <malloc.h>
-
 namespace {
-
-using Kvl::UString;
-using Kvl::Utf8String;
-using Kvl::XmlTag;
-
-// ---- Names
-
-struct name_t {
-    XmlTag::NsId nsid;
-    std::string local;
-    XmlTag::Id id;
-
-    /// With the abbreviation in front, unique over all well-known namespaces.
-    std::string qualified() const { return XmlTag::ns_abbreviation(nsid).utf8_str() + local; }
-};
-typedef std::vector<name_t> names_t;
-
-template <class T>
-std::vector<T> shuffled(std::vector<T> list)
-{
-    std::shuffle(list.begin(), list.end(), std::mt19937(1));
-    return list;
-}
-
-UString ustr(const std::string& text)
-{
-    return UString(Utf8String(text));
-}
-
-std::u16string wide(const UString& text)
-{
-    return {text.getBuffer(), text.length()};
-}
-
-/// Every well-known name once, in no order.
-const names_t& well_known()
-{
-    static const names_t names = [] {
-        names_t result;
-        for (const XmlTag::Namespace* const ns : XmlTag::g_namespace_array)
-            for (const XmlTag* const tag : ns->wk_tags)
-                result.push_back({ns->id, tag->simple_name().utf8_str(), tag->id()});
-        return shuffled(result);
-    }();
-    return names;
-}
-
-std::size_t bytes_in_use()
-{
-    const struct mallinfo2 info = mallinfo2();
-    return info.uordblks + info.hblkhd;
-}
-
-struct registered_t {
-    names_t names;
-    double bytes_per_tag;
-};
-
-/// `count` names of one namespace, registered at run time, in no order.
-registered_t registered(const std::string& uri, std::size_t count)
-{
-    const XmlTag::NsId nsid = XmlTag(ustr(uri), UString()).ns_id();
-    names_t names;
-    for (std::size_t i = 0; i < count; ++i)
-        names.push_back({nsid, "property-" + std::to_string(i), 0});
-    names = shuffled(std::move(names));
-    const std::size_t before = bytes_in_use();
-    for (name_t& name : names)
-        name.id = XmlTag::lookup(nsid, ustr(name.local))->id();
-    return {names, static_cast<double>(bytes_in_use() - before) / static_cast<double>(count)};
-}
-
-const registered_t& run_time(std::size_t count)
-{
-    static std::map<std::size_t, registered_t> sets;
-    const auto found = sets.find(count);
-    if (found != sets.end())
-        return found->second;
-    return sets[count] = registered("urn:bench:" + std::to_string(count), count);
-}
-
-/// Names that a well-known namespace has only since run time.
-const names_t& added_to_well_known()
-{
-    static const names_t names =
-        registered(XmlTag::ns_URI(6).utf8_str(), well_known().size()).names;
-    return names;
-}
-
-// ---- Contestants: each has the form in which it takes a name, and gives the entry or the number,
-// whichever it keeps
-
-XmlTag::Id number_of(XmlTag::Id id)
-{
-    return id;
-}
-
-template <class Entry>
-XmlTag::Id number_of(const Entry* entry)
-{
-    if constexpr (std::is_same_v<Entry, XmlTag>)
-        return entry->id();
-    else
-        return entry == nullptr ? -1 : entry->id;
-}
-
-struct kvutil_t {
-    struct key_t {
-        XmlTag::NsId nsid;
-        UString name;
-    };
-    explicit kvutil_t(const names_t&) {}
-    static key_t key_of(const name_t& name) { return {name.nsid, ustr(name.local)}; }
-    const XmlTag* find(const key_t& key) const { return XmlTag::lookup(key.nsid, key.name); }
-};
-
-/// The number stands beside the name: what remains is to read the name and the answer.
-struct floor_t {
-    struct key_t {
-        std::u16string name;
-        XmlTag::Id id;
-    };
-    explicit floor_t(const names_t&) {}
-    static key_t key_of(const name_t& name)
-    {
-        return {std::u16string(name.local.begin(), name.local.end()), name.id};
-    }
-    static XmlTag::Id find(const key_t& key)
-    {
-        unsigned int sum = 0;
-        for (const char16_t unit : key.name)
-            sum += unit;
-        benchmark::DoNotOptimize(sum);
-        return key.id;
-    }
-};
-
-/// A hash table of 16-bit names, for one namespace.
-template <class Map>
-struct map_t {
-    typedef std::u16string key_t;
-    explicit map_t(const names_t& names)
-    {
-        for (const name_t& name : names)
-            map.emplace(key_of(name), name.id);
-    }
-    static key_t key_of(const name_t& name) { return {name.local.begin(), name.local.end()}; }
-    XmlTag::Id find(const key_t& key) const { return map.find(key)->second; }
-    Map map;
-};
-
-/// The same for threads that may also register.
-template <class Map>
-struct locked_map_t : map_t<Map> {
-    using map_t<Map>::map_t;
-    XmlTag::Id find(const std::u16string& key) const
-    {
-        const std::shared_lock lock(mutex);
-        return map_t<Map>::find(key);
-    }
-    mutable std::shared_mutex mutex;
-};
-
-typedef std::unordered_map<std::u16string, XmlTag::Id> std_map_t;
-#ifdef KVUTIL_BENCH_ABSL
-typedef absl::flat_hash_map<std::u16string, XmlTag::Id> absl_map_t;
-#endif
 
 #ifdef KVUTIL_BENCH_QT
 struct qt_t {
@@ -255,46 +80,6 @@ struct gperf_then_absl_t {
     absl::flat_hash_map<std::string, XmlTag::Id> map;
 };
 #endif
-
-/// A contestant that knows `names`, and its keys in their order.
-template <class Contestant>
-struct filled_t {
-    explicit filled_t(const names_t& names) : contestant(names)
-    {
-        for (const name_t& name : names)
-            keys.push_back(Contestant::key_of(name));
-        agrees = true;
-        for (std::size_t i = 0; i < names.size(); ++i)
-            agrees = agrees && number_of(contestant.find(keys[i])) == names[i].id;
-    }
-    Contestant contestant;
-    std::vector<typename Contestant::key_t> keys;
-    bool agrees;
-};
-
-template <class Contestant>
-const filled_t<Contestant>& filled(const names_t& names)
-{
-    static std::mutex mutex;
-    static std::map<const names_t*, std::unique_ptr<filled_t<Contestant>>> all;
-    const std::lock_guard lock(mutex);
-    auto& slot = all[&names];
-    if (!slot)
-        slot = std::make_unique<filled_t<Contestant>>(names);
-    return *slot;
-}
-
-template <class Contestant>
-void by_name(benchmark::State& state, const names_t& names)
-{
-    const auto& [contestant, keys, agrees] = filled<Contestant>(names);
-    require_agreement(state, agrees);
-    std::size_t i = static_cast<std::size_t>(state.thread_index()) * keys.size() / 2;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(contestant.find(keys[i]));
-        i = i + 1 == keys.size() ? 0 : i + 1;
-    }
-}
 
 // ---- Well-known names
 
@@ -383,7 +168,7 @@ BENCHMARK_TEMPLATE(run_time_hit, qt_t, 1'000)->Name(KVUTIL_ROW "/QHash, never ch
 #undef KVUTIL_ROW
 
 // ---- First registration. Whatever keeps names for the whole process never gives memory back, so
-// no peer does either; each has one table for all names.
+// no peer does either.
 
 /// Names that nobody has seen, in no order, `each` in a namespace.
 struct new_names_t {
@@ -408,8 +193,6 @@ struct new_names_t {
     names_t names;
 };
 
-constexpr int REGISTERED = 100'000;
-
 struct kvutil_registry_t {
     typedef kvutil_t::key_t key_t;
     static std::vector<key_t> keys_of(const new_names_t& all)
@@ -424,8 +207,64 @@ struct kvutil_registry_t {
     static const void* add(const key_t& key) { return XmlTag::lookup(key.nsid, key.name); }
 };
 
-/// Peers take a name with its namespace in front, made beforehand.
-struct qualified_keys_t {
+#ifdef KVUTIL_BENCH_LIBXML2
+/// A dictionary for each namespace. It keeps names, but gives no number.
+struct libxml2_dictionary_t {
+    struct key_t {
+        xmlDict* dict;
+        std::string name;
+    };
+    static std::vector<key_t> keys_of(const new_names_t& all)
+    {
+        std::vector<xmlDict*> dicts(all.uris.size());
+        std::generate(dicts.begin(), dicts.end(), xmlDictCreate);
+        std::vector<key_t> keys;
+        for (const name_t& name : all.names)
+            keys.push_back({dicts[static_cast<std::size_t>(name.nsid)], name.local});
+        return keys;
+    }
+    static const xmlChar* add(const key_t& key)
+    {
+        return xmlDictLookup(key.dict, reinterpret_cast<const xmlChar*>(key.name.data()),
+                             static_cast<int>(key.name.size()));
+    }
+};
+
+/// With what makes an identity of a name: its number, and the name of a number.
+struct libxml2_registry_t {
+    struct key_t {
+        xmlHashTable* numbers;
+        libxml2_dictionary_t::key_t name;
+    };
+    static std::vector<key_t> keys_of(const new_names_t& all)
+    {
+        std::map<xmlDict*, xmlHashTable*> tables;
+        std::vector<key_t> keys;
+        for (auto& name : libxml2_dictionary_t::keys_of(all)) {
+            xmlHashTable*& numbers = tables[name.dict];
+            if (numbers == nullptr)
+                numbers = xmlHashCreateDict(0, name.dict);
+            keys.push_back({numbers, name});
+        }
+        return keys;
+    }
+    static const xmlChar* add(const key_t& key)
+    {
+        static std::vector<const xmlChar*> names;
+        const xmlChar* const name = libxml2_dictionary_t::add(key.name);
+        void* const number = xmlHashLookup(key.numbers, name);
+        if (number != nullptr)
+            return names[reinterpret_cast<std::size_t>(number) - 1];
+        names.push_back(name);
+        xmlHashAddEntry(key.numbers, name, reinterpret_cast<void*>(names.size()));
+        return name;
+    }
+};
+#endif
+
+#ifdef KVUTIL_BENCH_GLIB
+/// The namespace stands in front of the name, since there is one table of all.
+struct glib_registry_t {
     typedef std::string key_t;
     static std::vector<key_t> keys_of(const new_names_t& all)
     {
@@ -434,21 +273,6 @@ struct qualified_keys_t {
             keys.push_back(all.qualified(name));
         return keys;
     }
-};
-
-#ifdef KVUTIL_BENCH_LIBXML2
-struct libxml2_registry_t : qualified_keys_t {
-    static const void* add(const key_t& key)
-    {
-        static xmlDict* const dict = xmlDictCreate();
-        return xmlDictLookup(dict, reinterpret_cast<const xmlChar*>(key.data()),
-                             static_cast<int>(key.size()));
-    }
-};
-#endif
-
-#ifdef KVUTIL_BENCH_GLIB
-struct glib_registry_t : qualified_keys_t {
     static const void* add(const key_t& key)
     {
         return g_quark_to_string(g_quark_from_string(key.c_str()));
@@ -465,6 +289,8 @@ bool registers_once()
            Registry::add(keys[0]) != Registry::add(keys[1]);
 }
 
+constexpr int REGISTERED = 20'000;
+
 template <class Registry, int each>
 void first_registration(benchmark::State& state)
 {
@@ -475,57 +301,22 @@ void first_registration(benchmark::State& state)
         benchmark::DoNotOptimize(Registry::add(keys[i++]));
 }
 
-#define KVUTIL_ROW "first registration of a name: 1000 names a namespace"
-BENCHMARK_TEMPLATE(first_registration, kvutil_registry_t, 1'000)
-    ->Name(KVUTIL_ROW "/kvutil")
-    ->Iterations(REGISTERED);
+#define KVUTIL_REGISTRATION(registry, each, contestant)                                            \
+    BENCHMARK_TEMPLATE(first_registration, registry, each)                                         \
+        ->Name("first registration of a name: " #each " names a namespace/" contestant)            \
+        ->Iterations(REGISTERED)
+#define KVUTIL_REGISTRATIONS(registry, contestant)                                                 \
+    KVUTIL_REGISTRATION(registry, 1000, contestant);                                               \
+    KVUTIL_REGISTRATION(registry, 20000, contestant)
+KVUTIL_REGISTRATIONS(kvutil_registry_t, "kvutil");
 #ifdef KVUTIL_BENCH_LIBXML2
-BENCHMARK_TEMPLATE(first_registration, libxml2_registry_t, 1'000)
-    ->Name(KVUTIL_ROW "/libxml2 dictionary")
-    ->Iterations(REGISTERED);
+KVUTIL_REGISTRATIONS(libxml2_registry_t, "libxml2 dictionary and numbers");
 #endif
 #ifdef KVUTIL_BENCH_GLIB
-BENCHMARK_TEMPLATE(first_registration, glib_registry_t, 1'000)
-    ->Name(KVUTIL_ROW "/GQuark")
-    ->Iterations(REGISTERED);
+KVUTIL_REGISTRATIONS(glib_registry_t, "GQuark");
 #endif
-#undef KVUTIL_ROW
-
-#define KVUTIL_ROW "first registration of a name: 100000 names a namespace"
-BENCHMARK_TEMPLATE(first_registration, kvutil_registry_t, REGISTERED)
-    ->Name(KVUTIL_ROW "/kvutil")
-    ->Iterations(REGISTERED);
-#ifdef KVUTIL_BENCH_LIBXML2
-BENCHMARK_TEMPLATE(first_registration, libxml2_registry_t, REGISTERED)
-    ->Name(KVUTIL_ROW "/libxml2 dictionary")
-    ->Iterations(REGISTERED);
-#endif
-#ifdef KVUTIL_BENCH_GLIB
-BENCHMARK_TEMPLATE(first_registration, glib_registry_t, REGISTERED)
-    ->Name(KVUTIL_ROW "/GQuark")
-    ->Iterations(REGISTERED);
-#endif
-#undef KVUTIL_ROW
 
 // ---- By number
-
-template <class Find>
-void by_number(benchmark::State& state, const std::vector<XmlTag::Id>& ids, Find find)
-{
-    std::size_t i = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(find(ids[i]));
-        i = i + 1 == ids.size() ? 0 : i + 1;
-    }
-}
-
-std::vector<XmlTag::Id> ids_of(const names_t& names)
-{
-    std::vector<XmlTag::Id> ids;
-    for (const name_t& name : names)
-        ids.push_back(name.id);
-    return ids;
-}
 
 void by_id_in_kvutil(benchmark::State& state, const names_t& names)
 {
@@ -609,53 +400,6 @@ BENCHMARK_CAPTURE(time_throw, id, UNKNOWN_ID)->Name("rejected input: tag, number
 BENCHMARK(unknown_namespace_in_kvutil)->Name("rejected input: tag, namespace/kvutil");
 BENCHMARK_CAPTURE(time_throw, nsid, UNKNOWN_NAMESPACE)
     ->Name("rejected input: tag, namespace/one throw");
-
-// ---- Growth
-
-template <std::size_t count>
-void growth_by_name_in_kvutil(benchmark::State& state)
-{
-    state.counters["bytes per tag"] = run_time(count).bytes_per_tag;
-    by_name<kvutil_t>(state, run_time(count).names);
-}
-
-template <std::size_t count>
-void growth_by_id_in_kvutil(benchmark::State& state)
-{
-    by_number(state, ids_of(run_time(count).names),
-              [](XmlTag::Id id) { return XmlTag::lookup(id); });
-}
-
-// The names are new in each repetition, so all are registered that have been before.
-template <int count>
-void growth_of_registration(benchmark::State& state)
-{
-    const auto keys = kvutil_registry_t::keys_of(new_names_t(count, count));
-    std::size_t i = 0;
-    for (auto _ : state)
-        benchmark::DoNotOptimize(kvutil_registry_t::add(keys[i++]));
-}
-
-#ifdef KVUTIL_BENCH_ABSL
-#define KVUTIL_GROWTH_OF_ABSL(count)                                                               \
-    BENCHMARK_TEMPLATE(run_time_hit, map_t<absl_map_t>, count)                                     \
-        ->Name("growth, tags: by name, " #count " tags/absl flat_hash_map");
-#else
-#define KVUTIL_GROWTH_OF_ABSL(count)
-#endif
-#define KVUTIL_GROWTH(count)                                                                       \
-    BENCHMARK_TEMPLATE(growth_by_name_in_kvutil, count)                                            \
-        ->Name("growth, tags: by name, " #count " tags/kvutil");                                   \
-    KVUTIL_GROWTH_OF_ABSL(count)                                                                   \
-    BENCHMARK_TEMPLATE(growth_by_id_in_kvutil, count)                                              \
-        ->Name("growth, tags: by id, " #count " tags/kvutil");                                     \
-    BENCHMARK_TEMPLATE(growth_of_registration, count)                                              \
-        ->Name("growth, tags: registration, " #count " names/kvutil")                              \
-        ->Iterations(count);
-KVUTIL_GROWTH(1000)
-KVUTIL_GROWTH(10000)
-KVUTIL_GROWTH(100000)
-KVUTIL_GROWTH(1000000)
 
 // ---- Namespaces
 

@@ -515,6 +515,27 @@ TEST(UStringCompare, IsNumericInUnits)
     EXPECT_EQ(UString(std::u16string(u"a\0b", 3)).compare(units(u"a")), 1);
 }
 
+// Long enough for whole blocks and what is left of them, different in any one unit or in length.
+TEST(UStringCompare, IsIcusOrderWhereverTextsDiffer)
+{
+    const char16_t units[] = {u'\0', u'a', u'b', 0x0100, 0x6100, 0xD800, 0xDC00, 0xE000, 0xFFFF};
+    for (unsigned int length = 0; length < 14; ++length)
+        for (unsigned int at = 0; at <= length; ++at)
+            for (const char16_t a : units)
+                for (const char16_t b : units) {
+                    std::u16string first(length, u'x');
+                    std::u16string second = first;
+                    first.insert(at, 1, a);
+                    second.insert(at, 1, b);
+                    if (length % 3 == 0)
+                        second.append(length % 2 + 1, u'y');
+                    const UString x(first);
+                    const UString y(second);
+                    const icu::UnicodeString& base = x;
+                    ASSERT_EQ(x.compare(y), static_cast<int>(base.compare(y)));
+                }
+}
+
 TEST(UStringCompare, OfARangeIsClamped)
 {
     const UString s("abcabc");

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <memory>
@@ -91,7 +92,7 @@ TEST(XmlTagHash, SpreadsNumberedNames)
 
 TEST(XmlTagHash, ComparesUnitsOfAnyLength)
 {
-    for (std::size_t length = 0; length < 30; ++length) {
+    for (std::size_t length = 0; length < 80; ++length) {
         const std::u16string text(length, u'x');
         EXPECT_TRUE(equal_units(text, std::u16string(length, u'x')));
         EXPECT_FALSE(equal_units(text, text + u'x'));
@@ -100,6 +101,33 @@ TEST(XmlTagHash, ComparesUnitsOfAnyLength)
             other[i] = u'y';
             EXPECT_FALSE(equal_units(text, other));
         }
+    }
+}
+
+// Random checks from few values, so that most words hold equal ones and such as differ by one.
+TEST(XmlTagLanes, AreFoundAsOneByOne)
+{
+    std::mt19937 random(7);
+    for (int i = 0; i < 200'000; ++i) {
+        std::uint64_t checks = 0;
+        std::vector<std::uint64_t> expected;
+        for (auto n = random() % (NUM_LANES + 1); n > 0; --n) {
+            expected.push_back(check_of(std::uint64_t{random() % 3} << 57));
+            checks = with_check(checks, expected.back());
+        }
+        ASSERT_EQ(num_taken(checks), expected.size());
+        ASSERT_EQ(is_full(checks), expected.size() == NUM_LANES);
+
+        const std::uint64_t wanted = check_of(std::uint64_t{random() % 3} << 57);
+        std::set<unsigned int> found;
+        for (std::uint64_t lanes = lanes_with(checks, wanted); lanes != 0;
+             lanes = without_first_lane(lanes))
+            found.insert(first_lane(lanes));
+        for (unsigned int lane = 0; lane < expected.size(); ++lane)
+            ASSERT_TRUE(expected[lane] != wanted || found.count(lane) == 1);
+        const bool is_there = std::count(expected.begin(), expected.end(), wanted) != 0;
+        ASSERT_EQ(found.empty(), !is_there);
+        ASSERT_TRUE(found.empty() || *found.rbegin() < expected.size()) << "a free lane";
     }
 }
 

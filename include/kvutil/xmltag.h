@@ -11,8 +11,9 @@
 namespace Kvl {
 
 namespace XmlTagImpl {
+class IdToTagMap;
 struct tag_access_t;
-}
+}  // namespace XmlTagImpl
 
 /// A qualified XML name, namespace and local name, with a numeric identity of the whole process.
 ///
@@ -139,8 +140,11 @@ public:
     /// @throws StateException       PLXSV0653E: `id` is one of the fixed numbers that no tag has
     static const XmlTag* lookup(Id id)
     {
-        const XmlTag* const wk = id >= 0 && id < NUM_WK_IDS ? lookup_table[id] : nullptr;
-        return wk != nullptr ? wk : lookup_run_time(id);
+        const auto index = static_cast<unsigned int>(id);
+        constexpr auto first = static_cast<unsigned int>(NUM_WK_IDS);
+        const XmlTag* const tag =
+            index < first ? lookup_table[index] : find_run_time(index - first);
+        return tag != nullptr ? tag : reject(id);
     }
 
     /// The tag with a name, registered now when it is new.
@@ -202,12 +206,28 @@ public:
     /// @}
 
 private:
+    friend class XmlTagImpl::IdToTagMap;
     friend struct XmlTagImpl::tag_access_t;
     XmlTag(Namespace* ns, const char16_t* simple_name, int length_units, Id id) noexcept;
-    static const XmlTag* lookup_run_time(Id id);
+
+    /// The run-time tag with Id NUM_WK_IDS + `index`, or null. Takes no lock.
+    static const XmlTag* find_run_time(unsigned int index)
+    {
+        if (index >= num_run_time_tags.load(std::memory_order_acquire))
+            return nullptr;
+        const void* const chunk =
+            run_time_chunks.load(std::memory_order_relaxed)[index / CHUNK_SIZE];
+        return static_cast<const XmlTag* const*>(chunk)[index % CHUNK_SIZE];
+    }
+    [[noreturn]] static const XmlTag* reject(Id id);
 
     // The well-known tags by Id; null where an Id is not assigned. Constant after load.
     static const XmlTag* lookup_table[NUM_WK_IDS];
+
+    // The run-time tags for readers without the lock: so many are complete, in these chunks.
+    static constexpr unsigned int CHUNK_SIZE = 128;
+    static std::atomic<unsigned int> num_run_time_tags;
+    static std::atomic<const void* const*> run_time_chunks;
 
     Namespace* ns_;
     UString simple_name_;
@@ -247,10 +267,9 @@ private:
     void append_chunk();
     void grow_directory();
 
-    static constexpr unsigned int CHUNK_SIZE = 128;
     // The chunks. A directory that has become too small is kept, for threads that are reading it;
     // the place before a directory's first chunk refers to the one before it.
-    std::atomic<void**> directory_{nullptr};
+    void** directory_ = nullptr;
     unsigned int capacity_chunks_ = 0;
     unsigned int num_chunks_ = 0;
 };

@@ -4,6 +4,7 @@
 #include "search_impl.h"
 #include "storage_impl.h"
 #include "units_impl.h"
+#include "units_order_impl.h"
 #include "utf8_impl.h"
 
 #include <unicode/uchar.h>
@@ -289,7 +290,9 @@ int UString::compare(const unsigned short* s) const noexcept
 
 int UString::compare(const UString& s) const noexcept
 {
-    return icu::UnicodeString::compare(s);
+    if (isBogus() || s.isBogus())
+        return icu::UnicodeString::compare(s);
+    return order_of_units(view(*this), view(s));
 }
 
 int UString::compare(unsigned int pos, unsigned int n, const UString& s) const noexcept

@@ -17,6 +17,8 @@ namespace Kvl {
 
 constinit XmlTag::Namespace* XmlTag::g_namespace_array[21] = {};
 constinit const XmlTag* XmlTag::lookup_table[XmlTag::NUM_WK_IDS] = {};
+constinit std::atomic<unsigned int> XmlTag::num_run_time_tags{0};
+constinit std::atomic<const void* const*> XmlTag::run_time_chunks{nullptr};
 constinit XmlTag::Id XmlTag::g_num_defined_tags = XmlTag::NUM_WK_IDS;
 constinit std::vector<XmlTag::Namespace*>* XmlTag::g_sorted_namespace_vector = nullptr;
 constinit std::vector<XmlTag::Namespace*>* XmlTag::g_nsid_to_namespace_map = nullptr;
@@ -48,25 +50,54 @@ typedef XmlTag::Namespace Namespace;
 
 // ---- What threads read without the lock. Every write happens with the lock held.
 
-struct tag_traits_t {
-    static std::uint32_t scope(const XmlTag& tag)
+/// What a look-up reads: the scope of a name (its namespace's number; 0 for a URI), its length and,
+/// directly behind, its units. The object that has the name comes next, so that finding it does not
+/// even touch it.
+struct record_t {
+    std::uint32_t scope;
+    std::uint32_t length;
+
+    const char16_t* units() const noexcept { return reinterpret_cast<const char16_t*>(this + 1); }
+};
+
+/// The size of a record with its units and a terminator.
+constexpr std::size_t record_size(std::size_t length)
+{
+    const std::size_t size = sizeof(record_t) + (length + 1) * sizeof(char16_t);
+    return (size + alignof(void*) - 1) / alignof(void*) * alignof(void*);
+}
+
+template <class T>
+T* object_of(const record_t* record) noexcept
+{
+    if (record == nullptr)
+        return nullptr;
+    const auto place = reinterpret_cast<std::uintptr_t>(record) + record_size(record->length);
+    return reinterpret_cast<T*>(place);
+}
+
+/// A namespace and the string that its `uri` refers to.
+struct runtime_namespace_t {
+    runtime_namespace_t(UString&& own_uri, XmlTag::NsId id)
+        : uri(std::move(own_uri)), ns(uri, id, false, false)
     {
-        return static_cast<std::uint32_t>(tag_access_t::ns(tag)->id);
     }
-    static std::u16string_view name(const XmlTag& tag) { return view_of(tag.simple_name()); }
+    UString uri;
+    Namespace ns;
 };
 
-struct namespace_traits_t {
-    static std::uint32_t scope(const Namespace&) { return 0; }
-    static std::u16string_view name(const Namespace& ns) { return view_of(ns.uri); }
+struct record_traits_t {
+    static std::uint32_t scope(const record_t& record) { return record.scope; }
+    static std::u16string_view name(const record_t& record)
+    {
+        return {record.units(), record.length};
+    }
 };
 
-constinit XmlTagImpl::name_index_t<const XmlTag, tag_traits_t> tags_by_name;
-constinit XmlTagImpl::name_index_t<Namespace, namespace_traits_t> namespaces_by_uri;
+typedef XmlTagImpl::name_index_t<const record_t, record_traits_t> index_t;
+constinit index_t tags_by_name;
+constinit index_t namespaces_by_uri;
 constinit XmlTagImpl::parted_list_t<Namespace*> namespaces_by_nsid;
-
-/// g_num_defined_tags for readers without the lock: an Id below it has its entry.
-constinit std::atomic<XmlTag::Id> num_published_tags{XmlTag::NUM_WK_IDS};
 
 bool is_well_known(XmlTag::NsId nsid)
 {
@@ -85,17 +116,19 @@ Namespace* find_namespace(XmlTag::NsId nsid)
 
 Namespace* find_namespace(std::u16string_view uri)
 {
-    Namespace* const wk = XmlTagImpl::find_well_known_namespace(uri);
-    return wk != nullptr ? wk : namespaces_by_uri.find(0, uri);
+    if (Namespace* const wk = XmlTagImpl::find_well_known_namespace(uri))
+        return wk;
+    auto* const created = object_of<runtime_namespace_t>(namespaces_by_uri.find(0, uri));
+    return created != nullptr ? &created->ns : nullptr;
 }
 
 /// The tag with a name, or null, also when there is no such namespace.
-const XmlTag* find_tag(XmlTag::NsId nsid, std::u16string_view name)
+[[gnu::always_inline]] inline const XmlTag* find_tag(XmlTag::NsId nsid, std::u16string_view name)
 {
     if (is_well_known(nsid))
         if (const XmlTag* const wk = XmlTagImpl::find_well_known(nsid, name.data(), name.size()))
             return wk;
-    return tags_by_name.find(static_cast<std::uint32_t>(nsid), name);
+    return object_of<const XmlTag>(tags_by_name.find(static_cast<std::uint32_t>(nsid), name));
 }
 
 // ---- Registration: everything that can fail comes before the first change
@@ -126,36 +159,42 @@ private:
 };
 constinit arena_t arena KVUTIL_GUARDED_BY(dynamic_tags_lock);
 
-/// Memory for a T and, behind it, for a copy of a text that T's own strings then alias, so that
+/// A record of a text, and memory for a T behind it whose own strings then alias that text, so that
 /// c_str() of them never writes.
 template <class T>
 class memory_with_text_t {
     static_assert(alignof(T) == alignof(void*), "the arena gives no other");
 
 public:
-    explicit memory_with_text_t(std::u16string_view text) KVUTIL_REQUIRES(dynamic_tags_lock)
-        : size_((sizeof(T) + (text.size() + 1) * sizeof(char16_t) + alignof(T) - 1) / alignof(T) *
-                alignof(T)),
-          memory_(arena.take(size_)), length_(text.size())
+    memory_with_text_t(std::uint32_t scope, std::u16string_view text)
+        KVUTIL_REQUIRES(dynamic_tags_lock)
+        : record_(reinterpret_cast<record_t*>(arena.take(size(text.size()))))
     {
-        char16_t* const copy = ::new (memory_ + sizeof(T)) char16_t[length_ + 1];
+        ::new (record_) record_t{scope, static_cast<std::uint32_t>(text.size())};
+        char16_t* const copy = ::new (record_ + 1) char16_t[text.size() + 1];
         std::copy(text.begin(), text.end(), copy);
-        copy[length_] = 0;
-        units_ = copy;
+        copy[text.size()] = 0;
     }
-    T* object() const noexcept { return reinterpret_cast<T*>(memory_); }
-    std::u16string_view text() const noexcept { return {units_, length_}; }
+    T* object() const noexcept { return object_of<T>(record_); }
+    const record_t* record() const noexcept { return record_; }
+    std::u16string_view text() const noexcept { return record_traits_t::name(*record_); }
     UString alias() const noexcept
     {
-        return constant_text_t::make(units_, static_cast<int>(length_));
+        return constant_text_t::make(record_->units(), static_cast<int>(record_->length));
     }
-    void keep() noexcept KVUTIL_REQUIRES(dynamic_tags_lock) { arena.keep(size_); }
+    /// The text to sort by: a short one inside the string itself, so that who compares it needs not
+    /// go elsewhere. It is not terminated yet, but has room for that.
+    UString key() const
+    {
+        constexpr std::size_t ROOM_INSIDE = 26;
+        return text().size() <= ROOM_INSIDE ? owned_text_t::make(text()) : alias();
+    }
+    void keep() noexcept KVUTIL_REQUIRES(dynamic_tags_lock) { arena.keep(size(record_->length)); }
 
 private:
-    std::size_t size_;
-    std::byte* memory_;
-    std::size_t length_;
-    const char16_t* units_ = nullptr;
+    static std::size_t size(std::size_t length) { return record_size(length) + sizeof(T); }
+
+    record_t* record_;
 };
 
 /// Registers a name that `ns` does not have. The lock is held.
@@ -165,30 +204,21 @@ const XmlTag* register_tag(Namespace& ns, std::u16string_view name)
     const XmlTag::Id id = XmlTag::g_num_defined_tags;
     if (id == INT_MAX)
         throw std::bad_alloc();
-    memory_with_text_t<XmlTag> memory(name);
+    memory_with_text_t<XmlTag> memory(static_cast<std::uint32_t>(ns.id), name);
     const XmlTag*& entry = all_dynamic_tags[id];
     tags_by_name.make_room();
     // Names often come in order; the hint then saves the search and otherwise costs one comparison.
-    ns.tags.emplace_hint(ns.tags.end(), memory.alias(), memory.object());
+    const auto in_order = ns.tags.emplace_hint(ns.tags.end(), memory.key(), memory.object());
+    in_order->first.c_str();
     const XmlTag* const tag = tag_access_t::construct(memory.object(), &ns, memory.text(), id);
     memory.keep();
     entry = tag;
     XmlTag::g_num_defined_tags = id + 1;
     // The Id before the name: who finds the tag by name may ask for its Id at once.
-    num_published_tags.store(id + 1, std::memory_order_release);
-    tags_by_name.add(tag);
+    tag_access_t::publish_last(all_dynamic_tags);
+    tags_by_name.add(memory.record());
     return tag;
 }
-
-/// A namespace and the string that its `uri` refers to.
-struct runtime_namespace_t {
-    runtime_namespace_t(UString&& own_uri, XmlTag::NsId id)
-        : uri(std::move(own_uri)), ns(uri, id, false, false)
-    {
-    }
-    UString uri;
-    Namespace ns;
-};
 
 void make_room(std::vector<Namespace*>& list)
 {
@@ -202,7 +232,7 @@ Namespace* create_namespace(std::u16string_view uri) KVUTIL_REQUIRES(dynamic_tag
     std::vector<Namespace*>& sorted = *XmlTag::g_sorted_namespace_vector;
     if (sorted.size() == INT_MAX)
         throw std::bad_alloc();
-    memory_with_text_t<runtime_namespace_t> memory(uri);
+    memory_with_text_t<runtime_namespace_t> memory(0, uri);
     make_room(sorted);
     make_room(*XmlTag::g_nsid_to_namespace_map);
     namespaces_by_nsid.make_room();
@@ -216,7 +246,7 @@ Namespace* create_namespace(std::u16string_view uri) KVUTIL_REQUIRES(dynamic_tag
         std::lower_bound(sorted.begin(), sorted.end(), ns->uri, XmlTag::CompareNamespacePtr()), ns);
     // The number before the URI, as with tags.
     namespaces_by_nsid.push_back(ns);
-    namespaces_by_uri.add(ns);
+    namespaces_by_uri.add(memory.record());
     return ns;
 }
 
@@ -283,6 +313,7 @@ XmlTag::XmlTag(NsId nsid, const unsigned short* name, Id id)
     if (nsid != -1 && !simple_name_.empty()) {
         ns_ = g_namespace_array[nsid];
         ns_->wk_tags.push_back(this);
+        XmlTagImpl::tags_were_added = true;
     }
     lookup_table[id] = this;
 }
@@ -342,11 +373,8 @@ UString XmlTag::format(Format f, Id id, const UString& prefix)
     return lookup(id)->format(f, prefix);
 }
 
-// Everything but the tags of lookup_table, which the header looks up in line.
-const XmlTag* XmlTag::lookup_run_time(Id id)
+const XmlTag* XmlTag::reject(Id id)
 {
-    if (id >= NUM_WK_IDS && id < num_published_tags.load(std::memory_order_acquire))
-        return tag_access_t::entry(all_dynamic_tags, id);
     if (id < 0 || id >= NUM_WK_IDS)
         throw_illegal_arg(MSG_ILLEGAL_TAG_ID);
     throw_internal_error("XmlTag::lookup", "502");
@@ -483,7 +511,7 @@ bool CompareXmlTagSimpleName::operator()(const UString& name, const XmlTag* b) c
 
 IdToTagMap::~IdToTagMap()
 {
-    void** directory = directory_.load(std::memory_order_relaxed);
+    void** directory = directory_;
     for (unsigned int i = 0; i < num_chunks_; ++i)
         delete[] static_cast<const XmlTag**>(directory[i]);
     while (directory != nullptr) {
@@ -498,29 +526,27 @@ const XmlTag*& IdToTagMap::operator[](XmlTag::Id id)
     if (id < XmlTag::NUM_WK_IDS)
         throw_illegal_arg(MSG_ILLEGAL_TAG_ID);
     const auto index = static_cast<unsigned int>(id - XmlTag::NUM_WK_IDS);
-    if (index / CHUNK_SIZE >= num_chunks_)
+    if (index / XmlTag::CHUNK_SIZE >= num_chunks_)
         append_chunk();
-    void* const chunk =
-        directory_.load(std::memory_order_relaxed)[std::min(index / CHUNK_SIZE, num_chunks_ - 1)];
-    return static_cast<const XmlTag**>(chunk)[index % CHUNK_SIZE];
+    void* const chunk = directory_[std::min(index / XmlTag::CHUNK_SIZE, num_chunks_ - 1)];
+    return static_cast<const XmlTag**>(chunk)[index % XmlTag::CHUNK_SIZE];
 }
 
 void IdToTagMap::append_chunk()
 {
     if (num_chunks_ == capacity_chunks_)
         grow_directory();
-    directory_.load(std::memory_order_relaxed)[num_chunks_] = new const XmlTag*[CHUNK_SIZE]();
+    directory_[num_chunks_] = new const XmlTag*[XmlTag::CHUNK_SIZE]();
     ++num_chunks_;
 }
 
 void IdToTagMap::grow_directory()
 {
     const unsigned int capacity = capacity_chunks_ == 0 ? 64 : capacity_chunks_ * 2;
-    void** const old = directory_.load(std::memory_order_relaxed);
     void** const directory = new void*[std::size_t{1} + capacity]() + 1;
-    directory[-1] = old;
-    std::copy_n(old, num_chunks_, directory);
-    directory_.store(directory, std::memory_order_release);
+    directory[-1] = directory_;
+    std::copy_n(directory_, num_chunks_, directory);
+    directory_ = directory;
     capacity_chunks_ = capacity;
 }
 

@@ -20,6 +20,9 @@ namespace XmlTagImpl {
 /// @param name  `length` units
 const XmlTag* find_well_known(XmlTag::NsId nsid, const char16_t* name, std::size_t length) noexcept;
 
+/// Whether a program has registered well-known tags of its own. Set while libraries are loaded.
+extern bool tags_were_added;
+
 /// The well-known namespace with a URI, or null. Takes no lock, allocates nothing. Never throws.
 XmlTag::Namespace* find_well_known_namespace(std::u16string_view uri) noexcept;
 
@@ -117,13 +120,11 @@ struct tag_access_t {
     static const XmlTag* well_known(XmlTag::Id id) noexcept { return XmlTag::lookup_table[id]; }
     static void set_well_known(const XmlTag& tag) noexcept { XmlTag::lookup_table[tag.id_] = &tag; }
 
-    /// The entry of an Id, which operator[] has given out before; without the lock.
-    static const XmlTag* entry(const IdToTagMap& map, XmlTag::Id id) noexcept
+    /// Lets readers without the lock find one tag more, the last one of `map`.
+    static void publish_last(const IdToTagMap& map) noexcept
     {
-        const auto index = static_cast<unsigned int>(id - XmlTag::NUM_WK_IDS);
-        void* const chunk =
-            map.directory_.load(std::memory_order_acquire)[index / IdToTagMap::CHUNK_SIZE];
-        return static_cast<const XmlTag* const*>(chunk)[index % IdToTagMap::CHUNK_SIZE];
+        XmlTag::run_time_chunks.store(map.directory_, std::memory_order_relaxed);
+        XmlTag::num_run_time_tags.fetch_add(1, std::memory_order_release);
     }
 };
 

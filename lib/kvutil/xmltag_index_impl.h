@@ -2,6 +2,7 @@
 #define KVUTIL_XMLTAG_INDEX_IMPL_H
 
 #include "xmltag_hash_impl.h"
+#include "xmltag_lanes_impl.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -17,9 +18,10 @@ namespace XmlTagImpl {
 
 /// Finds entries by scope and name without a lock, while one thread at a time adds more.
 ///
-/// A hash table with linear probing, at most two thirds full. Entries are never removed, and a
-/// table that has become too small is kept: a reader may still be in it. All tables together take
-/// less than twice the memory of the last one.
+/// A hash table of buckets of seven entries, each a cache line; what a full bucket has no place for
+/// stands in the next one that has. On average at most five places of a bucket are taken. Entries
+/// are never removed, and a table that has become too small is kept: a reader may still be in it.
+/// All tables together take less than twice the memory of the last one.
 ///
 /// Traits gives `scope(entry)` and `name(entry)` of the entries.
 template <class Entry, class Traits>
@@ -37,9 +39,17 @@ public:
             return nullptr;
         const std::uint64_t hash = hash_of(key_, scope, name);
         for (std::size_t i = hash & table->mask;; i = (i + 1) & table->mask) {
-            Entry* const entry = table->slots[i].entry.load(std::memory_order_acquire);
-            if (entry == nullptr || (table->slots[i].hash == hash && is(*entry, scope, name)))
-                return entry;
+            const bucket_t& bucket = table->buckets[i];
+            const std::uint64_t checks = bucket.checks.load(std::memory_order_acquire);
+            std::uint64_t lanes = lanes_with(checks, check_of(hash));
+            for (; lanes != 0; lanes = without_first_lane(lanes)) {
+                Entry* const entry =
+                    bucket.entries[first_lane(lanes)].load(std::memory_order_relaxed);
+                if (is(*entry, scope, name))
+                    return entry;
+            }
+            if (!is_full(checks))
+                return nullptr;
         }
     }
 
@@ -50,7 +60,7 @@ public:
         const table_t* const old = table_.load(std::memory_order_relaxed);
         if (old == nullptr)
             key_ = random_key();
-        if (old == nullptr || (size_ + 1) * 3 > (old->mask + 1) * 2)
+        if (old == nullptr || size_ >= (old->mask + 1) * 5)
             table_.store(grown(old), std::memory_order_release);
     }
 
@@ -58,52 +68,62 @@ public:
     /// is a place.
     void add(Entry* entry) noexcept
     {
-        const std::uint64_t hash = hash_of(key_, Traits::scope(*entry), Traits::name(*entry));
-        put(*table_.load(std::memory_order_relaxed), hash, entry);
+        put(*table_.load(std::memory_order_relaxed), entry);
         ++size_;
     }
 
 private:
-    struct slot_t {
-        std::atomic<Entry*> entry{nullptr};
-        std::uint64_t hash = 0;  // written before `entry`, so read only after it
+    struct alignas(64) bucket_t {
+        std::atomic<std::uint64_t> checks{0};  // written after the entry that a new check is of
+        std::atomic<Entry*> entries[NUM_LANES]{};
     };
 
     struct table_t {
-        explicit table_t(std::size_t capacity)
-            : slots(std::make_unique<slot_t[]>(capacity)), mask(capacity - 1)
+        explicit table_t(std::size_t num_buckets)
+            : memory(std::make_unique<std::byte[]>((num_buckets + 1) * sizeof(bucket_t))),
+              mask(num_buckets - 1)
         {
+            void* place = memory.get();
+            std::size_t size = (num_buckets + 1) * sizeof(bucket_t);
+            std::align(alignof(bucket_t), num_buckets * sizeof(bucket_t), place, size);
+            buckets = static_cast<bucket_t*>(place);
+            std::uninitialized_value_construct_n(buckets, num_buckets);
         }
-        std::unique_ptr<slot_t[]> slots;
+        std::unique_ptr<std::byte[]> memory;
+        bucket_t* buckets;
         std::size_t mask;
         const table_t* previous = nullptr;  // keeps the old table reachable
     };
 
-    static constexpr std::size_t FIRST_CAPACITY = 64;
+    static constexpr std::size_t FIRST_NUM_BUCKETS = 16;
 
     static bool is(const Entry& entry, std::uint32_t scope, std::u16string_view name)
     {
         return Traits::scope(entry) == scope && equal_units(Traits::name(entry), name);
     }
 
-    static table_t* grown(const table_t* old)
+    table_t* grown(const table_t* old) const
     {
         auto table =
-            std::make_unique<table_t>(old == nullptr ? FIRST_CAPACITY : (old->mask + 1) * 2);
+            std::make_unique<table_t>(old == nullptr ? FIRST_NUM_BUCKETS : (old->mask + 1) * 2);
         for (std::size_t i = 0; old != nullptr && i <= old->mask; ++i)
-            if (Entry* const entry = old->slots[i].entry.load(std::memory_order_relaxed))
-                put(*table, old->slots[i].hash, entry);
+            for (const std::atomic<Entry*>& entry : old->buckets[i].entries)
+                if (Entry* const known = entry.load(std::memory_order_relaxed))
+                    put(*table, known);
         table->previous = old;
         return table.release();
     }
 
-    static void put(table_t& table, std::uint64_t hash, Entry* entry) noexcept
+    void put(table_t& table, Entry* entry) const noexcept
     {
+        const std::uint64_t hash = hash_of(key_, Traits::scope(*entry), Traits::name(*entry));
         std::size_t i = hash & table.mask;
-        while (table.slots[i].entry.load(std::memory_order_relaxed) != nullptr)
+        while (is_full(table.buckets[i].checks.load(std::memory_order_relaxed)))
             i = (i + 1) & table.mask;
-        table.slots[i].hash = hash;
-        table.slots[i].entry.store(entry, std::memory_order_release);
+        bucket_t& bucket = table.buckets[i];
+        const std::uint64_t checks = bucket.checks.load(std::memory_order_relaxed);
+        bucket.entries[num_taken(checks)].store(entry, std::memory_order_relaxed);
+        bucket.checks.store(with_check(checks, check_of(hash)), std::memory_order_release);
     }
 
     static hash_key_t random_key() noexcept

@@ -2,6 +2,7 @@
 #include "ustring_impl.h"
 #include "xmltag_hash_impl.h"
 #include "xmltag_impl.h"
+#include "xmltag_lanes_impl.h"
 
 #include <algorithm>
 #include <array>
@@ -151,17 +152,6 @@ static_assert(std::ranges::adjacent_find(SORTED_ROWS, std::not_fn(by_namespace_a
 
 // ---- Names to rows, hashed at compile time
 
-constexpr std::size_t NUM_SLOTS = 4096;  // few enough are taken that most misses end at once
-
-/// Everything that a look-up needs of a row, so that it need not go there.
-struct slot_t {
-    std::uint16_t row_plus_1;  // 0 = free
-    std::uint16_t check;       // other bits of the hash than those that chose the slot
-    std::uint16_t offset;
-    std::int8_t nsid;
-    std::uint8_t length;
-};
-
 /// The rows never change, so it is enough to look at the ends and the middle of a name and at its
 /// length: whatever the length, the same few steps.
 constexpr std::uint64_t hash_of_name(XmlTag::NsId nsid, std::u16string_view name)
@@ -177,51 +167,52 @@ constexpr std::uint64_t hash_of_name(XmlTag::NsId nsid, std::u16string_view name
            fold_multiply(four_units(text + length / 2 - 2) ^ 0x4F2E6B6A3C1D9E37u, context ^ ODD);
 }
 
-constexpr auto check_of(std::uint64_t hash)
-{
-    return static_cast<std::uint16_t>(hash >> 48);
-}
+constexpr std::size_t NUM_BUCKETS = 1024;  // so that none overflows
 
-struct slots_t {
-    std::array<slot_t, NUM_SLOTS> slots;
-    std::size_t longest_search;
+struct bucket_t {
+    std::uint64_t checks;
+    std::uint16_t rows[XmlTagImpl::NUM_LANES];
 };
 
-constexpr slots_t SLOTS = [] {
-    slots_t result{};
+constexpr std::size_t bucket_of(std::uint64_t hash)
+{
+    return hash % NUM_BUCKETS;
+}
+
+constexpr auto BUCKETS = [] {
+    using namespace XmlTagImpl;
+    std::array<bucket_t, NUM_BUCKETS> buckets{};
     for (const std::uint16_t i : SORTED_ROWS) {
         const std::uint64_t hash = hash_of_name(ROWS[i].nsid, name_of(ROWS[i]));
-        std::size_t steps = 0;
-        while (result.slots[(hash + steps) % NUM_SLOTS].row_plus_1 != 0)
-            ++steps;
-        result.slots[(hash + steps) % NUM_SLOTS] = {static_cast<std::uint16_t>(i + 1),
-                                                    check_of(hash), ROWS[i].offset, ROWS[i].nsid,
-                                                    ROWS[i].length};
-        result.longest_search = std::max(result.longest_search, steps);
+        bucket_t& bucket = buckets[bucket_of(hash)];
+        bucket.rows[num_taken(bucket.checks)] = i;
+        bucket.checks = with_check(bucket.checks, check_of(hash));
     }
-    return result;
+    return buckets;
 }();
-static_assert(SLOTS.longest_search < 8, "the names are spread");
 
 const XmlTag* find_row(XmlTag::NsId nsid, std::u16string_view name)
 {
+    using namespace XmlTagImpl;
     const std::uint64_t hash = hash_of_name(nsid, name);
-    for (std::size_t at = hash % NUM_SLOTS;; at = (at + 1) % NUM_SLOTS) {
-        const slot_t& slot = SLOTS.slots[at];
-        if (slot.row_plus_1 == 0)
-            return nullptr;
-        if (slot.check == check_of(hash) && slot.nsid == nsid && slot.length == name.size() &&
-            XmlTagImpl::equal_units(NAMES + slot.offset, name.data(), name.size()))
-            return &g_storage.tags.value[slot.row_plus_1 - 1u];
+    const bucket_t& bucket = BUCKETS[bucket_of(hash)];
+    std::uint64_t lanes = lanes_with(bucket.checks, check_of(hash));
+    for (; lanes != 0; lanes = without_first_lane(lanes)) {
+        const std::size_t i = bucket.rows[first_lane(lanes)];
+        if (ROWS[i].nsid == nsid && equal_units(name_of(ROWS[i]), name))
+            return &g_storage.tags.value[i];
     }
+    return nullptr;
 }
 
 /// Tags that a program has added at load with create() stand in the sorted list only.
-const XmlTag* find_added(const std::vector<const XmlTag*>& wk_tags, std::u16string_view name)
+[[gnu::noinline]] const XmlTag* find_added(const XmlTag::Namespace& ns, std::u16string_view name)
 {
     const auto name_of_tag = [](const XmlTag* tag) { return view_of(tag->simple_name()); };
-    const auto found = std::ranges::lower_bound(wk_tags, name, {}, name_of_tag);
-    return found != wk_tags.end() && name_of_tag(*found) == name ? *found : nullptr;
+    const auto found = std::ranges::lower_bound(ns.wk_tags, name, {}, name_of_tag);
+    if (!ns.has_wk_tags || found == ns.wk_tags.end() || name_of_tag(*found) != name)
+        return nullptr;
+    return *found;
 }
 
 // ---- URIs to namespaces: few enough to be told apart by the path's length and text
@@ -292,6 +283,8 @@ void fill_wk_tags_of_namespaces()
 
 namespace XmlTagImpl {
 
+constinit bool tags_were_added = false;
+
 constinit const wk_namespace_t (&wk_namespaces_array)[XmlTag::NUM_WK_NAMESPACES] =
     g_storage.wk_namespaces.value;
 
@@ -299,11 +292,7 @@ const XmlTag* find_well_known(XmlTag::NsId nsid, const char16_t* name, std::size
 {
     if (const XmlTag* const tag = find_row(nsid, {name, length}))
         return tag;
-    const auto i = static_cast<std::size_t>(nsid);
-    const XmlTag::Namespace& ns = g_storage.namespaces.value[i];
-    if (!ns.has_wk_tags || ns.wk_tags.size() == NUM_TAGS_OF_NAMESPACE[i])
-        return nullptr;
-    return find_added(ns.wk_tags, {name, length});
+    return tags_were_added ? find_added(*XmlTag::g_namespace_array[nsid], {name, length}) : nullptr;
 }
 
 XmlTag::Namespace* find_well_known_namespace(std::u16string_view uri) noexcept
