@@ -2,6 +2,7 @@
 // instructions of this machine, and without.
 #include "latin1_impl.h"
 #include "search_impl.h"
+#include "storage_impl.h"
 #include "utf8_impl.h"
 
 #include <gtest/gtest.h>
@@ -325,6 +326,11 @@ icu::UnicodeString plain(const std::u16string& text)
 }
 
 // All texts of up to seven units over an alphabet with both halves of a pair.
+TEST(Storage, KnowsWhatFitsIntoATextObject)
+{
+    EXPECT_EQ(static_cast<std::size_t>(icu::UnicodeString().getCapacity()), INLINE_UNITS);
+}
+
 TEST(Search, AgreesWithIcu)
 {
     const std::u16string alphabet = u"ab\xD83D\xDE00";

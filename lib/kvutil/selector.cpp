@@ -23,18 +23,22 @@ using text_view_t = std::u16string_view;
 // Nothing here edits a text in place: replacing within a text takes time that grows with the
 // square of its length. Each text is measured first and then written once, into its own units.
 
+/// Most names fit into the text object itself, which spares ICU a call.
+template <class Write>
+UString text_of_few(Write write)
+{
+    UString text;
+    char16_t* const units = writable(text);
+    set_length(text, static_cast<std::size_t>(write(units) - units));
+    return text;
+}
+
 /// The text that `write` writes: at most `bound` units, from the place it is given up to the one it
 /// returns.
 template <class Write>
 UString text_of_at_most(std::uint64_t bound, Write write)
 {
-    UString text;
-    if (bound > text.capacity())
-        return owned_text_t::make_at_most(bound, write);
-    // Most names fit into the text object itself, which spares ICU's call.
-    char16_t* const units = writable(text);
-    set_length(text, static_cast<std::size_t>(write(units) - units));
-    return text;
+    return bound <= INLINE_UNITS ? text_of_few(write) : owned_text_t::make_at_most(bound, write);
 }
 
 UString to_text(text_view_t units)
@@ -131,49 +135,38 @@ private:
 
 constexpr XmlTag::NsId RESOURCE_TYPES = 16;  // "RES:"
 
-[[gnu::cold, gnu::noinline]] StateException rejection(const UString& text, text_view_t reason,
-                                                      text_view_t piece)
+/// What is wrong with a text: the reason, and the piece that it ends with. Nothing is wrong with an
+/// empty reason.
+struct objection_t {
+    text_view_t reason;
+    text_view_t piece;
+
+    explicit operator bool() const { return !reason.empty(); }
+};
+
+constexpr objection_t NO_OBJECTION{};
+
+/// Reads the pieces that follow the domain and the namespace.
+objection_t read_rest_of_namespace_field(auto& pieces, fields_t& fields)
 {
-    const UString detail = composed([&](auto& sink) {
-        sink.put(reason);
-        sink.put(piece);
-    });
-    return failure<StateException>(MSG_SELECTOR_NOT_VALID, text, detail);
+    text_view_t piece;
+    if (!pieces.next(piece))
+        return NO_OBJECTION;
+    if (fields.ns == Selector::NS_REPO) {
+        // The name is looked up without registering it, so that a text from a client cannot grow
+        // the registry. A name registered at run time is no resource type either way.
+        const XmlTag* const tag =
+            XmlTagImpl::find_well_known(RESOURCE_TYPES, piece.data(), piece.size());
+        if (tag == nullptr)
+            return {u"unknown resource type: ", piece};
+        fields.resource_type = tag->id();
+        if (!pieces.next(piece))
+            return NO_OBJECTION;
+    }
+    return {u"extra segment before name and repository: ", piece};
 }
 
-[[noreturn]] void reject(const UString& text, text_view_t reason, text_view_t piece = {})
-{
-    throw rejection(text, reason, piece);
-}
-
-Selector::provider_domain_t read_domain(const UString& text, text_view_t piece)
-{
-    const auto* const domain = find_domain(piece);
-    if (domain == nullptr)
-        reject(text, u"unknown provider domain: ", piece);
-    return *domain;
-}
-
-Selector::namespace_t read_namespace(const UString& text, text_view_t piece)
-{
-    const auto* const ns = find_namespace(piece);
-    if (ns == nullptr)
-        reject(text, u"unknown namespace: ", piece);
-    return *ns;
-}
-
-// The name is looked up without registering it, so that a text from a client cannot grow the
-// registry. A name registered at run time is no resource type either way.
-XmlTag::Id read_resource_type(const UString& text, text_view_t piece)
-{
-    const XmlTag* const tag =
-        XmlTagImpl::find_well_known(RESOURCE_TYPES, piece.data(), piece.size());
-    if (tag == nullptr)
-        reject(text, u"unknown resource type: ", piece);
-    return tag->id();
-}
-
-void read_namespace_field(const UString& text, text_view_t field, fields_t& fields)
+objection_t read_namespace_field(text_view_t field, fields_t& fields)
 {
     const auto find_dot = [field](std::size_t from) {
         return find_unit(field, DOMAIN_FIELD_UNIT, from);
@@ -181,19 +174,18 @@ void read_namespace_field(const UString& text, text_view_t field, fields_t& fiel
     Pieces pieces(field, 1, find_dot);
     text_view_t piece;
     if (!pieces.next(piece))
-        return;
-    fields.domain = read_domain(text, piece);
+        return NO_OBJECTION;
+    const auto* const domain = find_domain(piece);
+    if (domain == nullptr)
+        return {u"unknown provider domain: ", piece};
+    fields.domain = *domain;
     if (!pieces.next(piece))
-        return;
-    fields.ns = read_namespace(text, piece);
-    if (!pieces.next(piece))
-        return;
-    if (fields.ns == Selector::NS_REPO) {
-        fields.resource_type = read_resource_type(text, piece);
-        if (!pieces.next(piece))
-            return;
-    }
-    reject(text, u"extra segment before name and repository: ", piece);
+        return NO_OBJECTION;
+    const auto* const ns = find_namespace(piece);
+    if (ns == nullptr)
+        return {u"unknown namespace: ", piece};
+    fields.ns = *ns;
+    return read_rest_of_namespace_field(pieces, fields);
 }
 
 bool has_no_name(Selector::namespace_t ns)
@@ -207,34 +199,55 @@ bool is_repository_type(XmlTag::Id id)
 }
 
 // The first '@' ends the name even after a '%'. Deliberate: the name is never decoded here.
-void read_name_and_repository(const UString& text, text_view_t rest, fields_t& fields)
+objection_t read_name_and_repository(text_view_t rest, fields_t& fields)
 {
     const std::size_t at = find_unit(rest, REPO_FIELD_UNIT);
     if (at == text_view_t::npos)
-        reject(text, u"missing repository seperator: \"@\"");  // [sic]
+        return {u"missing repository seperator: \"@\"", {}};  // [sic]
     if (at == 0 && !is_repository_type(fields.resource_type))
-        reject(text, u"no name for non-repository resource type");
+        return {u"no name for non-repository resource type", {}};
     fields.name = rest.substr(0, at);
     fields.repository = rest.substr(at + 1);
     if (fields.repository.empty())
-        reject(text, u"no repository segment");
+        return {u"no repository segment", {}};
+    return NO_OBJECTION;
 }
 
-fields_t parse(const UString& text)
+/// Reads the fields up to the first objection.
+objection_t parse(text_view_t text, fields_t& fields) noexcept
 {
-    const text_view_t units = view_of(text);
-    fields_t fields;
-    const std::size_t colon = find_unit(units, NAMESPACE_FIELD_UNIT);
+    const std::size_t colon = find_unit(text, NAMESPACE_FIELD_UNIT);
     if (colon == text_view_t::npos)
-        reject(text, u"missing namespace seperator: \":\"");  // [sic]
-    read_namespace_field(text, units.substr(0, colon), fields);
-    const text_view_t rest = units.substr(colon + 1);
+        return {u"missing namespace seperator: \":\"", {}};  // [sic]
+    if (const objection_t objection = read_namespace_field(text.substr(0, colon), fields))
+        return objection;
+    const text_view_t rest = text.substr(colon + 1);
     if (rest.empty())
-        reject(text, u"no name or repository segments");
-    if (has_no_name(fields.ns))
-        fields.repository = rest;
-    else
-        read_name_and_repository(text, rest, fields);
+        return {u"no name or repository segments", {}};
+    if (!has_no_name(fields.ns))
+        return read_name_and_repository(rest, fields);
+    fields.repository = rest;
+    return NO_OBJECTION;
+}
+
+[[gnu::cold, gnu::noinline]] StateException rejection(const UString& text,
+                                                      const objection_t& objection)
+{
+    const UString detail = composed([&](auto& sink) {
+        sink.put(objection.reason);
+        sink.put(objection.piece);
+    });
+    return failure<StateException>(MSG_SELECTOR_NOT_VALID, text, detail);
+}
+
+// A throw costs what it unwinds and searches, and clients send many a wrong text. So the checks
+// throw nothing: here is the one place that does, in line in the constructor, the only frame
+// between a rejection and the caller, with next to nothing in its tables.
+[[gnu::always_inline]] inline fields_t accepted(const UString& text)
+{
+    fields_t fields;
+    if (const objection_t objection = parse(view_of(text), fields)) [[unlikely]]
+        throw rejection(text, objection);
     return fields;
 }
 
@@ -339,12 +352,10 @@ char16_t* decode(const char16_t* in, const char16_t* end, char16_t* out)
         if (in == end)
             return out;
         const bool is_plain_escape = end - in > 1 && in[1] != ESCAPE_UNIT && is_delimiter(in[1]);
-        if (is_plain_escape) {  // nearly every one: nothing to count
-            *out++ = in[1];
-            in += 2;
-        } else {
+        if (is_plain_escape)  // nearly every one: nothing to count
+            ++in;
+        else
             out = decode_run(in, end, out);
-        }
     }
 }
 
@@ -368,9 +379,7 @@ std::vector<unsigned int> find_all(const UString& source, const UString& from)
 
 Selector::Selector() = default;
 
-// A throw costs what it unwinds, and clients send many a wrong text: so all checks stand in line
-// here, the only frame between a rejection and the caller.
-[[gnu::flatten]] Selector::Selector(const UString& text) : Selector(parse(text)) {}
+[[gnu::flatten]] Selector::Selector(const UString& text) : Selector(accepted(text)) {}
 
 Selector::Selector(const fields_t& fields)
     : ns_(fields.ns), domain_(fields.domain), resource_type_(fields.resource_type),

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <new>
@@ -32,6 +33,9 @@ template struct private_member_t<set_length_t, &icu::UnicodeString::setLength>;
 
 /// ICU's own limit of a capacity, of which it makes no constant.
 constexpr int MAX_CAPACITY = INT_MAX - 10;
+
+/// What fits into a text object itself, of which ICU makes no constant either.
+constexpr std::size_t INLINE_UNITS = (UNISTR_OBJECT_SIZE - sizeof(void*) - 2) / sizeof(char16_t);
 
 /// Whether the units may be written where they are: not shared, not read-only, not bogus or open.
 inline bool is_exclusive(const icu::UnicodeString& text)
