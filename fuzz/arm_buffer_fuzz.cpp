@@ -1,12 +1,14 @@
 // Sub-buffers of any contents, added in any order: what a run-time finds in the buffer is what a
 // plain model says, an operation is refused exactly when the model has no room, slot or name for
-// it, and a refusal changes nothing.
+// it, and neither a refusal nor memory that runs out changes anything.
 // The input is a letter for each operation, followed by a byte for each of its arguments.
 
 #include <kvutil/arm.h>
 #include <kvutil/stpexception.h>
 
 #include "../tests/support/arm_record.h"
+#include "allocation_fault.h"
+#include "input.h"
 #include "property.h"
 
 #include <algorithm>
@@ -21,17 +23,6 @@
 using namespace Kvl;
 
 namespace {
-
-class input_t {
-public:
-    input_t(const std::uint8_t* data, std::size_t size) : next_(data), end_(data + size) {}
-    bool is_empty() const { return next_ == end_; }
-    std::uint8_t byte() { return is_empty() ? std::uint8_t{0} : *next_++; }
-
-private:
-    const std::uint8_t* next_;
-    const std::uint8_t* end_;
-};
 
 /// Few enough that names come twice; of every length of UTF-8.
 std::string text_of(std::uint8_t byte)
@@ -115,7 +106,13 @@ public:
 
     void step(input_t& input)
     {
-        switch (input.byte()) {
+        fault_ = 0;
+        std::uint8_t letter = input.byte();
+        if (letter == '!') {
+            fault_ = fault_of(input);
+            letter = input.byte();
+        }
+        switch (letter) {
         case 'p':
             add_property(text_of(input.byte()), text_of(input.byte()));
             break;
@@ -123,8 +120,7 @@ public:
             add_name(text_of(input.byte()));
             break;
         case 'u':
-            model_.uri = text_of(input.byte());
-            identity_.set_uri(ustr(model_.uri));
+            set_uri(text_of(input.byte()));
             break;
         case 'c':
             begin_context();
@@ -161,6 +157,7 @@ public:
         case 'x':
             buffer_.clear();
             model_.lines.clear();
+            check();
             break;
         }
     }
@@ -175,18 +172,21 @@ public:
     }
 
 private:
-    /// @return  whether it was done; a refusal otherwise, as foretold
+    /// @return  whether it was done; otherwise it was refused, as foretold, or there was no memory
     template <class Operation>
-    static bool done(bool is_refused, Operation operation)
+    bool done(bool is_refused, Operation operation) const
     {
-        try {
-            operation();
-        } catch (const STPException& e) {
-            require(is_refused && e.stp_reason_code() == 40 && typeid(e) == typeid(STPException));
-            return false;
-        }
-        require(!is_refused);
-        return true;
+        bool is_done = false;
+        const bool is_answered = has_memory(fault_, [&] {
+            try {
+                operation();
+                is_done = true;
+            } catch (const STPException& e) {
+                require(e.stp_reason_code() == 40 && typeid(e) == typeid(STPException));
+            }
+        });
+        require(!is_answered || is_done != is_refused);
+        return is_done;
     }
 
     template <class Operation>
@@ -195,25 +195,38 @@ private:
         const bool is_added = done(model_.lines.size() == 4, operation);
         if (is_added)
             model_.lines.push_back(line);
+        check();
         return is_added;
     }
 
     void add_property(const std::string& name, const std::string& value)
     {
-        if (done(model_.is_identity_full(),
-                 [&] { identity_.add_identity_prop(ustr(name).c_str(), ustr(value).c_str()); }))
+        const UString name_text = ustr(name);
+        const UString value_text = ustr(value);
+        const unsigned short* const names = name_text.c_str();
+        const unsigned short* const values = value_text.c_str();
+        if (done(model_.is_identity_full(), [&] { identity_.add_identity_prop(names, values); }))
             model_.properties.push_back(quoted(name) + "=" + quoted(value));
     }
 
     void add_name(const std::string& name)
     {
-        if (done(model_.is_identity_full(), [&] { identity_.add_context_prop(ustr(name)); }))
+        const UString text = ustr(name);
+        if (done(model_.is_identity_full(), [&] { identity_.add_context_prop(text); }))
             model_.names.push_back(name);
+    }
+
+    void set_uri(const std::string& uri)
+    {
+        const UString text = ustr(uri);
+        if (done(false, [&] { identity_.set_uri(text); }))
+            model_.uri = uri;
     }
 
     void begin_context()
     {
-        context_ = ArmTransContextBuffer(identity_);
+        if (!done(false, [&] { context_ = ArmTransContextBuffer(identity_); }))
+            return;
         model_.context_names = model_.names;
         model_.context_values.clear();
     }
@@ -222,7 +235,9 @@ private:
     {
         const auto& names = model_.context_names;
         const bool is_unknown = std::find(names.begin(), names.end(), name) == names.end();
-        if (done(is_unknown, [&] { context_.add_ctx_prop(ustr(name), ustr(value)); }))
+        const UString name_text = ustr(name);
+        const UString value_text = ustr(value);
+        if (done(is_unknown, [&] { context_.add_ctx_prop(name_text, value_text); }))
             model_.context_values[name] = quoted(value);
     }
 
@@ -260,7 +275,9 @@ private:
 
     void add_metric_text(const std::string& text)
     {
-        metrics_.add_value(0, false, ustr(text));
+        const UString value = ustr(text);
+        if (!done(false, [&] { metrics_.add_value(0, false, value); }))
+            return;
         model_.metric_text = text;
         const std::pair<std::string, bool> metric("slot 6 format 10 usage 0 valid 0 value ", true);
         auto& metrics = model_.metrics;
@@ -270,7 +287,8 @@ private:
 
     void add_binding(std::uint8_t slot, std::uint8_t id)
     {
-        bindings_.add_binding(slot, id_of(id));
+        if (!done(false, [&] { bindings_.add_binding(slot, id_of(id)); }))
+            return;
         model_.bindings.push_back("slot " + std::to_string(slot) + " " +
                                   arm_record::words(id_of(id)));
     }
@@ -312,6 +330,7 @@ private:
         const std::uint8_t kind = input.byte();
         const std::uint8_t byte = input.byte();
         const std::string text = text_of(byte);
+        const UString detail = ustr(text);
         arm_id id = id_of(byte);
         const std::string id_words = std::to_string(byte % 2) + " " + arm_record::words(id);
         switch (kind % 5) {
@@ -323,11 +342,11 @@ private:
                      [&] { buffer_.add_buffer(byte - 128LL); });
             break;
         case 2:
-            add_line("7: " + quoted(text), [&] { buffer_.add_buffer(ustr(text)); });
+            add_line("7: " + quoted(text), [&] { buffer_.add_buffer(detail); });
             break;
         case 3:
             add_line("3: " + quoted(text) + " id " + id_words,
-                     [&] { buffer_.add_buffer(ustr(text), byte % 2 == 1, id); });
+                     [&] { buffer_.add_buffer(detail, byte % 2 == 1, id); });
             break;
         default:
             add_address(static_cast<short>(byte - 100), byte, id, id_words);
@@ -347,6 +366,7 @@ private:
     }
 
     model_t model_;
+    unsigned long fault_ = 0;
     ArmTransIdentyBuffer identity_;
     ArmTransContextBuffer context_{ArmAppIdentyBuffer::ctx_index_map_t()};
     ArmMetricValuesBuffer metrics_;
@@ -361,9 +381,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     input_t input(data, size);
     run_t run(size % 2 == 0);
     run.check();
-    while (!input.is_empty()) {
+    while (!input.is_empty())
         run.step(input);
-        run.check();
-    }
+    run.check();
     return 0;
 }
