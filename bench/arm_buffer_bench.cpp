@@ -1,13 +1,14 @@
 // Buffers for ARM calls against what a caller would write instead: the standard's records on the
-// stack, with texts that ICU converts for each call, and glib's interned strings, where its package
-// is installed, in place of a pool.
+// stack, with texts that ICU converts for each call, and glib's interned strings in the place of a
+// pool. The floor of a pool is a look-up of the text as it is, without another thread in mind.
+
+#include "rejection.h"
 
 #include <kvutil/arm.h>
-#include <kvutil/stpexception.h>
-
-#include <benchmark/benchmark.h>
 
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #ifdef KVUTIL_BENCH_GLIB
@@ -18,11 +19,6 @@ namespace {
 
 using namespace Kvl;
 
-UString numbered(int i)
-{
-    return UString(Utf8String("operation/check-in, variant " + std::to_string(i)));
-}
-
 std::string converted(const UString& text)
 {
     std::string bytes;
@@ -30,23 +26,23 @@ std::string converted(const UString& text)
     return bytes;
 }
 
-// ---- a text that is known already ----
+// ---- A text that is pooled already ----
 
-std::vector<UString> known_texts(int count)
+std::vector<UString> numbered_texts(int count)
 {
     std::vector<UString> texts;
     for (int i = 0; i < count; ++i)
-        texts.push_back(numbered(i));
+        texts.emplace_back(Utf8String("operation/check-in, variant " + std::to_string(i)));
     return texts;
 }
 
+/// @param find  the string of a text
 template <class Find>
-void find_each(benchmark::State& state, Find find)
+void find_each(benchmark::State& state, int count, Find find)
 {
-    const std::vector<UString> texts = known_texts(static_cast<int>(state.range(0)));
+    const std::vector<UString> texts = numbered_texts(count);
     for (const UString& text : texts)
-        if (converted(text) != find(text) || find(text) != find(text))
-            state.SkipWithError("not the same string");
+        require_agreement(state, converted(text) == find(text) && find(text) == find(text));
     std::size_t i = 0;
     for (auto _ : state) {
         benchmark::DoNotOptimize(find(texts[i]));
@@ -54,31 +50,59 @@ void find_each(benchmark::State& state, Find find)
     }
 }
 
-void pool_string_kvutil(benchmark::State& state)
+void pool_kvutil(benchmark::State& state, int count)
 {
-    find_each(state, [](const UString& text) { return ArmBuffer::pool_string(nullptr, text); });
+    find_each(state, count,
+              [](const UString& text) { return ArmBuffer::pool_string(nullptr, text); });
 }
-BENCHMARK(pool_string_kvutil)->Arg(10)->Arg(1000)->ThreadRange(1, 2);
 
 #ifdef KVUTIL_BENCH_GLIB
-void pool_string_glib(benchmark::State& state)
+void pool_glib(benchmark::State& state, int count)
 {
-    find_each(state, [](const UString& text) { return g_intern_string(converted(text).c_str()); });
+    find_each(state, count,
+              [](const UString& text) { return g_intern_string(converted(text).c_str()); });
 }
-BENCHMARK(pool_string_glib)->Arg(10)->Arg(1000)->ThreadRange(1, 2);
 #endif
 
-// ---- the buffer of one transaction ----
+void pool_floor(benchmark::State& state, int count)
+{
+    const auto units_of = [](const UString& text) {
+        return std::u16string_view(text.getBuffer(), static_cast<std::size_t>(text.length()));
+    };
+    const std::vector<UString> texts = numbered_texts(count);
+    std::unordered_map<std::u16string_view, std::string> pool;
+    for (const UString& text : texts)
+        pool.emplace(units_of(text), converted(text));
+    find_each(state, count,
+              [&](const UString& text) { return pool.find(units_of(text))->second.c_str(); });
+}
+
+#define POOL "further, measurement: text that is pooled, "
+#define KVUTIL_POOL(function, contestant)                                                          \
+    BENCHMARK_CAPTURE(function, few, 10)->Name(POOL "one of 10/" contestant);                      \
+    BENCHMARK_CAPTURE(function, many, 1000)->Name(POOL "one of 1000/" contestant);                 \
+    BENCHMARK_CAPTURE(function, two_threads, 1000)                                                 \
+        ->Name(POOL "one of 1000, 2 threads/" contestant)                                          \
+        ->Threads(2)                                                                               \
+        ->UseRealTime()
+
+KVUTIL_POOL(pool_kvutil, "kvutil");
+#ifdef KVUTIL_BENCH_GLIB
+KVUTIL_POOL(pool_glib, "glib g_intern_string");
+#endif
+KVUTIL_POOL(pool_floor, "floor");
+
+// ---- The buffer of one transaction ----
 
 /// What stands for a call.
-int read_by_run_time(const arm_buffer4* buffer)
+bool is_as_expected(const arm_buffer4* buffer)
 {
     const arm_subbuffer* const header = buffer->subbuffer_array[0];
     const auto& record = *reinterpret_cast<const arm_subbuffer_metric_values*>(header);
-    return record.count + record.metric_value_array[2].metric_u.string32[0];
+    return record.count == 3 && record.metric_value_array[0].metric_u.gauge32 == 17 &&
+           record.metric_value_array[1].metric_u.counter64 == 18 &&
+           std::string_view(record.metric_value_array[2].metric_u.string32) == "file.c";
 }
-
-constexpr int EXPECTED = 3 + 'f';
 
 void metric_values_kvutil(benchmark::State& state)
 {
@@ -90,12 +114,11 @@ void metric_values_kvutil(benchmark::State& state)
         values.add_value(1, ARM_METRIC_FORMAT_COUNTER64, 0, true, 18LL);
         values.add_value(0, true, text);
         buffer.add_buffer(values);
-        if (read_by_run_time(buffer.buffer4()) != EXPECTED)
-            state.SkipWithError("not the same buffer");
+        require_agreement(state, is_as_expected(buffer.buffer4()));
         buffer.clear();
     }
 }
-BENCHMARK(metric_values_kvutil)->ThreadRange(1, 2);
+BENCHMARK(metric_values_kvutil)->Name("further, measurement: buffer with 3 metric values/kvutil");
 
 void metric_values_by_hand(benchmark::State& state)
 {
@@ -112,13 +135,13 @@ void metric_values_by_hand(benchmark::State& state)
         arm_subbuffer* array[] = {ARM_SB(record)};
         const arm_buffer4 buffer = {1, array};
         benchmark::DoNotOptimize(buffer);
-        if (read_by_run_time(&buffer) != EXPECTED)
-            state.SkipWithError("not the same buffer");
+        require_agreement(state, is_as_expected(&buffer));
     }
 }
-BENCHMARK(metric_values_by_hand)->ThreadRange(1, 2);
+BENCHMARK(metric_values_by_hand)
+    ->Name("further, measurement: buffer with 3 metric values/records on the stack");
 
-// ---- registration data ----
+// ---- Registration data ----
 
 void identity_kvutil(benchmark::State& state)
 {
@@ -134,7 +157,8 @@ void identity_kvutil(benchmark::State& state)
         buffer.clear();
     }
 }
-BENCHMARK(identity_kvutil);
+BENCHMARK(identity_kvutil)
+    ->Name("further, measurement: identity with 2 properties and 2 names/kvutil");
 
 void identity_by_hand(benchmark::State& state)
 {
@@ -155,21 +179,28 @@ void identity_by_hand(benchmark::State& state)
         benchmark::DoNotOptimize(buffer);
     }
 }
-BENCHMARK(identity_by_hand);
+BENCHMARK(identity_by_hand)
+    ->Name("further, measurement: identity with 2 properties and 2 names/records on the stack");
 
-void refused(benchmark::State& state)
+// ---- Refused ----
+
+const std::string REFUSAL = "PLXSV0670E Application Resource Measurement (ARM) error: "
+                            "ArmBuffer::add_buffer():  Max Buffer count exceeded..";
+
+void refused_kvutil(benchmark::State& state)
 {
     ArmBuffer buffer;
     while (buffer.count() < 4)
         buffer.add_buffer();
-    for (auto _ : state) {
-        try {
-            buffer.add_buffer();
-        } catch (const STPException& e) {
-            benchmark::DoNotOptimize(&e);
-        }
-    }
+    time_rejection<STPException>(
+        state, [&] { buffer.add_buffer(UString(u"detail")); }, REFUSAL);
 }
-BENCHMARK(refused);
+BENCHMARK(refused_kvutil)->Name("rejected input: a fifth ARM sub-buffer/kvutil");
+
+void refused_throw(benchmark::State& state)
+{
+    time_throw(state, REFUSAL);
+}
+BENCHMARK(refused_throw)->Name("rejected input: a fifth ARM sub-buffer/throw of the text");
 
 }  // namespace

@@ -957,6 +957,39 @@ TEST(ArmPool, OfABufferKeepsWhatItHadBeforeTheProcess)
     EXPECT_EQ(ArmBuffer::pool_string(&buffer, text), shared);
 }
 
+TEST(ArmPool, FindsWhatAProgramHasPutThere)
+{
+    const UString text = fresh_text();
+    static const std::string bytes = text.utf8_str();
+    const char* const string = bytes.c_str();
+    ArmBuffer::g_str_pool.emplace(text, string);
+    ArmBuffer own;
+    EXPECT_EQ(ArmBuffer::pool_string(nullptr, text), string);
+    EXPECT_EQ(ArmBuffer::pool_string(&own, text), string);
+    const UString another = fresh_text();
+    const char* const pooled = ArmBuffer::pool_string(nullptr, another);
+    EXPECT_EQ(pooled, another.utf8_str());
+    EXPECT_EQ(ArmBuffer::pool_string(&own, another), pooled);
+}
+
+// Texts are found by an index beside the map, which grows with it.
+TEST(ArmPool, HasEachOfManyTextsOnce)
+{
+    const std::size_t before = ArmBuffer::g_str_pool.size();
+    std::vector<UString> texts;
+    std::vector<const char*> strings;
+    for (int i = 0; i < 3000; ++i) {
+        texts.push_back(fresh_text());
+        strings.push_back(ArmBuffer::pool_string(nullptr, texts.back()));
+    }
+    EXPECT_EQ(ArmBuffer::g_str_pool.size(), before + texts.size());
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        ASSERT_EQ(strings[i], texts[i].utf8_str());
+        ASSERT_EQ(ArmBuffer::pool_string(nullptr, texts[i]), strings[i]);
+        ASSERT_EQ(ArmBuffer::g_str_pool.at(texts[i]), strings[i]);
+    }
+}
+
 TEST(ArmPool, OfACallerIsFilledTheSameWay)
 {
     const UString text = fresh_text();

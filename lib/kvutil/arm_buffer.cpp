@@ -1,6 +1,7 @@
 #include "arm_buffer_impl.h"
 #include "failure_impl.h"
 #include "ustring_impl.h"
+#include "xmltag_index_impl.h"
 
 #include <kvutil/critsec.h>
 
@@ -21,9 +22,19 @@ constexpr std::size_t MAX_PROPERTIES = 19;
 
 constexpr unsigned char STRING_SLOT = ARM_METRIC_MAX_ARRAY_INDEX;
 
-[[noreturn]] void refuse(const UString& what)
+// The temporaries of a refusal are gone before it is thrown, which then has less to unwind.
+
+[[gnu::noinline]] STPException arm_refusal(std::u16string_view what)
 {
-    raise_refusal(MSG_ARM_ERROR, what);
+    return refusal(MSG_ARM_ERROR, owned_text_t::make(what));
+}
+
+[[gnu::noinline]] STPException full_buffer_refusal(std::u16string_view function_name)
+{
+    std::u16string what = u"ArmBuffer::";
+    what += function_name;
+    what += u"():  Max Buffer count exceeded.";  // [sic] two blanks
+    return arm_refusal(what);
 }
 
 /// A copy to keep. It is terminated, so that c_str() on it only reads; a bogus text becomes the
@@ -110,8 +121,7 @@ void ArmAppIdentyBuffer::add_context_prop(const UString& name)
 void ArmAppIdentyBuffer::check_max_num_properties() const
 {
     if (property_names_.size() + context_names_.size() >= MAX_PROPERTIES)
-        refuse(
-            constant_text_t::make(u"ArmIdentityBuffer:: trying to register too many properties"));
+        throw arm_refusal(u"ArmIdentityBuffer:: trying to register too many properties");
 }
 
 ArmTransIdentyBuffer::ArmTransIdentyBuffer() noexcept = default;
@@ -151,7 +161,7 @@ void ArmAppContextBuffer::add_ctx_prop(const UString& name, const UString& value
 {
     const auto known = find_text(names_, name);
     if (known == names_.end())
-        refuse(constant_text_t::make(u"ArmContextBuffer:: trying to add unknown context property"));
+        throw arm_refusal(u"ArmContextBuffer:: trying to add unknown context property");
     values_.insert_or_assign(known->second, kept(value));
 }
 
@@ -220,8 +230,7 @@ void ArmMetricValuesBuffer::add_value(unsigned char slot, unsigned char format, 
 void ArmMetricValuesBuffer::check_non_string_slot(unsigned char slot) const
 {
     if (slot >= STRING_SLOT)
-        refuse(
-            constant_text_t::make(u"ArmMetricValuesBuffer:: illegal slot # for non-string metric"));
+        throw arm_refusal(u"ArmMetricValuesBuffer:: illegal slot # for non-string metric");
 }
 
 void ArmMetricBindingsBuffer::add_binding(unsigned char slot, arm_id metric_id)
@@ -283,15 +292,17 @@ arm_boolean_t arm_boolean(bool b)
     return b ? ARM_TRUE : ARM_FALSE;
 }
 
-UString add_buffer_name()
-{
-    return constant_text_t::make(u"add_buffer");
-}
-
 }  // namespace
 
 /// Each makes the whole record before the buffer has it: what fails on the way leaves no trace.
 struct ArmBufferImpl {
+    /// The check that an addition makes first, without a text for the name of its function.
+    static void check_room(const ArmBuffer& buffer, const char16_t* function_name)
+    {
+        if (buffer.count() == ArmBuffer::MAX_SUBBUFFERS)
+            throw full_buffer_refusal(function_name);
+    }
+
     /// What every addition ends with.
     template <class Record>
     static void append(ArmBuffer& buffer, new_record_t<Record>& record) noexcept
@@ -445,17 +456,13 @@ void ArmBuffer::clear() noexcept
 
 void ArmBuffer::check_buff_length(const UString& function_name) const
 {
-    if (buffer4_.count < MAX_SUBBUFFERS)
-        return;
-    UString what = constant_text_t::make(u"ArmBuffer::");
-    what.append(function_name);
-    what.append(constant_text_t::make(u"():  Max Buffer count exceeded."));  // [sic] two blanks
-    refuse(what);
+    if (buffer4_.count == MAX_SUBBUFFERS)
+        throw full_buffer_refusal(view_of(function_name));
 }
 
 void ArmBuffer::add_buffer(ArmAppIdentyBuffer& b)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     auto record =
         ArmBufferImpl::identity<arm_subbuffer_app_identity>(*this, ARM_SUBBUFFER_APP_IDENTITY, b);
     ArmBufferImpl::append(*this, record);
@@ -464,7 +471,7 @@ void ArmBuffer::add_buffer(ArmAppIdentyBuffer& b)
 
 void ArmBuffer::add_buffer(ArmTransIdentyBuffer& b)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     auto record =
         ArmBufferImpl::identity<arm_subbuffer_tran_identity>(*this, ARM_SUBBUFFER_TRAN_IDENTITY, b);
     record->uri = ArmBufferImpl::uri(*this, b);
@@ -474,7 +481,7 @@ void ArmBuffer::add_buffer(ArmTransIdentyBuffer& b)
 
 void ArmBuffer::add_buffer(ArmAppContextBuffer& b)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     auto record =
         ArmBufferImpl::context<arm_subbuffer_app_context>(*this, ARM_SUBBUFFER_APP_CONTEXT, b);
     ArmBufferImpl::append(*this, record);
@@ -483,7 +490,7 @@ void ArmBuffer::add_buffer(ArmAppContextBuffer& b)
 
 void ArmBuffer::add_buffer(ArmTransContextBuffer& b)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     auto record =
         ArmBufferImpl::context<arm_subbuffer_tran_context>(*this, ARM_SUBBUFFER_TRAN_CONTEXT, b);
     ArmBufferImpl::append(*this, record);
@@ -492,7 +499,7 @@ void ArmBuffer::add_buffer(ArmTransContextBuffer& b)
 
 void ArmBuffer::add_buffer(ArmMetricValuesBuffer& b)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     auto record = ArmBufferImpl::metric_values(*this, b);
     ArmBufferImpl::append(*this, record);
     ArmBufferImpl::empty(b);
@@ -500,7 +507,7 @@ void ArmBuffer::add_buffer(ArmMetricValuesBuffer& b)
 
 void ArmBuffer::add_buffer(ArmMetricBindingsBuffer& b)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     auto record = ArmBufferImpl::metric_bindings(b);
     ArmBufferImpl::append(*this, record);
     ArmBufferImpl::empty(b);
@@ -508,7 +515,7 @@ void ArmBuffer::add_buffer(ArmMetricBindingsBuffer& b)
 
 void ArmBuffer::add_buffer(const long long& arrival_time)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     new_record_t<arm_subbuffer_arrival_time> record(ARM_SUBBUFFER_ARRIVAL_TIME);
     record->opaque_time = arrival_time;
     ArmBufferImpl::append(*this, record);
@@ -516,7 +523,7 @@ void ArmBuffer::add_buffer(const long long& arrival_time)
 
 void ArmBuffer::add_buffer()
 {
-    check_buff_length(constant_text_t::make(u"add_charset_buffer"));
+    ArmBufferImpl::check_room(*this, u"add_charset_buffer");
     new_record_t<arm_subbuffer_charset> record(ARM_SUBBUFFER_CHARSET);
     record->charset = ARM_CHARSET_UTF8;
     record->flags = ARM_FLAG_NONE;
@@ -525,7 +532,7 @@ void ArmBuffer::add_buffer()
 
 void ArmBuffer::add_buffer(const UString& detail)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     new_record_t<arm_subbuffer_diag_detail> record(ARM_SUBBUFFER_DIAG_DETAIL);
     record->diag_detail = pool_string(this, detail);
     ArmBufferImpl::append(*this, record);
@@ -533,7 +540,7 @@ void ArmBuffer::add_buffer(const UString& detail)
 
 void ArmBuffer::add_buffer(const UString& user, bool id_valid, arm_id& id)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     new_record_t<arm_subbuffer_user> record(ARM_SUBBUFFER_USER);
     record->name = pool_string(this, user);
     record->id_valid = arm_boolean(id_valid);
@@ -544,7 +551,7 @@ void ArmBuffer::add_buffer(const UString& user, bool id_valid, arm_id& id)
 void ArmBuffer::add_buffer(short address_format, short address_length, const unsigned char* address,
                            bool id_valid, arm_id& id)
 {
-    check_buff_length(add_buffer_name());
+    ArmBufferImpl::check_room(*this, u"add_buffer");
     const short length = address == nullptr ? short{0} : std::max(address_length, short{0});
     const auto bytes = static_cast<std::size_t>(length);
     new_record_t<arm_subbuffer_system_address> record(ARM_SUBBUFFER_SYSTEM_ADDRESS, bytes);
@@ -562,6 +569,8 @@ void ArmBuffer::add_buffer(short address_format, short address_length, const uns
 
 namespace {
 
+typedef ArmBuffer::str_pool_t::value_type pooled_t;
+
 /// Null when the pool does not have the text.
 const char* find_string(const ArmBuffer::str_pool_t& pool, const UString& text)
 {
@@ -569,26 +578,69 @@ const char* find_string(const ArmBuffer::str_pool_t& pool, const UString& text)
     return entry == pool.end() ? nullptr : entry->second;
 }
 
-const char* make_string(ArmBuffer::str_pool_t& pool, const UString& text)
+/// In UTF-8.
+std::unique_ptr<char[]> c_string(const UString& text)
 {
     const Utf8String bytes = text.utf8_str();
     auto string = std::make_unique<char[]>(bytes.size() + 1);
     std::copy(bytes.begin(), bytes.end(), string.get());
-    const char*& entry = pool.try_emplace(kept(text)).first->second;
-    return entry = string.release();
+    return string;
+}
+
+pooled_t& make_string(ArmBuffer::str_pool_t& pool, const UString& text)
+{
+    auto string = c_string(text);
+    pooled_t& pooled = *pool.try_emplace(kept(text)).first;
+    pooled.second = string.release();
+    return pooled;
+}
+
+struct pooled_traits_t {
+    static std::uint32_t scope(const pooled_t&) { return 0; }
+    static std::u16string_view name(const pooled_t& pooled) { return view_of(pooled.first); }
+};
+
+/// Finds the texts of the pool of the process without its lock, in a tenth of the time that the map
+/// takes for a thousand texts. Never destroyed, as the pool.
+constinit XmlTagImpl::name_index_t<const pooled_t, pooled_traits_t> shared_index;
+
+/// How many texts it has. A program may have put further ones into the pool.
+constinit std::size_t num_indexed KVUTIL_GUARDED_BY(ArmImpl::str_pool_lock) = 0;
+
+/// What may not be found: a text that another thread adds just now.
+const char* find_indexed_string(const UString& text)
+{
+    const pooled_t* const pooled = shared_index.find(0, view_of(text));
+    return pooled != nullptr ? pooled->second : nullptr;
+}
+
+const char* find_shared_string_locked(const UString& text) KVUTIL_REQUIRES(ArmImpl::str_pool_lock)
+{
+    if (ArmBuffer::g_str_pool.size() == num_indexed)
+        return find_indexed_string(text);
+    return find_string(ArmBuffer::g_str_pool, text);
 }
 
 const char* find_shared_string(const UString& text)
 {
+    if (const char* const string = find_indexed_string(text))
+        return string;
     const CriticalSection section(ArmImpl::str_pool_lock);
-    return find_string(ArmBuffer::g_str_pool, text);
+    return find_shared_string_locked(text);
 }
 
 const char* shared_string(const UString& text)
 {
+    if (const char* const string = find_indexed_string(text))
+        return string;
     const CriticalSection section(ArmImpl::str_pool_lock);
-    const char* const string = find_string(ArmBuffer::g_str_pool, text);
-    return string != nullptr ? string : make_string(ArmBuffer::g_str_pool, text);
+    if (const char* const string = find_shared_string_locked(text))
+        return string;
+    shared_index.make_room();
+    const pooled_t& pooled = make_string(ArmBuffer::g_str_pool, text);
+    shared_index.add(&pooled);
+    ++num_indexed;
+    return pooled.second;
 }
 
 }  // namespace
@@ -601,7 +653,7 @@ const char* ArmBuffer::pool_string(const UString& text, str_pool_t& map)
         return string;
     if (const char* const string = find_shared_string(text))
         return string;
-    return make_string(map, text);
+    return make_string(map, text).second;
 }
 
 const char* ArmBuffer::pool_string(ArmBuffer* buffer, const UString& text)

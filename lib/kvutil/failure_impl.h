@@ -45,13 +45,24 @@ template <class... Args>
     throw failure<StateException>(message, args...);
 }
 
+/// As STPException::raise() does it, but for the throw.
+template <class... Args>
+[[nodiscard, gnu::noinline]] STPException refusal(kvutil_msg_t message, const Args&... args)
+{
+    constexpr stp_log_level_t AS_ERROR = 2;
+    const STPException* const no_cause = nullptr;
+    const UMessage m(kvutil, message, args...);
+    STPException::log(m, AS_ERROR);
+    return STPException(STP_REASON_40, m, nullptr, no_cause, AS_ERROR);
+}
+
 /// A refused buffer or temporary object: logged as an error, then an STPException itself with
 /// reason 40.
 template <class... Args>
-[[noreturn]] void raise_refusal(kvutil_msg_t message, const Args&... args)
+[[noreturn, gnu::always_inline]] inline void raise_refusal(kvutil_msg_t message,
+                                                           const Args&... args)
 {
-    const STPException* const no_cause = nullptr;
-    STPException::raise(STP_REASON_40, UMessage(kvutil, message, args...), nullptr, no_cause, 2);
+    throw refusal(message, args...);
 }
 
 }  // namespace Kvl
