@@ -1,5 +1,6 @@
 #include "failure_impl.h"
 #include "fileutl_impl.h"
+#include "latin1_impl.h"
 #include "platform_text_impl.h"
 #include "sys_calls_impl.h"
 #include "uncancelled_impl.h"
@@ -8,6 +9,7 @@
 #include <kvutil/pname.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -145,6 +147,40 @@ int make_object(const char* path, bool is_dir)
     raise_refusal(MSG_TMP_OBJECT_NOT_CREATED, reason);
 }
 
+/// A path in UTF-8. A short one of ASCII, as nearly all are, is copied where it is needed; that
+/// takes neither memory nor a conversion, which is half of the work between two system calls.
+class utf8_path_t {
+public:
+    utf8_path_t() = default;
+    explicit utf8_path_t(const UString& path) { set(path); }
+
+    void set(const UString& path)
+    {
+        is_short_ = set_short(view_of(path));
+        if (!is_short_)
+            long_ = path.utf8_str();
+    }
+
+    /// Whether there is no such path, or a text without a form in UTF-8.
+    bool empty() const { return *c_str() == '\0'; }
+    const char* c_str() const { return is_short_ ? short_.data() : long_.c_str(); }
+
+private:
+    /// @return  whether it fits and is ASCII without U+0000
+    bool set_short(std::u16string_view path)
+    {
+        if (path.size() >= short_.size())
+            return false;
+        const narrowed_t narrowed = narrow(path, LAST_OF_ASCII, short_.data());
+        short_[narrowed.units] = '\0';
+        return narrowed.units == path.size() && !narrowed.has_zero;
+    }
+
+    std::array<char, 96> short_;
+    bool is_short_ = false;
+    std::string long_;
+};
+
 /// The path that has that number.
 UString numbered_path(std::u16string_view directory, std::u16string_view prefix, int suffix)
 {
@@ -195,12 +231,12 @@ private:
     int try_next(std::u16string_view directory, std::u16string_view prefix, bool is_dir)
     {
         path_ = numbered_path(directory, prefix, last_suffix.load(std::memory_order_relaxed));
-        bytes_ = path_.utf8_str();
+        bytes_.set(path_);
         return make_object(bytes_.c_str(), is_dir);
     }
 
     UString path_;
-    Utf8String bytes_;
+    utf8_path_t bytes_;
     bool is_kept_ = false;
 };
 
@@ -252,23 +288,28 @@ void Fileutl::set_file_id(const UString& path, unsigned int id)
 namespace {
 
 /// A path as the system takes it.
-struct platform_path_t {
+class platform_path_t {
+public:
     platform_path_t() = default;
     explicit platform_path_t(const UString& path)
     {
         if (is_utf8_platform())
-            bytes = path.utf8_str();
+            utf8_.set(path);
         // A text keeps its converter, so the one that converts is a copy that does not stay.
-        if (bytes.empty())
-            bytes = UString(path).std_str("DEFAULT", failed);
+        if (utf8_.empty())
+            converted_ = UString(path).std_str("DEFAULT", failed_);
     }
 
-    std::string bytes;
-    bool failed = false;
+    bool failed() const { return failed_; }
+    const char* c_str() const { return utf8_.empty() ? converted_.c_str() : utf8_.c_str(); }
 
 private:
     /// Where it is, only what is no text needs a converter.
     static bool is_utf8_platform() { return std::strcmp(UString::default_charset(), "UTF-8") == 0; }
+
+    utf8_path_t utf8_;
+    std::string converted_;
+    bool failed_ = false;
 };
 
 /// What it takes to delete an object, made before anything is deleted: memory cannot run out
@@ -287,13 +328,13 @@ public:
 
     void run() const KVUTIL_REQUIRES(Fileutl::g_lock)
     {
-        if (object_.failed)
+        if (object_.failed())
             reject_path(path_);
-        sys_calls.remove(object_.bytes.c_str());
-        if (directory_.failed)
+        sys_calls.remove(object_.c_str());
+        if (directory_.failed())
             reject_path(directory_of(path_));
         if (in_dir_)
-            sys_calls.rmdir(directory_.bytes.c_str());
+            sys_calls.rmdir(directory_.c_str());
         if (is_recorded_)
             forget();
     }
