@@ -1570,6 +1570,22 @@ TEST(UStringStream, ExhaustedMemoryThrowsAndStoresNoPartOfAWord)
     expect_whole_word_only<wchar_t>(UString("old"), UString(std::wstring(1000, L'x')));
 }
 
+// Neither is there any for what the stream would throw.
+TEST(UStringStream, MemoryExhaustedForGoodThrowsToo)
+{
+    for (const unsigned long nth : {1ul, 2ul}) {
+        std::istringstream in(std::string(1000, 'x'));
+        UString s("old");
+        {
+            const memory_fault fault(nth, true);
+            EXPECT_THROW(in >> s, std::bad_alloc);
+        }
+        EXPECT_EQ(str(s), u"old");
+        EXPECT_TRUE(in.bad());
+        EXPECT_EQ(in.exceptions(), std::ios_base::goodbit);
+    }
+}
+
 TEST(UStringStream, ExhaustedMemoryThrowsItselfWhateverTheStreamIsToThrow)
 {
     std::istringstream in(std::string(1000, 'x'));

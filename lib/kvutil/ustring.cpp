@@ -740,13 +740,16 @@ public:
 
 private:
     // A stream throws when it gets a state for which its owner asked to be told, but something else
-    // is being thrown already.
+    // is being thrown already. It has the state by then, also when there is no memory for what it
+    // throws.
     template <class Change>
     static void quietly(Change change) noexcept
     {
         try {
             change();
         } catch (const std::ios_base::failure&) {
+            return;
+        } catch (const std::bad_alloc&) {
             return;
         }
     }
