@@ -357,6 +357,17 @@ TEST_F(CredentialsCalls, WritingLittleAtATimeWriteEverything)
     EXPECT_TRUE(content_of(path) == new_content);
 }
 
+TEST_F(CredentialsCalls, WritingNothingAtAllFail)
+{
+    make_old();
+    const failing_calls on({});
+    sys_calls.write = [](int, const void*, std::size_t) { return ssize_t{0}; };
+    expect_failure<RuntimeException>([&] { credentials.write_to_file(path); },
+                                     file_failure("write", path, EIO));
+    EXPECT_EQ(content_of(path), old_content);
+    EXPECT_EQ(dir.names(), names_t{"credentials"});
+}
+
 // The name of the new file, and when it gets its rights.
 TEST_F(CredentialsCalls, MakeATemporaryBesideTheFile)
 {

@@ -32,7 +32,10 @@ bool file_sink_t::flush()
     for (const char* at = block_.data(); at != end;) {
         const ssize_t count = uninterrupted(
             [&] { return sys_calls.write(number(), at, static_cast<std::size_t>(end - at)); });
-        if (count < 0)
+        // A device that takes nothing and calls that a success might do so for ever.
+        if (count == 0)
+            errno = EIO;
+        if (count <= 0)
             return false;
         at += count;
     }
