@@ -74,6 +74,17 @@ TEST(Latin1, AsciiAtFrontStopsBeforeTheFirstOtherByte)
     }
 }
 
+TEST(Latin1, BytesAreBetweenTheFirstAndTheLast)
+{
+    for (std::size_t size = 1; size < 100; ++size)
+        for (unsigned int odd = 0; odd < 256; ++odd) {
+            std::string bytes(size, 'x');
+            bytes[size * 7 % 11 * size / 11] = static_cast<char>(odd);
+            ASSERT_EQ(are_between(bytes, u' ', u'~'), odd >= 0x20 && odd <= 0x7E) << odd;
+        }
+    EXPECT_TRUE(are_between("", u' ', u'~'));
+}
+
 // Narrows into exactly the room that is asked for, and looks behind it.
 std::string narrowed(const std::u16string& text, char16_t last, narrowed_t& result)
 {

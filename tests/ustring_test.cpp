@@ -1364,6 +1364,149 @@ TEST(UStringConverter, ReusedGivesWhatAFreshOneGives)
         }
 }
 
+// A charset that has converted once is known: what its converter makes of each byte by itself then
+// converts most texts. They must come out as the converter makes them, whatever stands side by
+// side.
+class known_charset {
+public:
+    explicit known_charset(const char* name) : name_(name), converter_(ucnv_open(name, &status_)) {}
+    ~known_charset() { ucnv_close(converter_); }
+    known_charset(const known_charset&) = delete;
+    known_charset& operator=(const known_charset&) = delete;
+
+    bool is_open() const { return converter_ != nullptr; }
+    bool is_single_byte() const { return ucnv_getMaxCharSize(converter_) == 1; }
+
+    std::u16string decoded(const std::string& bytes)
+    {
+        std::u16string text(2 * bytes.size() + 16, u'\0');
+        status_ = U_ZERO_ERROR;
+        text.resize(static_cast<std::size_t>(
+            ucnv_toUChars(converter_, text.data(), static_cast<int>(text.size()), bytes.data(),
+                          static_cast<int>(bytes.size()), &status_)));
+        return text;
+    }
+
+    // Up to the first zero byte.
+    std::string encoded(const std::u16string& text)
+    {
+        const auto room = static_cast<std::size_t>(ucnv_getMaxCharSize(converter_)) * text.size();
+        std::string bytes(room + 2, '\0');
+        status_ = U_ZERO_ERROR;
+        ucnv_fromUChars(converter_, bytes.data(), static_cast<int>(room + 1), text.data(),
+                        static_cast<int>(text.size()), &status_);
+        return bytes.c_str();
+    }
+
+    // A fresh string each time, since one that has a converter goes on with it.
+    bool decodes_alike(const std::string& bytes)
+    {
+        UString s;
+        s.assign(bytes, name_);
+        return str(s) == decoded(bytes);
+    }
+
+    bool encodes_alike(const std::u16string& text)
+    {
+        bool failed = false;
+        const std::string bytes = UString(text).std_str(name_, failed);
+        return bytes == encoded(text) && failed == (status_ != U_ZERO_ERROR);
+    }
+
+private:
+    const char* name_;
+    UErrorCode status_ = U_ZERO_ERROR;
+    UConverter* converter_;
+};
+
+// Every pair of bytes from `first` on, side by side.
+std::string pairs_of_bytes(unsigned int first, unsigned int last)
+{
+    std::string bytes;
+    for (unsigned int a = first; a <= last; ++a)
+        for (unsigned int b = first; b <= last; ++b)
+            bytes.append({static_cast<char>(a), static_cast<char>(b)});
+    return bytes;
+}
+
+TEST(UStringKnownCharset, ConvertsAsItsConverterDoes)
+{
+    for (int i = 0; i < ucnv_countAvailable(); ++i) {
+        const char* const name = ucnv_getAvailableName(i);
+        known_charset charset(name);
+        if (!charset.is_open() || std::string(name) == "UTF-8")
+            continue;
+        EXPECT_TRUE(charset.decodes_alike("a")) << "learns it: " << name;
+        for (const auto& [first, last] : {std::pair(0u, 0x7Fu), {0x20u, 0x7Eu}, {0x1Fu, 0x7Fu}}) {
+            const std::string bytes = pairs_of_bytes(first, last);
+            EXPECT_TRUE(charset.decodes_alike(bytes)) << name << ' ' << first;
+            EXPECT_TRUE(charset.encodes_alike(std::u16string(bytes.begin(), bytes.end())))
+                << name << ' ' << first;
+        }
+        for (unsigned int byte = 0; byte < 256; ++byte) {
+            EXPECT_TRUE(charset.decodes_alike({static_cast<char>(byte)})) << name << ' ' << byte;
+            EXPECT_TRUE(charset.encodes_alike({static_cast<char16_t>(byte), u'a'}))
+                << name << ' ' << byte;
+        }
+    }
+}
+
+TEST(UStringKnownCharset, OfSingleBytesConvertsEveryPairOfThem)
+{
+    const std::string bytes = pairs_of_bytes(0, 255);
+    for (int i = 0; i < ucnv_countAvailable(); ++i) {
+        const char* const name = ucnv_getAvailableName(i);
+        known_charset charset(name);
+        if (!charset.is_open() || !charset.is_single_byte())
+            continue;
+        EXPECT_TRUE(charset.decodes_alike("a")) << "learns it: " << name;
+        EXPECT_TRUE(charset.decodes_alike(bytes)) << name;
+        // Without zeros, which end the result.
+        std::u16string text = charset.decoded(pairs_of_bytes(1, 255));
+        text.erase(std::remove(text.begin(), text.end(), u'\0'), text.end());
+        EXPECT_TRUE(charset.encodes_alike(text)) << name;
+    }
+}
+
+TEST(UStringKnownCharset, ConvertsEveryUnitAsItsConverterDoes)
+{
+    for (const char* const name : {"ISO-8859-1", "windows-1252", "IBM437", "IBM037", "Shift_JIS"}) {
+        known_charset charset(name);
+        EXPECT_TRUE(charset.encodes_alike(u"a")) << "learns it: " << name;
+        for (unsigned int unit = 0; unit <= 0xFFFF; ++unit)
+            ASSERT_TRUE(charset.encodes_alike({static_cast<char16_t>(unit), u'z'}))
+                << name << ' ' << unit;
+    }
+}
+
+TEST(UStringKnownCharset, ConvertsEveryLength)
+{
+    for (const char* const name : {"ISO-8859-1", "windows-1252", "Shift_JIS", "ISO-2022-JP"}) {
+        known_charset charset(name);
+        for (std::size_t size = 1; size < 1200; size += size < 70 ? 1 : 61) {
+            const std::string bytes(size, 'x');
+            ASSERT_TRUE(charset.decodes_alike(bytes)) << name << ' ' << size;
+            ASSERT_TRUE(charset.decodes_alike(bytes + "\xE9")) << name << ' ' << size;
+            const std::u16string text(size, u'x');
+            ASSERT_TRUE(charset.encodes_alike(text)) << name << ' ' << size;
+            ASSERT_TRUE(charset.encodes_alike(text + u"\u00E9")) << name << ' ' << size;
+            ASSERT_TRUE(charset.encodes_alike(text + u"\u3042")) << name << ' ' << size;
+        }
+    }
+}
+
+// A string that has a converter goes on as if each conversion had one.
+TEST(UStringKnownCharset, DoesNotHideWhichConverterAStringHas)
+{
+    const UString s(u"plain");
+    const UString chinese(u"\u4E2D");
+    EXPECT_EQ(converted(chinese, KOREAN_FIRST), FROM_KOREAN);
+    EXPECT_EQ(converted(s, "ISO-8859-1"), "plain");
+    EXPECT_EQ(converted(chinese, BY_NAME), FROM_KOREAN);
+    EXPECT_EQ(converted(chinese, "ISO-8859-1"), "\x1A");
+    EXPECT_EQ(converted(chinese, BY_NAME), FROM_FRESH) << "replaced in between";
+}
+
 TEST(UStringConverter, PoolServesThreadsAtOnce)
 {
     std::vector<std::thread> threads;

@@ -17,6 +17,7 @@ namespace Kvl {
 
 struct charset_converter_t;  // private to the library
 struct constant_text_t;      // private to the library
+class known_charset_t;       // private to the library
 struct owned_text_t;         // private to the library
 
 /// A byte string that holds UTF-8 text. The bytes are not checked.
@@ -329,6 +330,7 @@ private:
     UString& overwrite(std::size_t length, Write write);
     UString& decode_utf8(const std::string& bytes, std::size_t length);
     const charset_converter_t* converter_for(const char* charset) const;
+    const known_charset_t* known_charset_of(const char* charset) const;
 
     // The converter used last, or null. A cache: no copy, move or swap hands it on.
     mutable charset_converter_t* converter_;

@@ -1,5 +1,7 @@
 #include "converter_pool_impl.h"
 
+#include "known_charset_impl.h"
+
 #include <array>
 #include <atomic>
 #include <memory>
@@ -72,7 +74,10 @@ charset_converter_t* take_converter(const char* name)
     auto opened = std::make_unique<charset_converter_t>(name);
     if (opened->open_status == U_MEMORY_ALLOCATION_ERROR)
         throw std::bad_alloc();
-    return opened->handle == nullptr ? nullptr : opened.release();
+    if (opened->handle == nullptr)
+        return nullptr;
+    learn_charset(name, opened->handle);
+    return opened.release();
 }
 
 void give_back_converter(charset_converter_t* converter) noexcept

@@ -51,6 +51,12 @@ inline std::size_t ascii_by_16(const unsigned char* p, std::size_t size)
     return size;
 }
 
+inline bool are_between(__m128i block, int first, int last)
+{
+    const __m128i clamped = _mm_min_epu8(_mm_max_epu8(block, bytes(first)), bytes(last));
+    return is_zero(_mm_xor_si128(clamped, block));
+}
+
 inline void widen_block(__m128i block, char16_t* to)
 {
     store(to, _mm_unpacklo_epi8(block, zero()));
@@ -200,6 +206,20 @@ inline std::size_t ascii_at_front(std::string_view bytes) noexcept
 #endif
 }
 
+/// Whether all bytes are in [first, last].
+inline bool are_between(std::string_view bytes, char16_t first, char16_t last) noexcept
+{
+    const auto* const p = reinterpret_cast<const unsigned char*>(bytes.data());
+    std::size_t done = 0;
+#ifdef KVUTIL_HAVE_SIMD
+    for (; bytes.size() - done >= 16; done += 16)
+        if (!simd::are_between(simd::load(p + done), first, last))
+            return false;
+#endif
+    return std::all_of(p + done, p + bytes.size(),
+                       [=](unsigned char byte) { return byte >= first && byte <= last; });
+}
+
 /// Makes a unit of each byte.
 /// @param to     room for as many units
 /// @param limit  end of the room; what lies between the text and the limit may be overwritten
@@ -210,7 +230,7 @@ inline void widen(std::string_view bytes, char16_t* to,
 #ifdef KVUTIL_HAVE_SIMD
     if (bytes.size() < 16)
         return simd::widen_few(p, bytes.size(), to, limit);
-    if (bytes.size() < simd::LONG || !simd::has_avx2())
+    if (bytes.size() < 32 || !simd::has_avx2())
         return simd::widen_by_16(p, bytes.size(), to);
     simd::widen_by_32(p, bytes.size(), to);
 #else
@@ -226,7 +246,7 @@ inline narrowed_t narrow(std::u16string_view text, char16_t last, char* to) noex
 #ifdef KVUTIL_HAVE_SIMD
     if (text.size() < 16)
         return simd::narrow_few(text, last, to);
-    if (text.size() < simd::LONG || !simd::has_avx2())
+    if (text.size() < 32 || !simd::has_avx2())
         return simd::narrow_by_16(text, last, to);
     return simd::narrow_by_32(text, last, to);
 #else

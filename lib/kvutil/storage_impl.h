@@ -83,6 +83,18 @@ inline icu::UnicodeString empty_text_of_capacity(std::size_t units)
     return text;
 }
 
+/// Makes the capacity at least `units`, in place: an empty text has nothing to lose on the way.
+/// @param text  empty and exclusive
+/// @throws std::bad_alloc there is no memory, or a text cannot be so long
+inline void make_room_in_empty(icu::UnicodeString& text, std::size_t units)
+{
+    const bool has_room = text.getBuffer(checked_capacity(units)) != nullptr;
+    if (has_room)
+        return text.releaseBuffer(0);
+    text.remove();
+    throw std::bad_alloc();
+}
+
 /// With room to spare, so that appending unit by unit stays linear.
 inline std::size_t grown_capacity(std::size_t units)
 {

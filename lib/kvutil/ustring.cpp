@@ -1,6 +1,7 @@
 #include <kvutil/ustring.h>
 
 #include "converter_pool_impl.h"
+#include "known_charset_impl.h"
 #include "search_impl.h"
 #include "storage_impl.h"
 #include "units_impl.h"
@@ -32,6 +33,12 @@ using icu::UnicodeString;
 
 constexpr const char UTF8_NAME[] = "UTF-8";
 constexpr const char DEFAULT_NAME[] = "DEFAULT";
+
+// Most charsets differ from those two in the first byte.
+bool is_named(const char* charset, const char* name)
+{
+    return charset != nullptr && *charset == *name && std::strcmp(charset, name) == 0;
+}
 
 void throw_if_copy_failed(const UnicodeString& copy, const UnicodeString& source)
 {
@@ -344,7 +351,10 @@ UString& UString::overwrite(std::size_t length, Write write)
 {
     if (is_open(*this))
         return *this;
-    if (length > capacity() || !is_exclusive(*this)) {
+    const bool has_own_buffer = is_exclusive(*this);
+    if (has_own_buffer && empty() && length > capacity())
+        make_room_in_empty(*this, length);
+    if (!has_own_buffer || length > capacity()) {
         UString text(room_t{length});
         text.overwrite(length, write);
         return adopt(text);
@@ -577,12 +587,14 @@ const charset_converter_t* UString::converter_for(const char* charset) const
     return converter_;
 }
 
-namespace {
-
-bool is_utf8(const char* charset)
+// What is known of the charset, for a string that has no converter yet. Which one it has decides
+// what the next name means, so one that has a converter goes on with converters.
+const known_charset_t* UString::known_charset_of(const char* charset) const
 {
-    return charset != nullptr && std::strcmp(charset, UTF8_NAME) == 0;
+    return converter_ == nullptr ? known_charset(eval_charset(charset)) : nullptr;
 }
+
+namespace {
 
 void throw_if_no_memory(UErrorCode status)
 {
@@ -624,8 +636,13 @@ UString* UString::assign(const std::string& bytes, const char* charset)
 {
     if (bytes.empty())
         return &clear();
-    if (is_utf8(charset))
+    if (is_named(charset, UTF8_NAME))
         return &utf8_assign(Utf8String(bytes));
+    const known_charset_t* const known = known_charset_of(charset);
+    if (known != nullptr && known->can_decode(bytes))
+        return &overwrite(bytes.size(), [&](char16_t* to, const char16_t* limit) {
+            known->decode(bytes, to, limit);
+        });
     const charset_converter_t* const converter = converter_for(charset);
     if (converter == nullptr)
         return nullptr;
@@ -643,17 +660,45 @@ UString& UString::assign(const std::string& bytes, const char* charset, bool& fa
 
 namespace {
 
-// @param buffer  `size` bytes for ICU and one more, all zero, since some converters leave no
-//                terminator
-std::string convert_out(UConverter* converter, std::u16string_view text, char* buffer,
-                        std::int64_t size, bool& failed)
+// @param buffer  room for `size` bytes
+// @return        how many bytes the text makes; `status` may tell that they have no room
+std::int32_t convert_out(UConverter* converter, std::u16string_view text, char* buffer,
+                         std::int64_t size, UErrorCode& status)
 {
-    UErrorCode status = U_ZERO_ERROR;
-    ucnv_fromUChars(converter, buffer, static_cast<std::int32_t>(size), text.data(),
-                    static_cast<std::int32_t>(text.size()), &status);
+    status = U_ZERO_ERROR;
+    const std::int32_t length =
+        ucnv_fromUChars(converter, buffer, static_cast<std::int32_t>(size), text.data(),
+                        static_cast<std::int32_t>(text.size()), &status);
     throw_if_no_memory(status);
+    return length;
+}
+
+// What does not fit, or leaves ICU no room for a terminator, ends where the zeros behind it begin.
+std::string converted_into_zeros(UConverter* converter, std::u16string_view text, std::int64_t size,
+                                 bool& failed)
+{
+    std::string bytes(static_cast<std::size_t>(size) + 1, '\0');
+    UErrorCode status = U_ZERO_ERROR;
+    convert_out(converter, text, bytes.data(), size, status);
     failed = status != U_ZERO_ERROR;
-    return buffer;
+    bytes.resize(std::strlen(bytes.c_str()));
+    return bytes;
+}
+
+// @param size  decides what ICU reports, so it is this one whatever a buffer could hold
+std::string converted_out(UConverter* converter, std::u16string_view text, std::int64_t size,
+                          bool& failed)
+{
+    std::array<char, 1024> buffer;
+    if (size > static_cast<std::int64_t>(buffer.size()))
+        return converted_into_zeros(converter, text, size, failed);
+    UErrorCode status = U_ZERO_ERROR;
+    const std::int32_t length = convert_out(converter, text, buffer.data(), size, status);
+    if (status != U_ZERO_ERROR)
+        return converted_into_zeros(converter, text, size, failed);
+    // Deliberate: the first zero byte ends the result.
+    const std::string_view bytes(buffer.data(), static_cast<std::size_t>(length));
+    return std::string(bytes.substr(0, bytes.find('\0')));
 }
 
 }  // namespace
@@ -663,24 +708,19 @@ std::string UString::std_str(const char* charset, bool& failed) const
     failed = false;
     if (empty())
         return {};
-    if (is_utf8(charset))
+    if (is_named(charset, UTF8_NAME))
         return utf8_str();
+    const known_charset_t* const known = known_charset_of(charset);
+    if (std::string bytes; known != nullptr && known->encode(view(*this), bytes))
+        return bytes;
     // Deliberate: an unknown charset gives an empty result and no failure.
     const charset_converter_t* const converter = converter_for(charset);
     if (converter == nullptr)
         return {};
-    // The size decides what ICU reports, so it is this one whatever the buffer could hold.
     const std::int64_t size = std::int64_t{ucnv_getMaxCharSize(converter->handle)} * length() + 1;
     if (size > INT_MAX)
         throw std::bad_alloc();
-    const auto owned = static_cast<std::size_t>(size) + 1;
-    std::array<char, 1024> buffer;
-    if (owned > buffer.size()) {
-        std::string long_buffer(owned, '\0');
-        return convert_out(converter->handle, view(*this), long_buffer.data(), size, failed);
-    }
-    std::fill_n(buffer.begin(), owned, '\0');
-    return convert_out(converter->handle, view(*this), buffer.data(), size, failed);
+    return converted_out(converter->handle, view(*this), size, failed);
 }
 
 namespace {
@@ -706,7 +746,7 @@ const char* UString::default_charset()
 
 const char* UString::eval_charset(const char* name)
 {
-    return name != nullptr && std::strcmp(name, DEFAULT_NAME) == 0 ? default_charset() : name;
+    return is_named(name, DEFAULT_NAME) ? default_charset() : name;
 }
 
 // ---- streams ----
