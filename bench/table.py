@@ -87,6 +87,11 @@ def run_program(program, options):
     return [entry for entry in json.loads(output)["benchmarks"] if entry["run_type"] == "iteration"]
 
 
+def list_names(program):
+    return subprocess.run([program, "--benchmark_list_tests"], stdout=subprocess.PIPE, check=True,
+                          text=True).stdout.splitlines()
+
+
 def parse_name(text, known_rows):
     row, colon, rest = ADDED.sub("", text).partition(": ")
     case, slash, contestant = rest.rpartition("/")
@@ -106,22 +111,32 @@ def counters(entry):
             and name not in STANDARD_FIELDS}
 
 
-def collect(programs, known_rows, options):
-    """The cases of all programs, ordered as rows.txt orders their rows."""
+def expected_cases(programs, known_rows):
+    """The cases that are going to be timed, in the order of rows.txt and of the programs' sources."""
     cases = {}
+    for program in programs:
+        for text in list_names(program):
+            row, name, contestant = parse_name(text, known_rows)
+            cases.setdefault((row, name), Case(row, name)).times[contestant] = []
+    for case in cases.values():
+        if OURS not in case.times:
+            raise Failure(f'"{case.row}: {case.name}" is without "{OURS}"')
+    return dict(sorted(cases.items(), key=lambda item: known_rows.index(item[1].row)))
+
+
+def collect(programs, known_rows, options):
+    """The cases with their times."""
+    cases = expected_cases(programs, known_rows)
     for program in programs:
         for entry in run_program(program, options):
             if entry.get("error_occurred"):
                 raise Failure(f'{entry["name"]}: {entry["error_message"]}')
             row, name, contestant = parse_name(entry["name"], known_rows)
-            case = cases.setdefault((row, name), Case(row, name))
-            case.times.setdefault(contestant, []).append(nanoseconds(entry))
+            case = cases[row, name]
+            case.times[contestant].append(nanoseconds(entry))
             if contestant == OURS:
                 case.notes.update(counters(entry))
-    for case in cases.values():
-        if OURS not in case.times:
-            raise Failure(f'"{case.row}: {case.name}" is without "{OURS}"')
-    return sorted(cases.values(), key=lambda case: known_rows.index(case.row))
+    return list(cases.values())
 
 
 # ---- The machine ----
