@@ -59,24 +59,46 @@ TEST(Pname, SplitsAtTheLastSeparator)
     }
 }
 
-// Every text of up to seven characters from "/" and one letter, against the rule.
+/// Checks the parts of a path, and that reading them as C texts changes nothing, against the rule.
+void expect_split_by_the_rule(const std::u16string& path)
+{
+    const auto separator = path.rfind(u'/');
+    const bool has_separator = separator != std::u16string::npos;
+    std::u16string parent = has_separator ? path.substr(0, separator) : u"";
+    if (parent == u"/")
+        parent.clear();
+    const Pname name{UString(path)};
+    ASSERT_EQ(name.leaf(), UString(has_separator ? path.substr(separator + 1) : path));
+    ASSERT_EQ(name.parent_dir(), UString(parent));
+    ASSERT_EQ(name.path(), UString(path));
+    for (const UString* text : {&name.path(), &name.leaf(), &name.parent_dir()}) {
+        ASSERT_LT(text->length(), text->capacity());
+        ASSERT_EQ(text->getBuffer()[text->length()], u'\0');
+    }
+}
+
+// Every text of up to seven units from the separator, the other slash, a letter and half a pair.
 TEST(Pname, SplitsEveryShortPathByTheRule)
 {
+    constexpr char16_t UNITS[] = {u'/', u'\\', u'a', 0xD83D};
     for (unsigned int length = 0; length <= 7; ++length) {
-        for (unsigned int bits = 0; bits < (1u << length); ++bits) {
-            std::string path;
+        for (unsigned int digits = 0; digits < 1u << 2 * length; ++digits) {
+            std::u16string path;
             for (unsigned int i = 0; i < length; ++i)
-                path += (bits >> i & 1) != 0 ? '/' : 'a';
-            const auto separator = path.rfind('/');
-            const bool has_separator = separator != std::string::npos;
-            std::string parent = has_separator ? path.substr(0, separator) : "";
-            if (parent == "/")
-                parent.clear();
-            const Pname name(ustr(path));
-            EXPECT_EQ(name.leaf(), ustr(has_separator ? path.substr(separator + 1) : path));
-            EXPECT_EQ(name.parent_dir(), ustr(parent)) << path;
+                path += UNITS[digits >> 2 * i & 3];
+            SCOPED_TRACE(digits);
+            ASSERT_NO_FATAL_FAILURE(expect_split_by_the_rule(path));
         }
     }
+}
+
+// Short texts stand inside their object, longer ones elsewhere.
+TEST(Pname, SplitsPartsOfEveryLengthByTheRule)
+{
+    for (std::size_t parent = 0; parent < 40; ++parent)
+        for (std::size_t leaf = 0; leaf < 40; ++leaf)
+            ASSERT_NO_FATAL_FAILURE(expect_split_by_the_rule(std::u16string(parent, u'p') + u'/' +
+                                                             std::u16string(leaf, u'l')));
 }
 
 TEST(Pname, IsEmptyByDefault)

@@ -2,7 +2,8 @@
 
 #include "ustring_impl.h"
 
-#include <algorithm>
+#include <cstddef>
+#include <string_view>
 #include <utility>
 
 namespace Kvl {
@@ -15,40 +16,50 @@ const UString& separators()
     return PNAME_SEP_CHARSET_USTRING;
 }
 
-bool is_separator(unsigned short unit)
+bool is_separator(char16_t unit)
 {
-    return separators().find(unit) != -1;
+    return view_of(separators()).find(unit) != std::u16string_view::npos;
 }
 
-/// The position of the last separator in `path`, or -1.
-int last_separator(const UString& path)
-{
-    int position = -1;
-    for (unsigned int i = 0; i < separators().length(); ++i)
-        position = std::max(position, path.find_last(separators()[i]));
-    return position;
-}
+// What is handed out by reference is terminated first, so that c_str() on it only reads.
 
-/// A text that is handed out by reference is terminated first, so that c_str() on it only reads.
-UString terminated(UString text)
-{
-    text.c_str();
-    return text;
-}
-
-/// A copy to keep; a bogus text becomes the empty one.
+/// A copy to keep, which shares long units; a bogus text becomes the empty one.
 UString kept(const UString& path)
 {
     UString copy;
     copy.assign(path);
-    return terminated(std::move(copy));
+    copy.c_str();
+    return copy;
+}
+
+/// The same of a part of a path.
+UString kept(std::u16string_view part)
+{
+    UString copy = owned_text_t::make(part);
+    copy.c_str();
+    return copy;
+}
+
+/// The empty text, which nothing ever writes to.
+UString no_part() noexcept
+{
+    return constant_text_t::make(u"");
+}
+
+/// What precedes the separator at a position, if there is one; the root is the empty text.
+std::u16string_view parent_of(std::u16string_view path, std::size_t separator)
+{
+    if (separator == std::u16string_view::npos)
+        return {};
+    const std::u16string_view parent = path.substr(0, separator);
+    return parent.size() == 1 && is_separator(parent[0]) ? std::u16string_view() : parent;
 }
 
 }  // namespace
 
 Pname::Pname() : Pname(UString()) {}
 
-Pname::Pname(const UString& path) : path_(kept(path)), leaf_(kept({})), parent_(kept({})) {}
+Pname::Pname(const UString& path) : path_(kept(path)), leaf_(no_part()), parent_(no_part()) {}
 
 Pname::Pname(const Pname& o) : path_(kept(o.path_)), leaf_(kept(o.leaf_)), parent_(kept(o.parent_))
 {
@@ -102,25 +113,21 @@ const UString& Pname::parent_dir() const
 
 void Pname::split_leaf() const
 {
-    if (path_.empty())
+    const std::u16string_view path = view_of(path_);
+    if (path.empty())
         return;
-    const int separator = last_separator(path_);
-    UString leaf = terminated(path_.substr(static_cast<unsigned int>(separator + 1)));
-    UString parent;
-    if (separator > 0)
-        parent = path_.substr(0, static_cast<unsigned int>(separator));
-    if (parent.length() == 1 && is_separator(parent[0]))
-        parent.clear();
-    parent.c_str();
-    leaf_.swap(leaf);
-    parent_.swap(parent);
+    const std::size_t separator = path.find_last_of(view_of(separators()));
+    UString leaf = kept(path.substr(separator + 1));  // without a separator that is position 0
+    UString parent = kept(parent_of(path, separator));
+    leaf_ = std::move(leaf);
+    parent_ = std::move(parent);
 }
 
 void Pname::strip_trailing_separator()
 {
     if (path_.empty() || !is_separator(path_[path_.length() - 1]))
         return;
-    UString shorter = terminated(path_.substr(0, path_.length() - 1));
+    UString shorter = kept(view_of(path_).substr(0, path_.length() - 1));
     path_.swap(shorter);
     forget_parts();
 }
@@ -128,12 +135,8 @@ void Pname::strip_trailing_separator()
 // Swaps in fresh texts: emptying the old ones could leave shared buffers without a terminator.
 void Pname::forget_parts() const noexcept
 {
-    UString no_leaf;
-    UString no_parent;
-    no_leaf.c_str();
-    no_parent.c_str();
-    leaf_.swap(no_leaf);
-    parent_.swap(no_parent);
+    leaf_ = no_part();
+    parent_ = no_part();
 }
 
 }  // namespace Kvl
