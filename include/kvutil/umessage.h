@@ -69,8 +69,8 @@ public:
     /// | 4    | 64-bit integer                     | the value                      |
     /// | 5    | `double`                           | widened to `long double`       |
     /// | 6    | narrow text, `char*`               | pointer to the text            |
-    /// | 7    | narrow text, `std::string*`        | pointer to the text            |
-    /// | 8    | UTF-8 text, `std::string*`         | pointer to the text            |
+    /// | 7    | narrow text, `char*`               | pointer to the text            |
+    /// | 8    | UTF-8 text, `char*`                | pointer to the text            |
     /// | 9    | `Resource*`                        | pointer to its text in UTF-8   |
     ///
     /// A text ends at its first zero byte when it is printed. A moved-from argument is of kind 0.
@@ -79,15 +79,15 @@ public:
     /// run in two threads at once.
     class KVUTIL_EXPORT Arg {
     public:
-        /// The value alone. The constructors make the owned copy; whoever holds the union, usually
-        /// an Arg, frees it: `delete[] cstr`, `delete str`, `delete res`.
+        /// The value alone. The constructors make the owned copy; whoever holds the union frees it:
+        /// `delete[] cstr`, `delete str`, `delete res`. An Arg keeps every text as `cstr`.
         union arg_union_t {
             char c;            ///< kind 1
             std::int32_t i32;  ///< kinds 2 and 3
             std::int64_t i64;  ///< kind 4
             double d;          ///< kind 5
-            char* cstr;        ///< kind 6, an owned array
-            std::string* str;  ///< kinds 7 and 8, owned
+            char* cstr;        ///< kinds 6 to 8, an owned array
+            std::string* str;  ///< of a std::string or a UTF-16 text, owned; in no Arg
             Resource* res;     ///< kind 9, owned; null when the resource copied to nothing
 
             /// All zero.
