@@ -16,6 +16,7 @@
 #include <rapidcheck/gtest.h>
 
 #include <chrono>
+#include <random>
 
 namespace {
 
@@ -286,6 +287,68 @@ TEST(SelectorReplace, GivesWhatReplacingInPlaceGives)
                 ASSERT_EQ(Selector::replaceAll(source, from, to),
                           literal::replace_all(source, from, to));
     });
+}
+
+// Steps of ICU's own search and edit, on texts that are many blocks long and full of matches that
+// overlap and of places that match only in part.
+UString replaced_by_icu(const UString& source, const UString& from, const UString& to)
+{
+    UString result = source;
+    const auto removed = static_cast<int>(from.length());
+    const auto inserted = static_cast<int>(to.length());
+    int at = from.empty() ? -1 : result.indexOf(from, 0);
+    for (; at >= 0; at = result.indexOf(from, at + inserted))
+        static_cast<icu::UnicodeString&>(result).replace(at, removed, to);
+    return result;
+}
+
+TEST(SelectorReplace, GivesWhatReplacingInPlaceGivesInLongTexts)
+{
+    const std::u16string alphabet{u'a', u'a', u'a', u'b', 0xD83D, 0xDE00};
+    std::minstd_rand random(5);
+    const auto below = [&](unsigned int n) { return static_cast<unsigned int>(random() % n); };
+    const auto text_of = [&](std::size_t length, unsigned int letters) {
+        std::u16string text;
+        while (text.size() < length)
+            text += alphabet[below(letters)];
+        return UString(text);
+    };
+    for (int i = 0; i < 4000; ++i) {
+        const unsigned int letters = i % 2 == 0 ? 4 : 6;
+        const UString source = text_of(below(200), letters);
+        const UString from =
+            i % 3 == 0 ? source.substr(below(100), below(50)) : text_of(below(5), letters);
+        const UString to = text_of(below(40), letters);
+        ASSERT_EQ(Selector::replaceAll(source, from, to), replaced_by_icu(source, from, to));
+    }
+}
+
+TEST(SelectorReplace, ReplacesAnyNumberOfMatches)
+{
+    for (const std::size_t count : {255u, 256u, 257u, 511u, 512u, 513u, 2000u})
+        for (const std::size_t rest : {0u, 1u, 9u}) {
+            std::string source;
+            std::string expected;
+            for (std::size_t i = 0; i < count; ++i) {
+                source += "aba";
+                expected += "-a";
+            }
+            source += std::string(rest, 'c');
+            expected += std::string(rest, 'c');
+            EXPECT_EQ(Selector::replaceAll(ustr(source), ustr("ab"), ustr("-")), ustr(expected));
+        }
+}
+
+TEST(SelectorReplace, CopiesPiecesOfEveryLength)
+{
+    for (std::size_t length = 0; length <= 40; ++length) {
+        std::string piece;
+        while (piece.size() < length)
+            piece += static_cast<char>('a' + piece.size() % 26);
+        const std::string to = "<" + piece + ">";
+        EXPECT_EQ(Selector::replaceAll(ustr(piece + "/" + piece + "/"), ustr("/"), ustr(to)),
+                  ustr(piece + to + piece + to));
+    }
 }
 
 TEST(SelectorReplace, ThrowsBadAllocForATextThatNoLengthCanCount)

@@ -369,7 +369,8 @@ TEST(Search, AgreesWithIcu)
         for (const std::u16string& needle : needles) {
             ASSERT_EQ(find_text(text, needle), wanted_position(hay.indexOf(plain(needle))));
             if (needle.size() == 1) {
-                ASSERT_EQ(find_unit(text, needle[0]), wanted_position(hay.indexOf(needle[0])));
+                ASSERT_EQ(find_whole_unit(text, needle[0]),
+                          wanted_position(hay.indexOf(needle[0])));
             }
         }
     }

@@ -2,31 +2,58 @@
 
 #include "simd_impl.h"
 
+#include <algorithm>
 #include <bit>
 #include <bitset>
-#include <string>
+#include <cstring>
 #include <unicode/utf16.h>
 
 namespace Kvl {
 
 namespace {
 
-using traits = std::char_traits<char16_t>;
-
-// ICU's rule: a match neither starts nor ends inside a surrogate pair.
-bool is_whole(std::u16string_view text, std::size_t pos, std::size_t length)
+// ICU's rule: a match neither starts nor ends inside a surrogate pair. What is before `begin` does
+// not count, as if the text began there.
+bool is_whole(std::u16string_view text, std::size_t pos, std::size_t length, std::size_t begin)
 {
     const std::size_t end = pos + length;
-    const bool starts_inside = pos > 0 && U16_IS_TRAIL(text[pos]) && U16_IS_LEAD(text[pos - 1]);
+    const bool starts_inside = pos > begin && U16_IS_TRAIL(text[pos]) && U16_IS_LEAD(text[pos - 1]);
     const bool ends_inside =
         end < text.size() && U16_IS_LEAD(text[end - 1]) && U16_IS_TRAIL(text[end]);
     return !starts_inside && !ends_inside;
 }
 
-bool is_match(std::u16string_view text, std::size_t pos, std::u16string_view needle)
+bool are_equal_words(const char16_t* a, const char16_t* b)
 {
-    return traits::compare(text.data() + pos, needle.data(), needle.size()) == 0 &&
-           is_whole(text, pos, needle.size());
+    std::uint64_t word_of_a = 0;
+    std::uint64_t word_of_b = 0;
+    std::memcpy(&word_of_a, a, sizeof word_of_a);
+    std::memcpy(&word_of_b, b, sizeof word_of_b);
+    return word_of_a == word_of_b;
+}
+
+// What memcmp() tells; the few units of most needles cost less than its call.
+bool are_equal(const char16_t* a, const char16_t* b, std::size_t count)
+{
+    constexpr std::size_t WORD = 4;
+    constexpr std::size_t FEW = 8 * WORD;
+    if (count > FEW)
+        return std::memcmp(a, b, count * sizeof(char16_t)) == 0;
+    if (count < WORD)
+        return std::equal(a, a + count, b);
+    for (std::size_t at = 0; at < count; at += WORD) {
+        const std::size_t place = std::min(at, count - WORD);
+        if (!are_equal_words(a + place, b + place))
+            return false;
+    }
+    return true;
+}
+
+bool is_match(std::u16string_view text, std::size_t pos, std::u16string_view needle,
+              std::size_t begin)
+{
+    return are_equal(text.data() + pos, needle.data(), needle.size()) &&
+           is_whole(text, pos, needle.size(), begin);
 }
 
 #ifdef KVUTIL_HAVE_SIMD
@@ -42,10 +69,14 @@ unsigned int candidates(const char16_t* text, std::size_t needle_length, __m128i
     return word_bits(_mm_and_si128(firsts, lasts));
 }
 
-std::size_t first_match(std::u16string_view text, std::u16string_view needle, std::size_t places)
+// Like scan_by_unit().
+template <class Found>
+void scan_by_block(std::u16string_view text, std::u16string_view needle, std::size_t places,
+                   Found found)
 {
     const __m128i first = words(needle.front());
     const __m128i last = words(needle.back());
+    std::size_t begin = 0;
     for (std::size_t pos = 0;; pos += 8) {
         // The last eight places overlap; to look twice at a place does no harm.
         const bool is_last = pos + 8 >= places;
@@ -54,11 +85,14 @@ std::size_t first_match(std::u16string_view text, std::u16string_view needle, st
         unsigned int set = candidates(text.data() + pos, needle.size(), first, last);
         for (; set != 0; set &= set - 1) {
             const std::size_t at = pos + static_cast<std::size_t>(std::countr_zero(set));
-            if (is_match(text, at, needle))
-                return at;
+            if (at < begin || !is_match(text, at, needle, begin))
+                continue;
+            if (!found(at))
+                return;
+            begin = at + needle.size();
         }
         if (is_last)
-            return NOT_FOUND;
+            return;
     }
 }
 
@@ -70,40 +104,90 @@ bool is_near(const char16_t* text, __m128i wanted)
                              _mm_or_si128(matches(16), matches(24)))) != 0;
 }
 
+// What find() of the view does.
+std::size_t find_by_block(std::u16string_view text, char16_t unit)
+{
+    const __m128i wanted = words(unit);
+    std::size_t pos = 0;
+    // Until a place is near, look only whether it is.
+    while (text.size() - pos >= 32 && !is_near(text.data() + pos, wanted))
+        pos += 32;
+    for (;; pos += 8) {
+        const bool is_last = pos + 8 >= text.size();
+        if (is_last)
+            pos = text.size() - 8;
+        const unsigned int set = bits(_mm_cmpeq_epi16(load(text.data() + pos), wanted));
+        if (set != 0)
+            return pos + static_cast<std::size_t>(std::countr_zero(set)) / 2;
+        if (is_last)
+            return NOT_FOUND;
+    }
+}
+
 #endif
+
+// Calls `found` with the place of each match, left to right and without overlap, until it gives
+// false.
+// @param places  how many places there are where the needle, which is not empty, has room
+template <class Found>
+void scan_by_unit(std::u16string_view text, std::u16string_view needle, std::size_t places,
+                  Found found)
+{
+    std::size_t begin = 0;
+    for (std::size_t at = 0; at < places; ++at) {
+        if (at < begin || text[at] != needle[0] || !is_match(text, at, needle, begin))
+            continue;
+        if (!found(at))
+            return;
+        begin = at + needle.size();
+    }
+}
+
+template <class Found>
+void scan(std::u16string_view text, std::u16string_view needle, Found found)
+{
+    if (needle.size() > text.size())
+        return;
+    const std::size_t places = text.size() - needle.size() + 1;
+#ifdef KVUTIL_HAVE_SIMD
+    if (places >= 8)
+        return scan_by_block(text, needle, places, found);
+#endif
+    scan_by_unit(text, needle, places, found);
+}
 
 }  // namespace
 
-std::size_t find_unit(std::u16string_view text, char16_t unit) noexcept
+std::size_t find_whole_unit(std::u16string_view text, char16_t unit) noexcept
 {
+    if (U16_IS_SURROGATE(unit))  // which may be half of a pair
+        return find_text(text, {&unit, 1});
 #ifdef KVUTIL_HAVE_SIMD
-    // Until a place is near, look only whether it is.
-    std::size_t skipped = 0;
-    const __m128i wanted = words(unit);
-    while (text.size() - skipped >= 32 && !is_near(text.data() + skipped, wanted))
-        skipped += 32;
-    // One unit before those that are left may be the other half of a pair.
-    const std::size_t from = skipped == 0 ? 0 : skipped - 1;
-    const std::size_t found = find_text(text.substr(from), {&unit, 1});
-    return found == NOT_FOUND ? NOT_FOUND : from + found;
-#else
-    return find_text(text, {&unit, 1});
+    if (text.size() >= 8)
+        return find_by_block(text, unit);
 #endif
+    return text.find(unit);
 }
 
 std::size_t find_text(std::u16string_view text, std::u16string_view needle) noexcept
 {
-    if (needle.size() > text.size())
-        return NOT_FOUND;
-    const std::size_t places = text.size() - needle.size() + 1;
-#ifdef KVUTIL_HAVE_SIMD
-    if (places >= 8)
-        return first_match(text, needle, places);
-#endif
-    for (std::size_t pos = 0; pos < places; ++pos)
-        if (text[pos] == needle[0] && is_match(text, pos, needle))
-            return pos;
-    return NOT_FOUND;
+    std::size_t result = NOT_FOUND;
+    scan(text, needle, [&result](std::size_t at) {
+        result = at;
+        return false;
+    });
+    return result;
+}
+
+std::size_t find_matches(std::u16string_view text, std::u16string_view needle,
+                         std::span<std::uint32_t> places) noexcept
+{
+    std::size_t count = 0;
+    scan(text, needle, [&count, places](std::size_t at) {
+        places[count++] = static_cast<std::uint32_t>(at);
+        return count < places.size();
+    });
+    return count;
 }
 
 std::size_t find_unit_of(std::u16string_view text, std::u16string_view set) noexcept

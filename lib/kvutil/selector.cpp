@@ -1,6 +1,7 @@
 #include "selector_impl.h"
 
 #include "failure_impl.h"
+#include "search_impl.h"
 #include "storage_impl.h"
 #include "unit_block_impl.h"
 #include "ustring_impl.h"
@@ -11,7 +12,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <span>
 #include <utility>
+#include <vector>
 
 namespace Kvl {
 
@@ -361,17 +364,39 @@ char16_t* decode(const char16_t* in, const char16_t* end, char16_t* out)
 
 // ---- Replacing -------------------------------------------------------------------------------
 
-/// Where `from` stands in `source`, left to right, without overlap.
-std::vector<unsigned int> find_all(const UString& source, const UString& from)
-{
-    std::vector<unsigned int> result;
-    for (int at = source.find(from); at >= 0;) {
-        const auto position = static_cast<unsigned int>(at);
-        result.push_back(position);
-        at = source.find(from, position + from.length());
+/// Where a text stands in another, left to right and without overlap. A few places need no memory.
+class Places {
+public:
+    Places(text_view_t source, text_view_t wanted)
+    {
+        if (wanted.empty())  // which is nowhere
+            return;
+        count_ = find_matches(source, wanted, few_);
+        if (count_ == few_.size())
+            find_rest(source, wanted);
     }
-    return result;
-}
+
+    std::span<const std::uint32_t> all() const
+    {
+        return many_.empty() ? std::span(few_.data(), count_) : std::span(many_);
+    }
+
+private:
+    void find_rest(text_view_t source, text_view_t wanted)
+    {
+        many_.assign(few_.begin(), few_.end());
+        while (count_ == few_.size()) {
+            const std::size_t done = many_.back() + wanted.size();
+            count_ = find_matches(source.substr(done), wanted, few_);
+            for (const std::uint32_t at : std::span(few_.data(), count_))
+                many_.push_back(static_cast<std::uint32_t>(done + at));
+        }
+    }
+
+    std::array<std::uint32_t, 256> few_;
+    std::size_t count_ = 0;
+    std::vector<std::uint32_t> many_;
+};
 
 }  // namespace
 
@@ -516,16 +541,19 @@ std::vector<UString> Selector::split_segments(const UString& text, const UString
 
 UString Selector::replaceAll(const UString& source, const UString& from, const UString& to)
 {
-    const std::vector<unsigned int> positions = find_all(source, from);
     const text_view_t units = view_of(source);
-    return composed([&](auto& sink) {
+    const text_view_t inserted = view_of(to);
+    const Places places(units, view_of(from));
+    const std::uint64_t count = places.all().size();
+    const std::uint64_t length = units.size() - count * from.length() + count * inserted.size();
+    return text_of_at_most(length, [&](char16_t* out) {
         std::size_t done = 0;
-        for (const unsigned int at : positions) {
-            sink.put(units.substr(done, at - done));
-            sink.put(to);
+        for (const std::uint32_t at : places.all()) {
+            out = copy_units(units.substr(done, at - done), out);
+            out = copy_units(inserted, out);
             done = at + from.length();
         }
-        sink.put(units.substr(done));
+        return copy_units(units.substr(done), out);
     });
 }
 

@@ -2,8 +2,11 @@
 #define KVUTIL_UNIT_BLOCK_IMPL_H
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 // As in simd_impl.h, whoever defines KVUTIL_PORTABLE gets what other machines run.
@@ -80,6 +83,35 @@ private:
     char16_t unit_;
 };
 #endif
+
+/// Copies `count` units, the last word of them over some of those before.
+/// @param count  as many units as make one word, or two at most
+template <class Word>
+void copy_by_word(const char16_t* in, std::size_t count, char16_t* out)
+{
+    constexpr std::size_t SIZE = sizeof(Word) / sizeof(char16_t);
+    std::memcpy(out, in, sizeof(Word));
+    std::memcpy(out + count - SIZE, in + count - SIZE, sizeof(Word));
+}
+
+/// What std::copy() does, without its call of memmove() for the few units of most pieces.
+/// @return where the copy ends
+inline char16_t* copy_units(std::u16string_view text, char16_t* out)
+{
+    const std::size_t count = text.size();
+    if (count > 16)
+        return std::copy(text.begin(), text.end(), out);
+    if (count >= 8) {
+        copy_by_word<std::array<std::uint64_t, 2>>(text.data(), count, out);
+    } else if (count >= 4) {
+        copy_by_word<std::uint64_t>(text.data(), count, out);
+    } else if (count != 0) {
+        out[0] = text[0];
+        out[count / 2] = text[count / 2];
+        out[count - 1] = text[count - 1];
+    }
+    return out + count;
+}
 
 /// @return where `unit` stands first at or after `from`; npos when it does not
 inline std::size_t find_unit(std::u16string_view text, char16_t unit, std::size_t from = 0)

@@ -236,7 +236,7 @@ UString UString::substr(unsigned int pos, unsigned int n) const
 int UString::find(unsigned short ch, unsigned int start) const noexcept
 {
     const unsigned int from = pinned(start, length());
-    return position(find_unit(view(*this).substr(from), static_cast<char16_t>(ch)), from);
+    return position(find_whole_unit(view(*this).substr(from), static_cast<char16_t>(ch)), from);
 }
 
 int UString::find(const unsigned short* s, unsigned int start) const noexcept
