@@ -28,8 +28,12 @@ struct is_buffer_writable_t {
 struct set_length_t {
     friend constexpr auto member_named_by(set_length_t);
 };
+struct allocate_t {
+    friend constexpr auto member_named_by(allocate_t);
+};
 template struct private_member_t<is_buffer_writable_t, &icu::UnicodeString::isBufferWritable>;
 template struct private_member_t<set_length_t, &icu::UnicodeString::setLength>;
+template struct private_member_t<allocate_t, &icu::UnicodeString::allocate>;
 
 /// ICU's own limit of a capacity, of which it makes no constant.
 constexpr int MAX_CAPACITY = INT_MAX - 10;
@@ -83,16 +87,34 @@ inline icu::UnicodeString empty_text_of_capacity(std::size_t units)
     return text;
 }
 
+inline bool is_inside(const void* place, const void* begin, const void* end)
+{
+    return std::less_equal<>()(begin, place) && std::less<>()(place, end);
+}
+
+/// Whether the units are in the text object itself.
+inline bool is_inline(const icu::UnicodeString& text)
+{
+    return is_inside(text.getBuffer(), &text, &text + 1);
+}
+
 /// Makes the capacity at least `units`, in place: an empty text has nothing to lose on the way.
 /// @param text  empty and exclusive
 /// @throws std::bad_alloc there is no memory, or a text cannot be so long
 inline void make_room_in_empty(icu::UnicodeString& text, std::size_t units)
 {
-    const bool has_room = text.getBuffer(checked_capacity(units)) != nullptr;
-    if (has_room)
-        return text.releaseBuffer(0);
-    text.remove();
-    throw std::bad_alloc();
+    const std::int32_t capacity = checked_capacity(units);
+    // ICU's public way copies what there is, and asks first; here is nothing to copy or release.
+    const bool has_room = is_inline(text) ? (text.*member_named_by(allocate_t()))(capacity) != 0
+                                          : text.getBuffer(capacity) != nullptr;
+    if (!has_room) {
+        text.remove();
+        throw std::bad_alloc();
+    }
+    if (is_open(text))
+        text.releaseBuffer(0);
+    else
+        set_length(text, 0);
 }
 
 /// With room to spare, so that appending unit by unit stays linear.
@@ -102,17 +124,11 @@ inline std::size_t grown_capacity(std::size_t units)
     return units > most ? units : std::min(units + units / 4 + 128, most);
 }
 
-inline bool is_inside(const void* place, const void* begin, const void* end)
-{
-    return std::less_equal<>()(begin, place) && std::less<>()(place, end);
-}
-
 /// ICU copies and moves inline units without what stands behind them. Terminated here, they spare
 /// c_str() a write.
 inline void terminate_inline(icu::UnicodeString& text)
 {
-    const bool is_inline = is_inside(text.getBuffer(), &text, &text + 1);
-    if (is_inline && text.length() < text.getCapacity())
+    if (is_inline(text) && text.length() < text.getCapacity())
         writable(text)[text.length()] = 0;
 }
 
