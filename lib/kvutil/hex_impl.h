@@ -25,9 +25,9 @@ consteval auto digit_pairs()
     return pairs;
 }
 
-/// The two digits of each byte.
+/// The two digits of each byte. Hidden in so many words: g++ exports variables that are templates.
 template <class Unit>
-inline constexpr auto DIGIT_PAIRS = digit_pairs<Unit>();
+[[gnu::visibility("hidden")]] inline constexpr auto DIGIT_PAIRS = digit_pairs<Unit>();
 
 /// Prints one byte.
 template <class Unit>
