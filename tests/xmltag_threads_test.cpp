@@ -171,6 +171,24 @@ TEST(XmlTagThreads, ReadTagsByIdWhileOthersRegister)
     reader.join();
 }
 
+// The tag stays where it is, but the list in which it is found by Id is replaced by larger ones: a
+// reader may meet a new one before it has seen the registration that needed it.
+TEST(XmlTagThreads, ReadAKnownTagByIdWhileTheListOfTagsGrows)
+{
+    constexpr int NAMES = 10'000;
+    const XmlTag* const known = XmlTag::lookup(2, ustr("known-before"));
+    const XmlTag::Id id = known->id();
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        while (!done.load(std::memory_order_relaxed))
+            ASSERT_EQ(XmlTag::lookup(id), known);
+    });
+    for (int n = 0; n < NAMES; ++n)
+        XmlTag::lookup(2, numbered("growing", n));
+    done = true;
+    reader.join();
+}
+
 // What is handed out by reference is terminated already, so that c_str() and copies only read.
 TEST(XmlTagThreads, ReadAndCopyTheSameTexts)
 {

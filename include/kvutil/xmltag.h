@@ -215,8 +215,9 @@ private:
     {
         if (index >= num_run_time_tags.load(std::memory_order_acquire))
             return nullptr;
+        // Acquired in its own right: it may be a directory of a tag later than the number says.
         const void* const chunk =
-            run_time_chunks.load(std::memory_order_relaxed)[index / CHUNK_SIZE];
+            run_time_chunks.load(std::memory_order_acquire)[index / CHUNK_SIZE];
         return static_cast<const XmlTag* const*>(chunk)[index % CHUNK_SIZE];
     }
     [[noreturn]] static const XmlTag* reject(Id id);

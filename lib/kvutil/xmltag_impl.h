@@ -123,7 +123,7 @@ struct tag_access_t {
     /// Lets readers without the lock find one tag more, the last one of `map`.
     static void publish_last(const IdToTagMap& map) noexcept
     {
-        XmlTag::run_time_chunks.store(map.directory_, std::memory_order_relaxed);
+        XmlTag::run_time_chunks.store(map.directory_, std::memory_order_release);
         XmlTag::num_run_time_tags.fetch_add(1, std::memory_order_release);
     }
 };
