@@ -114,6 +114,50 @@ TEST(CatalogueLookup, AcceptsCountsUpToFourNines)
     EXPECT_STREQ(lookup(catalogue, 9999), "last");
 }
 
+TEST(CatalogueLookup, ReadsTheHeaderThatStandsThereNow)
+{
+    char header[32] = "reused 1";
+    for (int round = 0; round < 3; ++round) {
+        std::strcpy(header, "reused 1");
+        EXPECT_STREQ(lookup({header, "one", "two"}, 1), "one");
+        EXPECT_EQ(lookup({header, "one", "two"}, 2), nullptr);
+        std::strcpy(header, "reused 2");
+        EXPECT_STREQ(lookup({header, "one", "two"}, 2), "two");
+        std::strcpy(header, "reused x");
+        EXPECT_EQ(lookup({header, "one", "two"}, 1), nullptr);
+        std::strcpy(header, "reused 0");
+        EXPECT_EQ(lookup({header, "one", "two"}, 1), nullptr);
+    }
+}
+
+TEST(CatalogueLookup, ReadsTheTextsThatStandThereNow)
+{
+    const char* catalogue[] = {"changing 2", "one", "two"};
+    EXPECT_EQ(QmMsg::format(catalogue, 2, nullptr), catalogue[2]);
+    catalogue[2] = "another";
+    EXPECT_STREQ(QmMsg::format(catalogue, 2, nullptr), "another");
+    catalogue[0] = nullptr;
+    EXPECT_EQ(QmMsg::format(catalogue, 2, nullptr), nullptr);
+}
+
+TEST(CatalogueLookup, IsTheSameForMoreCataloguesThanAreRemembered)
+{
+    std::vector<std::string> headers;
+    for (int count = 1; count <= 200; ++count)
+        headers.push_back("many " + std::to_string(count));
+    const std::vector<const char*> texts(200, "text");
+    for (int round = 0; round < 2; ++round) {
+        for (int count = 1; count <= 200; ++count) {
+            std::vector<const char*> catalogue = {
+                headers[static_cast<std::size_t>(count - 1)].c_str()};
+            catalogue.insert(catalogue.end(), texts.begin(), texts.end());
+            EXPECT_STREQ(lookup(catalogue, count), "text");
+            EXPECT_EQ(lookup(catalogue, count + 1), nullptr);
+            EXPECT_EQ(lookup(catalogue, 0), nullptr);
+        }
+    }
+}
+
 TEST(CatalogueLookup, LeavesErrnoAlone)
 {
     errno = 4711;
@@ -182,6 +226,19 @@ TEST(CatalogueTranslation, IsFoundByNameWhateverTheArray)
     translations.add("shared-name", "$set 1\n1 eins\n");
     for (const char* text : {"one", "another"})
         EXPECT_STREQ(lookup({"shared-name 1", text}, 1), "eins");
+}
+
+TEST(CatalogueTranslation, IsThatOfTheHeaderThatStandsThereNow)
+{
+    const translations_t translations;
+    translations.add("reused-translated", "$set 1\n1 eins\n");
+    char header[32];
+    for (int round = 0; round < 3; ++round) {
+        std::strcpy(header, "reused-translated 1");
+        EXPECT_STREQ(lookup({header, "one"}, 1), "eins");
+        std::strcpy(header, "reused-plain 1");
+        EXPECT_STREQ(lookup({header, "one"}, 1), "one");
+    }
 }
 
 TEST(CatalogueTranslation, IsNoFileThatTheHeaderNames)

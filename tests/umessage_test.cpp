@@ -345,10 +345,13 @@ std::vector<Arg> one_of_each_kind()
             Arg(-190L),
             Arg((1LL << 40) + 'C'),
             Arg(0.5),
-            Arg("narrow text that is no short one"),
-            Arg(std::string("string that is longer than inline storage")),
-            Arg(ustr("text that is longer than inline storage")),
-            Arg(File("resource that is longer than inline storage"))};
+            Arg("narrow text longer than what stands in an argument itself, which is 63 bytes"),
+            Arg(std::string("string that is longer than what stands in an argument itself: 63")),
+            Arg(ustr("text that is longer than what stands in an argument itself: 63 bytes")),
+            Arg(File("resource that is longer than inline storage")),
+            Arg("short"),
+            Arg(std::string("short")),
+            Arg(ustr("short"))};
 }
 
 void expect_same(const Arg& a, const Arg& b)
@@ -410,6 +413,63 @@ TEST(UMessageArg, MovesLeaveKindZero)
         target = std::move(self);
         expect_same(target, before);
     }
+}
+
+/// A text of each length in each of the kinds that hold one.
+std::vector<Arg> texts_of_length(std::size_t length)
+{
+    const std::string text(length, 't');
+    return {Arg(text.c_str()), Arg(text), Arg(ustr(text))};
+}
+
+TEST(UMessageArg, TextsOfAnyLengthAreCopiedAndMoved)
+{
+    for (std::size_t length = 0; length < 100; ++length) {
+        const std::string expected(length, 't');
+        for (Arg& arg : texts_of_length(length)) {
+            Arg copy("a text that was there before, longer than what stands in an argument itself");
+            copy = arg;
+            Arg moved(std::move(arg));
+            EXPECT_EQ(arg.kind(), 0);
+            EXPECT_EQ(text_in(copy), expected);
+            EXPECT_EQ(text_in(moved), expected);
+            copy = std::move(moved);
+            EXPECT_EQ(text_in(copy), expected);
+        }
+    }
+}
+
+TEST(UMessageArg, TextsOfAnyLengthAreSwapped)
+{
+    for (std::size_t length = 0; length < 100; ++length) {
+        Arg a = texts_of_length(length)[0];
+        for (Arg& b : one_of_each_kind()) {
+            const Arg before(b);
+            std::swap(a, b);
+            expect_same(a, before);
+            EXPECT_EQ(text_in(b), std::string(length, 't'));
+            std::swap(a, b);
+        }
+    }
+}
+
+TEST(UMessageArg, ShortTextsNeedNoMemory)
+{
+    const std::vector<Arg> all = texts_of_length(63);
+    Arg target("before");
+    for (const Arg& arg : all)
+        EXPECT_EQ(for_each_memory_fault([&] { target = arg; }, [] {}), 0);
+    EXPECT_EQ(text_in(target), std::string(63, 't'));
+}
+
+TEST(UMessageArg, RecordOfAShortTextLivesAsLongAsTheArgument)
+{
+    const UMessage message(kvutil, 15, "short", std::string(64, 'l'));
+    const cxPrintfArgVal record = record_of(message.arguments()[0]);
+    const UMessage copy(message);
+    EXPECT_EQ(record_of(message.arguments()[0]).p, record.p);
+    EXPECT_NE(record_of(copy.arguments()[0]).p, record.p);
+    EXPECT_STREQ(static_cast<const char*>(record.p), "short");
 }
 
 TEST(UMessageArg, AssignmentThatThrowsChangesNothing)
@@ -595,6 +655,20 @@ TEST(UMessage, AssignmentWithoutMemoryChangesNothing)
     EXPECT_GE(for_each_memory_fault([&] { target = source; }, unchanged), 5);
     EXPECT_EQ(target.arguments().size(), 4u);
     EXPECT_GE(for_each_memory_fault([&] { UMessage(kvutil, 3, text, text, text); }, [] {}), 4);
+}
+
+TEST(UMessage, RendersAnyNumberOfArgumentsAndConversions)
+{
+    const Arg nine(9);
+    for (std::size_t arguments = 0; arguments < 45; ++arguments) {
+        std::string format, expected;
+        for (std::size_t conversions = 1; conversions < 45; ++conversions) {
+            format += "%d";
+            expected += conversions <= arguments ? '9' : '0';
+            EXPECT_EQ(UMessage::sprintf(format.c_str(), std::vector<const Arg*>(arguments, &nine)),
+                      ustr(expected));
+        }
+    }
 }
 
 TEST(UMessage, RendersWithoutMemoryOrThrows)

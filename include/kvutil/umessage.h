@@ -1,6 +1,7 @@
 #ifndef KVUTIL_UMESSAGE_H
 #define KVUTIL_UMESSAGE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <kvutil/export.h>
 #include <kvutil/kvutil_msg.h>
@@ -73,7 +74,8 @@ public:
     /// | 8    | UTF-8 text, `char*`                | pointer to the text            |
     /// | 9    | `Resource*`                        | pointer to its text in UTF-8   |
     ///
-    /// A text ends at its first zero byte when it is printed. A moved-from argument is of kind 0.
+    /// A text of up to 63 bytes stands in the argument, a longer one in an array. It ends at its
+    /// first zero byte when it is printed. A moved-from argument is of kind 0.
     /// @par Thread-safety
     /// Distinct arguments may be used at once. get_print_val() of one argument of kind 9 must not
     /// run in two threads at once.
@@ -86,7 +88,7 @@ public:
             std::int32_t i32;  ///< kinds 2 and 3
             std::int64_t i64;  ///< kind 4
             double d;          ///< kind 5
-            char* cstr;        ///< kinds 6 to 8, an owned array
+            char* cstr;        ///< kinds 6 to 8, an owned array; a short text's place in an Arg
             std::string* str;  ///< of a std::string or a UTF-16 text, owned; in no Arg
             Resource* res;     ///< kind 9, owned; null when the resource copied to nothing
 
@@ -116,7 +118,7 @@ public:
         };
 
         /// Kind 0: stands for "no argument".
-        constexpr Arg() noexcept : kind_(0), value_() {}
+        constexpr Arg() noexcept : kind_(0), value_(), short_text_{} {}
 
         /// Kind 1.
         /// @param c  the character
@@ -191,9 +193,9 @@ public:
 
         /// Fills one record of the message formatter.
         ///
-        /// Pointers in it live as long as this argument does and is not assigned to. The text of a
-        /// resource is asked for by each call; the pointer that an earlier call gave stays good as
-        /// long as the text is the same.
+        /// Pointers in it live as long as this argument does and is not assigned to or moved from.
+        /// The text of a resource is asked for by each call; the pointer that an earlier call gave
+        /// stays good as long as the text is the same.
         /// @param v  the record; kind 0 leaves it untouched, the others write what the table says
         /// @throws std::bad_alloc  no memory for a resource's text; also whatever Resource::text()
         ///                         throws
@@ -206,12 +208,16 @@ public:
     private:
         friend class MessageArguments;  // keeps a resource's text for one rendering
 
-        void swap(Arg& o) noexcept;
+        Arg(int kind, const char* text, std::size_t size);
+        bool is_text() const noexcept { return kind_ >= 6 && kind_ <= 8; }
+        void hold(const char* text, std::size_t size);
+        void take(Arg& o) noexcept;
         void fill(cxPrintfArgVal& v) const;
 
         int kind_;
-        arg_union_t value_;
+        arg_union_t value_;  // of every text `cstr`: an owned array, or `short_text_`
         mutable std::unique_ptr<std::string> printed_text_;  // kind 9: handed out last
+        char short_text_[64];
     };
     /// Either spelling works.
     typedef Arg::arg_union_t arg_union_t;

@@ -189,27 +189,24 @@ bool is_defined(const conversion_t& c)
            (c.precision.source == field_t::ABSENT || precision_is_defined(c.letter));
 }
 
-constexpr argument_t NO_ARGUMENT{};
-
 /// Hands out arguments in the order in which conversions ask for them.
 class cursor_t {
 public:
-    explicit cursor_t(std::span<const argument_t> args) : args_(args) {}
+    explicit cursor_t(arguments_t args) : args_(args) {}
 
-    const argument_t& take_next()
-    {
-        const std::size_t index = next_++;
-        return index < args_.size() ? args_[index] : NO_ARGUMENT;
-    }
+    argument_t take_next() { return args_[next_++]; }
+
+    /// The same where only the kind of value matters.
+    held_t take_next_held() { return args_.held(next_++); }
 
     /// @param number  which argument, from 1; 0 for the next one
-    const argument_t& take(unsigned int number)
+    argument_t take(unsigned int number)
     {
         if (number == 0)
             return take_next();
         numbered_ = true;
         number_is_beyond_ |= number > std::min(args_.size(), MAX_ARGUMENT_NUMBER);
-        return number <= args_.size() ? args_[number - 1] : NO_ARGUMENT;
+        return args_[number - 1];
     }
 
     /// Whether all conversions took the next argument, or all named one that is there.
@@ -219,7 +216,7 @@ public:
     std::size_t taken() const { return next_; }
 
 private:
-    std::span<const argument_t> args_;
+    arguments_t args_;
     std::size_t next_ = 0;
     bool numbered_ = false;
     bool number_is_beyond_ = false;
@@ -234,7 +231,7 @@ bool field_agrees(const field_t& field, cursor_t& cursor)
 {
     if (field.source != field_t::ARGUMENT)
         return field.number <= MAX_FIELD;
-    const argument_t& arg = cursor.take(field.number);
+    const argument_t arg = cursor.take(field.number);
     constexpr long long LIMIT = MAX_FIELD;
     return arg.held == held_t::NOTHING ||
            (is_number(arg) && arg.record.i >= -LIMIT && arg.record.i <= LIMIT);
@@ -268,7 +265,7 @@ const char* conversion_if_it_agrees(const char* at, cursor_t& cursor)
     if (*at == '%')
         return at + 1;
     if (is_bare(*at))
-        return reads(family_of(*at), cursor.take_next().held) ? at + 1 : nullptr;
+        return reads(family_of(*at), cursor.take_next_held()) ? at + 1 : nullptr;
     conversion_t c;
     at = read_conversion(at, c);
     return at != nullptr && conversion_agrees(c, cursor) ? at : nullptr;
@@ -276,7 +273,7 @@ const char* conversion_if_it_agrees(const char* at, cursor_t& cursor)
 
 }  // namespace
 
-bool agrees(const char* format, std::span<const argument_t> args, std::size_t& records)
+bool agrees(const char* format, arguments_t args, std::size_t& records)
 {
     cursor_t cursor(args);
     for (const char* at = format; (at = std::strchr(at, '%')) != nullptr;) {
@@ -328,7 +325,7 @@ bool fits_64_bits(long double d)
 
 class rewriter_t {
 public:
-    rewriter_t(std::span<const argument_t> args, safe_format_t& out) : cursor_(args), out_(out) {}
+    rewriter_t(arguments_t args, safe_format_t& out) : cursor_(args), out_(out) {}
 
     void add_text(const char* begin, const char* end) { out_.format.append(begin, end); }
     void add_percent() { out_.format += "%%"; }
@@ -350,7 +347,7 @@ void rewriter_t::add_conversion(conversion_t c)
 {
     settle_width(c);
     settle_precision(c);
-    const argument_t& arg = cursor_.take(c.argument);
+    const argument_t arg = cursor_.take(c.argument);
     out_.records.push_back(arg.record);
     fit(c, arg, out_.records.back());
     write(c);
@@ -381,7 +378,7 @@ void rewriter_t::settle_precision(conversion_t& c)
 /// The value of an argument that serves as width or precision; 0 when it is no number.
 long long rewriter_t::field_argument(const field_t& field)
 {
-    const argument_t& arg = cursor_.take(field.number);
+    const argument_t arg = cursor_.take(field.number);
     constexpr long long LIMIT = MAX_FIELD;
     if (is_number(arg))
         return std::clamp(arg.record.i, -LIMIT, LIMIT);
@@ -438,7 +435,7 @@ void rewriter_t::write(const conversion_t& c)
 
 }  // namespace
 
-safe_format_t make_safe(const char* format, std::span<const argument_t> args)
+safe_format_t make_safe(const char* format, arguments_t args)
 {
     safe_format_t safe;
     rewriter_t rewriter(args, safe);

@@ -12,7 +12,6 @@
 #include <iterator>
 #include <limits>
 #include <new>
-#include <span>
 #include <string_view>
 #include <utility>
 
@@ -27,65 +26,10 @@ constexpr const char* text_or_empty(const char* text)
     return text == nullptr ? "" : text;
 }
 
-char* array_of(std::string_view text)
+char* copy_of(const char* text)
 {
-    char* const array = new char[text.size() + 1];
-    array[text.copy(array, text.size())] = '\0';
-    return array;
-}
-
-/// Texts up to this length are converted on the stack and copied once, into an array of their size.
-constexpr std::size_t SHORT_TEXT = 256;
-
-/// The text in UTF-8, see UString::utf8_str().
-char* array_of(const UString& text)
-{
-    const std::u16string_view units = view_of(text);
-    if (units.size() > SHORT_TEXT)
-        return array_of(std::string_view(text.utf8_str()));
-    std::array<char, utf8_room_for(SHORT_TEXT)> bytes;
-    bool has_zero = false;
-    const char* const end = utf16_to_utf8(units, bytes.data(), has_zero);
-    return array_of(end == nullptr ? std::string_view() : std::string_view(bytes.data(), end));
-}
-
-UMessage::arg_union_t copy_of(int kind, const UMessage::arg_union_t& value)
-{
-    UMessage::arg_union_t copy;
-    switch (kind) {
-    case 1:
-        copy.c = value.c;
-        break;
-    case 2:
-    case 3:
-        copy.i32 = value.i32;
-        break;
-    case 4:
-        copy.i64 = value.i64;
-        break;
-    case 5:
-        copy.d = value.d;
-        break;
-    case 6:
-    case 7:
-    case 8:
-        copy.cstr = array_of(value.cstr);
-        break;
-    case 9:
-        copy.res = value.res == nullptr ? nullptr : value.res->clone();
-        break;
-    default:
-        break;
-    }
-    return copy;
-}
-
-void release(int kind, const UMessage::arg_union_t& value)
-{
-    if (kind == 9)
-        delete value.res;
-    else if (kind >= 6)
-        delete[] value.cstr;
+    const std::size_t size = std::strlen(text) + 1;
+    return static_cast<char*>(std::memcpy(new char[size], text, size));
 }
 
 Utf8String text_of(const Resource* resource)
@@ -95,7 +39,7 @@ Utf8String text_of(const Resource* resource)
 
 }  // namespace
 
-UMessage::Arg::arg_union_t::arg_union_t(const char* s) : cstr(array_of(text_or_empty(s))) {}
+UMessage::Arg::arg_union_t::arg_union_t(const char* s) : cstr(copy_of(text_or_empty(s))) {}
 
 UMessage::Arg::arg_union_t::arg_union_t(const std::string& s) : str(new std::string(s)) {}
 
@@ -149,16 +93,38 @@ UMessage::Arg::Arg(double d) : Arg()
 
 UMessage::Arg::Arg(long double d) : Arg(static_cast<double>(d)) {}
 
-UMessage::Arg::Arg(const char* s) : kind_(6), value_(s) {}
-
-UMessage::Arg::Arg(const std::string& s) : kind_(7)
+// A text is one array, or stands in the argument when it is short.
+UMessage::Arg::Arg(int kind, const char* text, std::size_t size) : kind_(kind)
 {
-    value_.cstr = array_of(s);
+    hold(text, size);
 }
 
+void UMessage::Arg::hold(const char* text, std::size_t size)
+{
+    value_.cstr = size < sizeof short_text_ ? short_text_ : new char[size + 1];
+    std::memcpy(value_.cstr, text, size);
+    value_.cstr[size] = '\0';
+}
+
+UMessage::Arg::Arg(const char* s) : Arg(6, text_or_empty(s), s == nullptr ? 0 : std::strlen(s)) {}
+
+UMessage::Arg::Arg(const std::string& s) : Arg(7, s.data(), s.size()) {}
+
+/// Holds the text as utf8_str() gives it. Up to this length it is converted on the stack and copied
+/// once, to its place.
 UMessage::Arg::Arg(const UString& s) : kind_(8)
 {
-    value_.cstr = array_of(s);
+    constexpr std::size_t FEW_UNITS = 256;
+    const std::u16string_view units = view_of(s);
+    if (units.size() <= FEW_UNITS) {
+        std::array<char, utf8_room_for(FEW_UNITS)> bytes;
+        bool has_zero = false;
+        const char* const end = utf16_to_utf8(units, bytes.data(), has_zero);
+        hold(bytes.data(), end == nullptr ? 0 : static_cast<std::size_t>(end - bytes.data()));
+    } else {
+        const Utf8String bytes = s.utf8_str();
+        hold(bytes.data(), bytes.size());
+    }
 }
 
 UMessage::Arg::Arg(const unsigned short* s) : Arg(UString(s)) {}
@@ -167,37 +133,50 @@ UMessage::Arg::Arg(const char16_t* s) : Arg(UString(s)) {}
 
 UMessage::Arg::Arg(const Resource& r) : kind_(9), value_(r) {}
 
-UMessage::Arg::Arg(const Arg& o) : kind_(o.kind_), value_(copy_of(o.kind_, o.value_)) {}
-
-UMessage::Arg::Arg(Arg&& o) noexcept : Arg()
+UMessage::Arg::Arg(const Arg& o) : kind_(o.kind_), value_(o.value_)
 {
-    swap(o);
+    if (is_text())
+        hold(o.value_.cstr, std::strlen(o.value_.cstr));
+    else if (kind_ == 9 && value_.res != nullptr)
+        value_.res = o.value_.res->clone();
+}
+
+UMessage::Arg::Arg(Arg&& o) noexcept : kind_(0)
+{
+    take(o);
 }
 
 UMessage::Arg& UMessage::Arg::operator=(const Arg& o)
 {
-    Arg copy(o);
-    swap(copy);
-    return *this;
+    return *this = Arg(o);
 }
 
 UMessage::Arg& UMessage::Arg::operator=(Arg&& o) noexcept
 {
     Arg taken(std::move(o));
-    swap(taken);
+    const Arg released(std::move(*this));
+    take(taken);
     return *this;
 }
 
 UMessage::Arg::~Arg()
 {
-    release(kind_, value_);
+    if (kind_ == 9)
+        delete value_.res;
+    else if (is_text() && value_.cstr != short_text_)
+        delete[] value_.cstr;
 }
 
-void UMessage::Arg::swap(Arg& o) noexcept
+/// Takes over what `o` holds; this argument holds nothing.
+void UMessage::Arg::take(Arg& o) noexcept
 {
-    std::swap(kind_, o.kind_);
-    std::swap(value_, o.value_);
-    std::swap(printed_text_, o.printed_text_);
+    kind_ = std::exchange(o.kind_, 0);
+    value_ = o.value_;
+    printed_text_ = std::move(o.printed_text_);
+    if (is_text() && value_.cstr == o.short_text_) {
+        std::memcpy(short_text_, o.short_text_, sizeof short_text_);
+        value_.cstr = short_text_;
+    }
 }
 
 int UMessage::Arg::kind() const
@@ -435,19 +414,31 @@ const std::vector<UMessage::Arg>& UMessage::arguments() const
 /// once each and live here, not in the arguments, so that threads may render one message at once.
 class MessageArguments {
 public:
-    explicit MessageArguments(std::span<const UMessage::Arg* const> args);
+    /// @param all  those of kind 0 are left out
+    explicit MessageArguments(std::initializer_list<const UMessage::Arg*> all);
+    explicit MessageArguments(const std::vector<UMessage::Arg>& all);
+    /// @param all  null, as kind 0, is a place without argument
+    explicit MessageArguments(const std::vector<const UMessage::Arg*>& all);
     MessageArguments(const MessageArguments&) = delete;
     MessageArguments& operator=(const MessageArguments&) = delete;
 
-    std::span<const MessageFormat::argument_t> get() const { return {first_, count_}; }
+    MessageFormat::arguments_t get() const { return {records_, held_, count_}; }
+
+    /// @param num_records  how many the formatter reads; those beyond the arguments become zero
+    cxPrintfArgVal* records(std::size_t num_records);
 
 private:
-    void fill(const UMessage::Arg& from, MessageFormat::argument_t& to);
+    void make_room(std::size_t num_records);
+    void add(const UMessage::Arg& arg);
 
-    std::size_t count_;
-    std::array<MessageFormat::argument_t, MAX_ARGUMENTS> few_;
-    std::vector<MessageFormat::argument_t> many_;
-    MessageFormat::argument_t* first_;
+    cxPrintfArgVal few_records_[2 * MAX_ARGUMENTS];
+    MessageFormat::held_t few_held_[2 * MAX_ARGUMENTS];
+    std::vector<cxPrintfArgVal> many_records_;
+    std::vector<MessageFormat::held_t> many_held_;
+    std::size_t count_ = 0;
+    std::size_t room_ = std::size(few_records_);
+    cxPrintfArgVal* records_ = few_records_;
+    MessageFormat::held_t* held_ = few_held_;
     std::forward_list<std::string> resource_texts_;
 };
 
@@ -488,96 +479,97 @@ UString finished(const char* text)
     return is_missing(text) ? fallback() : decoded(text);
 }
 
-UString fill_as_it_is(const char* format, std::span<const MessageFormat::argument_t> args,
-                      std::size_t num_records)
-{
-    std::array<cxPrintfArgVal, 2 * MAX_ARGUMENTS> few;
-    std::vector<cxPrintfArgVal> many;
-    cxPrintfArgVal* records = few.data();
-    if (num_records > few.size()) {
-        many.resize(num_records);
-        records = many.data();
-    }
-    std::ranges::transform(args, records, &MessageFormat::argument_t::record);
-    if (num_records > args.size())
-        std::memset(records + args.size(), 0, (num_records - args.size()) * sizeof *records);
-    return finished(Log::QmMsg::format(format, records));
-}
-
-UString fill_safely(const char* format, std::span<const MessageFormat::argument_t> args)
+UString fill_safely(const char* format, MessageFormat::arguments_t args)
 {
     MessageFormat::safe_format_t safe = MessageFormat::make_safe(format, args);
     return finished(Log::QmMsg::format(safe.format.c_str(), safe.records.data()));
 }
 
-UString render(const char* format, std::span<const UMessage::Arg* const> args)
+/// @param all  what MessageArguments is made from
+template <class Arguments>
+UString render(const char* format, const Arguments& all)
 {
-    const MessageArguments arguments(args);
+    MessageArguments arguments(all);
     std::size_t num_records = 0;
     format = text_or_empty(format);
     if (MessageFormat::agrees(format, arguments.get(), num_records))
-        return fill_as_it_is(format, arguments.get(), num_records);
+        return finished(Log::QmMsg::format(format, arguments.records(num_records)));
     return fill_safely(format, arguments.get());
 }
 
-UString render(const char** catalogue, int index, std::span<const UMessage::Arg* const> args,
-               const char* extra)
+template <class Arguments>
+UString render(const char** catalogue, int index, const Arguments& all, const char* extra)
 {
     const char* const format =
         catalogue == nullptr ? nullptr : Log::QmMsg::format(catalogue, index, extra);
-    return is_missing(format) ? fallback() : render(format, args);
+    return is_missing(format) ? fallback() : render(format, all);
 }
 
-/// Up to ten arguments, those of kind 0 left out.
-class argument_list_t {
-public:
-    argument_list_t(std::initializer_list<const UMessage::Arg*> all)
-    {
-        for (const UMessage::Arg* arg : all) {
-            if (arg->kind() != 0)
-                pointers_[count_++] = arg;
-        }
-    }
-    explicit argument_list_t(const std::vector<UMessage::Arg>& all)
-    {
-        for (const UMessage::Arg& arg : all)
-            pointers_[count_++] = &arg;
-    }
-    operator std::span<const UMessage::Arg* const>() const { return {pointers_.data(), count_}; }
-
-private:
-    std::array<const UMessage::Arg*, MAX_ARGUMENTS> pointers_;
-    std::size_t count_ = 0;
-};
+using argument_list_t = std::initializer_list<const UMessage::Arg*>;
 
 }  // namespace
 
-MessageArguments::MessageArguments(std::span<const UMessage::Arg* const> args)
-    : count_(args.size()), first_(few_.data())
+MessageArguments::MessageArguments(std::initializer_list<const UMessage::Arg*> all)
 {
-    if (count_ > few_.size()) {
-        many_.resize(count_);
-        first_ = many_.data();
+    for (const UMessage::Arg* arg : all) {
+        if (arg->kind_ != 0)
+            add(*arg);
     }
-    for (std::size_t i = 0; i < count_; ++i)
-        fill(args[i] == nullptr ? UMessage::Arg::nil : *args[i], first_[i]);
 }
 
-void MessageArguments::fill(const UMessage::Arg& from, MessageFormat::argument_t& to)
+MessageArguments::MessageArguments(const std::vector<UMessage::Arg>& all)
 {
-    to = {};
-    to.held = HELD[from.kind_];
-    if (from.kind_ != 9)
-        from.fill(to.record);
+    for (const UMessage::Arg& arg : all)
+        add(arg);
+}
+
+MessageArguments::MessageArguments(const std::vector<const UMessage::Arg*>& all)
+{
+    make_room(all.size());
+    for (const UMessage::Arg* arg : all)
+        add(arg == nullptr ? UMessage::Arg::nil : *arg);
+}
+
+void MessageArguments::make_room(std::size_t num_records)
+{
+    if (num_records <= room_)
+        return;
+    std::vector<cxPrintfArgVal> records(num_records);
+    std::vector<MessageFormat::held_t> held(num_records);
+    std::copy_n(records_, count_, records.begin());
+    std::copy_n(held_, count_, held.begin());
+    many_records_.swap(records);
+    many_held_.swap(held);
+    records_ = many_records_.data();
+    held_ = many_held_.data();
+    room_ = num_records;
+}
+
+void MessageArguments::add(const UMessage::Arg& arg)
+{
+    cxPrintfArgVal& record = records_[count_];
+    record = {};
+    held_[count_++] = HELD[arg.kind_];
+    if (arg.kind_ != 9)
+        arg.fill(record);
     else
-        to.record.p = resource_texts_.emplace_front(text_of(from.value_.res)).c_str();
+        record.p = resource_texts_.emplace_front(text_of(arg.value_.res)).c_str();
+}
+
+cxPrintfArgVal* MessageArguments::records(std::size_t num_records)
+{
+    if (num_records == count_)
+        return records_;
+    make_room(num_records);
+    std::fill(records_ + count_, records_ + num_records, cxPrintfArgVal());
+    return records_;
 }
 
 UString UMessage::message_string(const char* extra) const
 {
     if (catalogue_ == nullptr || index_ == -1)
         return UString();
-    return render(catalogue_, index_, argument_list_t(arguments_), extra);
+    return render(catalogue_, index_, arguments_, extra);
 }
 
 UString UMessage::sprintf(const char* format, const std::vector<const Arg*>& args)

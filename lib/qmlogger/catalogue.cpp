@@ -44,11 +44,8 @@ std::optional<int> count_of(std::string_view digits)
 }
 
 /// Reads "<name> <count>".
-std::optional<header_t> header_of(const char* const* catalogue)
+std::optional<header_t> header_of(std::string_view header)
 {
-    if (catalogue == nullptr || catalogue[0] == nullptr)
-        return std::nullopt;
-    const std::string_view header = catalogue[0];
     const std::size_t blank = header.find(' ');
     if (blank == 0 || blank == header.npos)
         return std::nullopt;
@@ -131,17 +128,81 @@ const char* translated(nl_catd translation, int index, const char* text)
     return result;
 }
 
+// -- headers that were read before ----------------------------------------------------------------
+
+/// What a header said and what was found for its name: spares reading it for each message. It is
+/// the same header while it stands at the same place with the same text, for an array may be used
+/// again for another catalogue. A header without a place, or a longer one, is read each time.
+struct known_header_t {
+    const char* header = nullptr;
+    char text[80] = {};
+    int count = 0;
+    nl_catd translation = nullptr;
+};
+
+constinit known_header_t g_known_headers[64];
+/// The first so many are filled and never change again.
+constinit std::atomic<unsigned> g_num_known_headers{0};
+
+const known_header_t* find_known(const char* header)
+{
+    const std::span all(g_known_headers, g_num_known_headers.load(std::memory_order_acquire));
+    for (const known_header_t& known : all)
+        if (known.header == header && std::strcmp(known.text, header) == 0)
+            return &known;
+    return nullptr;
+}
+
+/// Only what is final: a name that was not looked for, or is to be looked for again, has no place.
+void remember(const char* header, const header_t& read)
+{
+    const place_t* const place = find_place(read.name);
+    const std::size_t size = std::strlen(header) + 1;
+    if (place == nullptr || size > sizeof(known_header_t::text) ||
+        g_num_known_headers.load(std::memory_order_relaxed) == std::size(g_known_headers))
+        return;
+    const std::lock_guard guard(ForkImpl::g_catalogues_lock);
+    const unsigned used = g_num_known_headers.load(std::memory_order_relaxed);
+    if (used == std::size(g_known_headers) || find_known(header) != nullptr)
+        return;
+    known_header_t& known = g_known_headers[used];
+    known.header = header;
+    std::memcpy(known.text, header, size);
+    known.count = read.count;
+    known.translation = place->translation;
+    g_num_known_headers.store(used + 1, std::memory_order_release);
+}
+
+// -- the texts ------------------------------------------------------------------------------------
+
+const char* text_of(const char** catalogue, int index, nl_catd translation)
+{
+    const char* const text = catalogue[index];
+    return translation == NO_TRANSLATION ? text : translated(translation, index, text);
+}
+
+const char* text_by_reading(const char** catalogue, int index)
+{
+    const auto header = header_of(catalogue[0]);
+    if (!header || index < 1 || index > header->count)
+        return nullptr;
+    const nl_catd translation = translation_of(header->name);
+    remember(catalogue[0], *header);
+    return text_of(catalogue, index, translation);
+}
+
 }  // namespace
 
 const char* QmMsg::format(const char** catalogue, int index, const char*)
 {
-    const auto header = header_of(catalogue);
-    if (!header || index < 1 || index > header->count)
+    if (catalogue == nullptr || catalogue[0] == nullptr)
         return nullptr;
-    const nl_catd translation = translation_of(header->name);
-    if (translation == NO_TRANSLATION)
-        return catalogue[index];
-    return translated(translation, index, catalogue[index]);
+    const known_header_t* const known = find_known(catalogue[0]);
+    if (known == nullptr)
+        return text_by_reading(catalogue, index);
+    if (index < 1 || index > known->count)
+        return nullptr;
+    return text_of(catalogue, index, known->translation);
 }
 
 }  // namespace Log
