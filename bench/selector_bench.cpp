@@ -51,18 +51,17 @@ std::string narrow(const std::u16string& text)
 }
 
 #ifdef KVUTIL_BENCH_APR
+/// Before there are threads: they may not initialise APR at once.
+const bool apr_is_initialised = apr_initialize() == APR_SUCCESS;
+
 class pool_t {
 public:
     pool_t()
     {
-        apr_initialize();
-        apr_pool_create(&pool_, nullptr);
+        if (apr_is_initialised)
+            apr_pool_create(&pool_, nullptr);
     }
-    ~pool_t()
-    {
-        apr_pool_destroy(pool_);
-        apr_terminate();
-    }
+    ~pool_t() { apr_pool_destroy(pool_); }
     pool_t(const pool_t&) = delete;
     pool_t& operator=(const pool_t&) = delete;
     apr_pool_t* get() const { return pool_; }

@@ -403,6 +403,7 @@ std::u16string path_of(std::size_t length)
 std::u16string replace_by_appending(const std::u16string& source)
 {
     std::u16string result;
+    result.reserve(source.size());
     std::size_t done = 0;
     for (std::size_t at = source.find(replaced); at != source.npos;
          at = source.find(replaced, done)) {
