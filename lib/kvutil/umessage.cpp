@@ -548,7 +548,8 @@ void MessageArguments::make_room(std::size_t num_records)
 void MessageArguments::add(const UMessage::Arg& arg)
 {
     cxPrintfArgVal& record = records_[count_];
-    record = {};
+    // All of it: an initialiser need not zero more than the first member.
+    std::memset(&record, 0, sizeof record);
     held_[count_++] = HELD[arg.kind_];
     if (arg.kind_ != 9)
         arg.fill(record);
@@ -561,7 +562,8 @@ cxPrintfArgVal* MessageArguments::records(std::size_t num_records)
     if (num_records == count_)
         return records_;
     make_room(num_records);
-    std::fill(records_ + count_, records_ + num_records, cxPrintfArgVal());
+    if (num_records > count_)
+        std::memset(records_ + count_, 0, (num_records - count_) * sizeof *records_);
     return records_;
 }
 
