@@ -177,7 +177,9 @@ bool known_charset_t::encode(std::u16string_view text, std::string& bytes) const
     std::array<char, 1024> buffer;
     if (text.size() <= buffer.size()) {
         const bool is_encoded = encode_into(text, buffer.data());
-        bytes.assign(buffer.data(), is_encoded ? text.size() : 0);
+        // Not assign(): in C++23 clang 14 takes it for a constant evaluation and allocates.
+        bytes.clear();
+        bytes.append(buffer.data(), is_encoded ? text.size() : 0);
         return is_encoded;
     }
     bool is_encoded = false;
