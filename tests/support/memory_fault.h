@@ -4,7 +4,9 @@
 #include <new>
 
 /// While one lives, one allocation of this thread fails: `operator new` throws and ICU's
-/// allocations return null. A program that uses this header has its `operator new` replaced.
+/// allocations return null. A program that uses this header has its `operator new` replaced. Linked
+/// with kvutil_malloc_fault, it has malloc() and its like replaced, too, so that the C library's
+/// own allocations fail as well.
 class memory_fault {
 public:
     /// @param nth        which allocation from here on fails, 1 = the next one
@@ -20,6 +22,9 @@ public:
 
 /// Allocations of this thread so far, those of ICU included, since the first use of this header.
 unsigned long allocations_of_this_thread();
+
+/// How many more blocks this thread has allocated than freed, of those that can be made to fail.
+long live_blocks_of_this_thread();
 
 /// Runs `operation` with its first, second, ... allocation failing until none is left to fail.
 /// Each failing run must throw std::bad_alloc; `check_unchanged` runs after it.
