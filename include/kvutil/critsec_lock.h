@@ -14,9 +14,10 @@ namespace Kvl {
 
 namespace CriticalSectionImpl {
 
-/// What a lock refers to; the library's own are more than this.
+/// What a lock refers to; the library's own are more than this. Inline functions of programs look
+/// into it: its members stay as they are.
 struct mutex_t {
-    pthread_mutex_t mutex;
+    pthread_mutex_t mutex;         ///< recursive
     const bool is_held_over_fork;  ///< by the forking thread, while fork handlers run
 };
 
