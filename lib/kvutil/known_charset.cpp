@@ -234,7 +234,7 @@ void learn_charset(const char* name, UConverter* converter)
     for (slot_t& slot : slots) {
         const known_charset_t* empty = nullptr;
         if (learned && slot.compare_exchange_strong(empty, learned.get()))
-            learned.release();
+            static_cast<void>(learned.release());
     }
 }
 
