@@ -103,9 +103,12 @@ inline registered_t registered(const std::string& uri, std::size_t count)
             time.count() / static_cast<double>(count)};
 }
 
+/// The same ones whenever, and by whichever thread, they are asked for.
 inline const registered_t& run_time(std::size_t count)
 {
+    static std::mutex mutex;
     static std::map<std::size_t, registered_t> sets;
+    const std::lock_guard lock(mutex);
     const auto found = sets.find(count);
     if (found != sets.end())
         return found->second;
