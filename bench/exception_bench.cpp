@@ -24,6 +24,34 @@ const UString added(u", while its project was checked");
 const std::string narrow_text = text.utf8_str();
 const std::string narrow_added = added.utf8_str();
 
+std::string text_of(const Exception& e)
+{
+    return e.msg().utf8_str();
+}
+
+std::string text_of(const std::runtime_error& e)
+{
+    return e.what();
+}
+
+/// Times `fail`, which is to throw an Error that says `text`.
+template <class Error, class Fail>
+void time_failure(benchmark::State& state, Fail fail, const std::string& text)
+{
+    try {
+        fail();
+    } catch (const Error& e) {
+        require_agreement(state, text_of(e) == text);
+    }
+    for (auto _ : state) {
+        try {
+            fail();
+        } catch (const Error& e) {
+            benchmark::DoNotOptimize(&e);
+        }
+    }
+}
+
 // ---- Throw and catch -------------------------------------------------------------------------
 
 [[gnu::noinline]] void fail_kvutil()
@@ -38,26 +66,14 @@ const std::string narrow_added = added.utf8_str();
 
 void failure_kvutil(benchmark::State& state)
 {
-    for (auto _ : state) {
-        try {
-            fail_kvutil();
-        } catch (const Exception& e) {
-            benchmark::DoNotOptimize(&e);
-        }
-    }
+    time_failure<Exception>(state, fail_kvutil, narrow_text);
 }
 BENCHMARK(failure_kvutil)
     ->Name("further, messages and exceptions: throw and catch an Exception/kvutil");
 
 void failure_std(benchmark::State& state)
 {
-    for (auto _ : state) {
-        try {
-            fail_std();
-        } catch (const std::runtime_error& e) {
-            benchmark::DoNotOptimize(&e);
-        }
-    }
+    time_failure<std::runtime_error>(state, fail_std, narrow_text);
 }
 BENCHMARK(failure_std)
     ->Name("further, messages and exceptions: throw and catch an Exception/runtime_error");
@@ -76,13 +92,7 @@ BENCHMARK(failure_std)
 
 void detail_kvutil(benchmark::State& state)
 {
-    for (auto _ : state) {
-        try {
-            fail_with_detail_kvutil();
-        } catch (const Exception& e) {
-            benchmark::DoNotOptimize(&e);
-        }
-    }
+    time_failure<Exception>(state, fail_with_detail_kvutil, narrow_text + narrow_added);
 }
 BENCHMARK(detail_kvutil)->Name("further, messages and exceptions: detail added on the way/kvutil");
 
@@ -91,6 +101,11 @@ typedef boost::error_info<struct text_tag_t, std::string> text_info_t;
 typedef boost::error_info<struct added_tag_t, std::string> added_info_t;
 
 struct text_error : virtual std::exception, virtual boost::exception {};
+
+std::string text_of(const text_error& e)
+{
+    return *boost::get_error_info<text_info_t>(e) + *boost::get_error_info<added_info_t>(e);
+}
 
 [[gnu::noinline]] void fail_with_detail_boost()
 {
@@ -104,13 +119,7 @@ struct text_error : virtual std::exception, virtual boost::exception {};
 
 void detail_boost(benchmark::State& state)
 {
-    for (auto _ : state) {
-        try {
-            fail_with_detail_boost();
-        } catch (const text_error& e) {
-            benchmark::DoNotOptimize(&e);
-        }
-    }
+    time_failure<text_error>(state, fail_with_detail_boost, narrow_text + narrow_added);
 }
 BENCHMARK(detail_boost)
     ->Name("further, messages and exceptions: detail added on the way/boost::exception");

@@ -31,6 +31,13 @@ const std::string& directory()
     return made.path;
 }
 
+/// What mkstemp(), mkdtemp() and Qt make a new path of: they put six letters of their own in place
+/// of the last six.
+std::string new_path(const char* prefix)
+{
+    return directory() + '/' + prefix + std::string(6, 'X');
+}
+
 const int environment = setenv("TMP", directory().c_str(), 1);
 
 /// What every way must leave: an empty file that only its owner may use.
@@ -61,7 +68,7 @@ void file_kvutil(benchmark::State& state)
 /// Ours has a name, which a caller can hand to others. Asked for it, Qt gives the file one too.
 void file_qt(benchmark::State& state)
 {
-    const QString pattern = QString::fromStdString(directory() + "/TMPXXXXXX");
+    const QString pattern = QString::fromStdString(new_path("TMP"));
     QTemporaryFile file(pattern);
     require_agreement(state, file.open() && is_as_agreed(file.fileName().toStdString()));
     for (auto _ : state) {
@@ -76,7 +83,7 @@ void file_qt(benchmark::State& state)
 /// Unasked, Qt may leave the file without a name.
 void nameless_file_qt(benchmark::State& state)
 {
-    const QString pattern = QString::fromStdString(directory() + "/TMPXXXXXX");
+    const QString pattern = QString::fromStdString(new_path("TMP"));
     for (auto _ : state) {
         QTemporaryFile next(pattern);
         benchmark::DoNotOptimize(next.open());
@@ -86,7 +93,7 @@ void nameless_file_qt(benchmark::State& state)
 
 void file_mkstemp(benchmark::State& state)
 {
-    const std::string pattern = directory() + "/TMPXXXXXX";
+    const std::string pattern = new_path("TMP");
     std::string path = pattern;
     close(mkstemp(path.data()));
     require_agreement(state, is_as_agreed(path));
@@ -151,7 +158,7 @@ void group_of_files(benchmark::State& state, int count)
 
 void group_of_files_mkstemp(benchmark::State& state, int count)
 {
-    const std::string pattern = directory() + "/TMPXXXXXX";
+    const std::string pattern = new_path("TMP");
     for (auto _ : state) {
         std::vector<std::string> names(static_cast<std::size_t>(count), pattern);
         for (std::string& name : names)
@@ -187,7 +194,7 @@ BENCHMARK(private_directory_kvutil)->Name(PRIVATE "kvutil");
 #ifdef KVUTIL_BENCH_QT
 void private_directory_qt(benchmark::State& state)
 {
-    const QString pattern = QString::fromStdString(directory() + "/DIRXXXXXX");
+    const QString pattern = QString::fromStdString(new_path("DIR"));
     for (auto _ : state) {
         QTemporaryDir next(pattern);
         benchmark::DoNotOptimize(next.filePath(QStringLiteral("a.txt")));
@@ -199,7 +206,7 @@ BENCHMARK(private_directory_qt)->Name(PRIVATE "Qt");
 /// Deleted with the file that may be in it.
 void private_directory_mkdtemp(benchmark::State& state)
 {
-    const std::string pattern = directory() + "/DIRXXXXXX";
+    const std::string pattern = new_path("DIR");
     for (auto _ : state) {
         std::string path = pattern;
         if (mkdtemp(path.data()) == nullptr)
