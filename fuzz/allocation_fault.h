@@ -12,6 +12,20 @@ inline unsigned long fault_of(input_t& input)
     return byte < 32 ? byte : 0;
 }
 
+/// What the input wants next: the operation's letter, behind '!' and a byte where an allocation of
+/// it is to fail.
+struct step_t {
+    explicit step_t(input_t& input) : letter(input.byte())
+    {
+        if (letter != '!')
+            return;
+        fault = fault_of(input);
+        letter = input.byte();
+    }
+    std::uint8_t letter;
+    unsigned long fault = 0;
+};
+
 /// Runs `operation` with its `nth` allocation failing, those of ICU included; 0 lets it have all.
 /// @return  false when std::bad_alloc came out, as it may only where an allocation has failed
 template <class Operation>

@@ -106,13 +106,9 @@ public:
 
     void step(input_t& input)
     {
-        fault_ = 0;
-        std::uint8_t letter = input.byte();
-        if (letter == '!') {
-            fault_ = fault_of(input);
-            letter = input.byte();
-        }
-        switch (letter) {
+        const step_t next(input);
+        fault_ = next.fault;
+        switch (next.letter) {
         case 'p':
             add_property(text_of(input.byte()), text_of(input.byte()));
             break;

@@ -120,14 +120,10 @@ public:
 
     void step(input_t& input)
     {
-        fault_ = 0;
-        std::uint8_t letter = input.byte();
-        if (letter == '!') {
-            fault_ = fault_of(input);
-            letter = input.byte();
-        }
+        const step_t next(input);
+        fault_ = next.fault;
         g_call.reset();
-        operate(letter, input);
+        operate(next.letter, input);
         check();
     }
 

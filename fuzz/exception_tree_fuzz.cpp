@@ -156,13 +156,9 @@ class run_t {
 public:
     void step(input_t& input)
     {
-        fault_ = 0;
-        std::uint8_t letter = input.byte();
-        if (letter == '!') {
-            fault_ = fault_of(input);
-            letter = input.byte();
-        }
-        operate(letter, input);
+        const step_t next(input);
+        fault_ = next.fault;
+        operate(next.letter, input);
     }
 
     void check() const

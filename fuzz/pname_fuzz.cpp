@@ -63,13 +63,8 @@ class run_t {
 public:
     void step(input_t& input)
     {
-        unsigned long fault = 0;
-        std::uint8_t letter = input.byte();
-        if (letter == '!') {
-            fault = fault_of(input);
-            letter = input.byte();
-        }
-        operate(letter, input, fault);
+        const step_t next(input);
+        operate(next.letter, input, next.fault);
         require(units_of(main_.name.path()) == main_.model.path);
         require(units_of(other_.name.path()) == other_.model.path);
     }

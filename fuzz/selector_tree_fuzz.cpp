@@ -164,13 +164,9 @@ class run_t {
 public:
     void step(input_t& input)
     {
-        fault_ = 0;
-        std::uint8_t letter = input.byte();
-        if (letter == '!') {
-            fault_ = fault_of(input);
-            letter = input.byte();
-        }
-        operate(letter, input);
+        const step_t next(input);
+        fault_ = next.fault;
+        operate(next.letter, input);
         for (const pair_t* const pair : {&main_, &other_}) {
             require(literal::fields(pair->selector) == pair->model.fields);
             require(pair->selector.is_nil() == pair->model.is_nil());

@@ -203,13 +203,9 @@ public:
 
     void step(input_t& input)
     {
-        fault_ = 0;
-        std::uint8_t letter = input.byte();
-        if (letter == '!') {
-            fault_ = fault_of(input);
-            letter = input.byte();
-        }
-        operate(letter, input);
+        const step_t next(input);
+        fault_ = next.fault;
+        operate(next.letter, input);
         require(XmlTag::g_num_defined_tags == model_.next_id());
         require(XmlTag::g_sorted_namespace_vector->size() ==
                 static_cast<std::size_t>(model_.num_namespaces()));

@@ -124,14 +124,9 @@ class run_t {
 public:
     void step(input_t& input)
     {
-        fault_ = 0;
-        const std::uint8_t letter = input.byte();
-        if (letter == '!') {
-            fault_ = fault_of(input);
-            edit(input.byte(), input);
-        } else {
-            edit(letter, input);
-        }
+        const step_t next(input);
+        fault_ = next.fault;
+        edit(next.letter, input);
         require(main_.agrees() && other_.agrees() && own_.agrees());
         if (main_.model.size() > LONGEST_TEXT)
             main_ = pair_t();
