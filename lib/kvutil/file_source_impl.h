@@ -17,9 +17,8 @@ public:
     explicit file_source_t(descriptor_t descriptor) noexcept;
 
     /// A signal that arrives meanwhile is no failure.
-    /// @return whether there were so many bytes; otherwise `errno` says why not, and 0 that the
-    /// file
-    ///         ended
+    /// @return  whether there were so many bytes; otherwise `errno` says why not: 0 at the file's
+    /// end
     bool read(void* to, std::size_t size)
     {
         if (size > available())
