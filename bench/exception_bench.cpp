@@ -34,14 +34,14 @@ std::string text_of(const std::runtime_error& e)
     return e.what();
 }
 
-/// Times `fail`, which is to throw an Error that says `text`.
+/// Times `fail`, which is to throw an Error that says `expected`.
 template <class Error, class Fail>
-void time_failure(benchmark::State& state, Fail fail, const std::string& text)
+void time_failure(benchmark::State& state, Fail fail, const std::string& expected)
 {
     try {
         fail();
     } catch (const Error& e) {
-        require_agreement(state, text_of(e) == text);
+        require_agreement(state, text_of(e) == expected);
     }
     for (auto _ : state) {
         try {
