@@ -3,13 +3,13 @@
 #include <kvutil/arm.h>
 #include <kvutil/stpexception.h>
 
-#include "support/address_sanitizer.h"
 #include "support/arm4_layout.h"
 #include "support/arm_record.h"
 #include "support/child.h"
 #include "support/failure.h"
 #include "support/memory_fault.h"
 #include "support/recording_logger.h"
+#include "support/sanitizer.h"
 #include "support/small_stack.h"
 #include "support/text.h"
 

@@ -3,6 +3,7 @@
 #include "support/child.h"
 #include "support/fake_arm4_runtime.h"
 #include "support/memory_fault.h"
+#include "support/sanitizer.h"
 #include "support/small_stack.h"
 #include "support/text.h"
 
@@ -30,18 +31,7 @@ typedef Kvl::ArmPerThreadOperationStack Stack;
 
 constexpr int UNAVAILABLE = -21000;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-#define KVUTIL_IS_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#define KVUTIL_IS_SANITIZED 1
-#endif
-#endif
-#ifdef KVUTIL_IS_SANITIZED
-constexpr int SCALE = 20;
-#else
-constexpr int SCALE = 1;
-#endif
+constexpr int SCALE = IS_SANITIZED ? 20 : 1;
 
 typedef std::vector<std::string> calls_t;
 

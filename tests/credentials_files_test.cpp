@@ -7,6 +7,7 @@
 #include "support/credentials_model.h"
 #include "support/files.h"
 #include "support/restricted_child.h"
+#include "support/sanitizer.h"
 #include "support/scratch.h"
 #include "support/text.h"
 
@@ -662,11 +663,10 @@ void cancel_while_waiting(Operation operation)
 
 TEST_F(CredentialsFiles, AreClosedWhenTheThreadThatUsesThemIsCancelled)
 {
-#ifdef __SANITIZE_ADDRESS__
     // It takes what a cancellation leaves of inner frames for live ones, and stops at the clean-up
     // of the outer ones.
-    GTEST_SKIP() << "the address sanitizer does not follow the cancellation of a thread";
-#endif
+    if (HAS_ADDRESS_SANITIZER)
+        GTEST_SKIP() << "the address sanitizer does not follow the cancellation of a thread";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     cancel_while_waiting([&] { Credentials().read_from_file(path, false); });
     cancel_while_waiting([&] { sample().write_to_file(path); });

@@ -1,6 +1,7 @@
 #include <kvutil/critsec.h>
 
 #include "critsec_lock_impl.h"
+#include "support/sanitizer.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -19,14 +20,6 @@ namespace {
 using Kvl::CriticalSection;
 using Kvl::CriticalSectionLock;
 using namespace std::chrono_literals;
-
-#if defined(__SANITIZE_THREAD__)
-constexpr bool WATCHED_BY_TSAN = true;
-#elif defined(__has_feature)
-constexpr bool WATCHED_BY_TSAN = __has_feature(thread_sanitizer);
-#else
-constexpr bool WATCHED_BY_TSAN = false;
-#endif
 
 static_assert(!std::is_copy_constructible_v<CriticalSectionLock>);
 static_assert(!std::is_copy_assignable_v<CriticalSectionLock>);
@@ -152,7 +145,7 @@ TEST(CriticalSectionLock, CreatedAndDestroyedInTheChildOfAFork)
 
 TEST(CriticalSectionLock, StartsFreeInTheChildWhenTheForkingThreadHeldIt)
 {
-    if (WATCHED_BY_TSAN)
+    if (HAS_THREAD_SANITIZER)
         GTEST_SKIP() << "the sanitizer does not learn that a mutex was made anew";
     const CriticalSectionLock lock;
     const CriticalSection section(lock);

@@ -5,11 +5,11 @@
 #include <kvutil/fileutl.h>
 #include <kvutil/stpexception.h>
 
-#include "support/address_sanitizer.h"
 #include "support/child.h"
 #include "support/failure.h"
 #include "support/memory_fault.h"
 #include "support/recording_logger.h"
+#include "support/sanitizer.h"
 #include "support/scratch.h"
 #include "support/small_stack.h"
 #include "support/text.h"

@@ -1,5 +1,6 @@
 // The request program as a client sees it: what it is asked, what it answers and how it ends.
 
+#include "support/sanitizer.h"
 #include "support/text.h"
 #include "xml_writer.h"
 
@@ -950,20 +951,6 @@ private:
     std::atomic<bool> ended_{false};
     std::thread reader_;
 };
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KVUTIL_TEST_IS_SANITIZED
-#endif
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KVUTIL_TEST_IS_SANITIZED
-#endif
-
-#ifdef KVUTIL_TEST_IS_SANITIZED
-constexpr bool IS_SANITIZED = true;
-#else
-constexpr bool IS_SANITIZED = false;
-#endif
 
 // Every third line is one of the rejected kinds.
 std::string generated_lines(unsigned long first, unsigned long end)

@@ -1,6 +1,7 @@
 #include "sysutl_ieee_hostid_impl.h"
 
 #include "support/child.h"
+#include "support/sanitizer.h"
 #include "support/small_stack.h"
 #include "sys_calls_impl.h"
 
@@ -26,14 +27,6 @@
 #include <vector>
 
 namespace {
-
-#if defined(__SANITIZE_THREAD__)
-constexpr bool WATCHED_BY_TSAN = true;
-#elif defined(__has_feature)
-constexpr bool WATCHED_BY_TSAN = __has_feature(thread_sanitizer);
-#else
-constexpr bool WATCHED_BY_TSAN = false;
-#endif
 
 using Kvl::HostIdImpl::address_t;
 using Kvl::HostIdImpl::answer_t;
@@ -499,7 +492,7 @@ std::atomic<int> g_readers{0};
 // The child's thread is not the one that looks, and that one is not there.
 TEST(HostIdCache, IsFilledByTheChildOfAForkWhileAnotherThreadLooks)
 {
-    if (WATCHED_BY_TSAN)
+    if (HAS_THREAD_SANITIZER)
         GTEST_SKIP() << "the sanitizer's pthread_once() waits for a thread that is not there";
     fake_kernel_t kernel;
     kernel.content += line("eth0");

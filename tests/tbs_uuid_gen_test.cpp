@@ -2,6 +2,7 @@
 #include <kvutil/tbs_uuid_gen.h>
 
 #include "support/child.h"
+#include "support/sanitizer.h"
 #include "support/small_stack.h"
 
 #include <gtest/gtest.h>
@@ -21,13 +22,7 @@ namespace {
 
 // Instrumented code makes them an order of magnitude more slowly than the clock allows, so fewer
 // do.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int SHARE = 10;
-#elif defined(__has_feature)
-constexpr int SHARE = __has_feature(thread_sanitizer) || __has_feature(address_sanitizer) ? 10 : 1;
-#else
-constexpr int SHARE = 1;
-#endif
+constexpr int SHARE = IS_SANITIZED ? 10 : 1;
 
 constexpr std::uint64_t UNITS_PER_WINDOW = 1 << 20;
 constexpr std::uint32_t SEQUENCES = 1 << 18;

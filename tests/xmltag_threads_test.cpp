@@ -1,7 +1,7 @@
 #include <kvutil/stpexception.h>
 #include <kvutil/xmltag.h>
 
-#include "support/address_sanitizer.h"
+#include "support/sanitizer.h"
 #include "support/text.h"
 
 #include <gtest/gtest.h>
