@@ -3,6 +3,7 @@
 #include "support/child.h"
 #include "support/davtime_literal.h"
 #include "support/memory_fault.h"
+#include "support/sanitizer.h"
 #include "support/small_stack.h"
 #include "support/text.h"
 
@@ -448,14 +449,15 @@ TEST(DavTimeParse, AgreesWithScanfOnManyTexts)
     almost_times texts;
     int read = 0;
     int refused = 0;
-    for (int i = 0; i < 150'000; ++i) {
+    constexpr int COUNT = 150'000 / ONE_IN;
+    for (int i = 0; i < COUNT; ++i) {
         const UString text = texts.next();
         const std::optional<std::time_t> expected = literal::parse_davtime(text);
         ASSERT_EQ(parsed(text), expected.value_or(0)) << testing::PrintToString(text);
         ++(expected ? read : refused);
     }
-    EXPECT_GT(read, 30'000);
-    EXPECT_GT(refused, 30'000);
+    EXPECT_GT(read, COUNT / 5);
+    EXPECT_GT(refused, COUNT / 5);
 }
 
 TEST(DavTimeParse, AllocatesNothing)
@@ -548,7 +550,7 @@ TEST(DavTimeToString, AgreesWithTheCLibraryOnEveryDay)
     constexpr std::time_t to_year_9600 = 2'786'800;
     constexpr std::time_t days_of_400_years = 146'097;
     for (const std::time_t first : {to_year_998, to_year_9600}) {
-        for (std::time_t day = first; day < first + days_of_400_years + 4 * 366; ++day) {
+        for (std::time_t day = first; day < first + days_of_400_years + 4 * 366; day += ONE_IN) {
             const std::time_t t = day * DAY + (day * 4'711 % DAY + DAY) % DAY;
             ASSERT_EQ(printed(t, DavTime::ISO8601), literal::iso8601_text(t)) << t;
             ASSERT_EQ(printed(t, DavTime::RFC1123), literal::rfc1123_text(t)) << t;
@@ -558,7 +560,7 @@ TEST(DavTimeToString, AgreesWithTheCLibraryOnEveryDay)
 
 TEST(DavTimeToString, AgreesWithTheCLibraryOnEverySecondOfADay)
 {
-    for (std::time_t t = NOVEMBER_1994; t < NOVEMBER_1994 + DAY; ++t) {
+    for (std::time_t t = NOVEMBER_1994; t < NOVEMBER_1994 + DAY; t += ONE_IN) {
         ASSERT_EQ(printed(t, DavTime::ISO8601), literal::iso8601_text(t)) << t;
         ASSERT_EQ(printed(t, DavTime::RFC1123), literal::rfc1123_text(t)) << t;
     }

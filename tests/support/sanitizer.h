@@ -28,6 +28,10 @@ inline constexpr bool HAS_THREAD_SANITIZER = KVUTIL_TESTS_UNDER_TSAN;
 /// Instrumented code is an order of magnitude slower.
 inline constexpr bool IS_SANITIZED = HAS_ADDRESS_SANITIZER || HAS_THREAD_SANITIZER;
 
+/// Of many cases that are alike, one in so many is tried: all of them where nothing slows them
+/// down.
+inline constexpr int ONE_IN = IS_SANITIZED ? 11 : 1;
+
 #undef KVUTIL_TESTS_UNDER_ASAN
 #undef KVUTIL_TESTS_UNDER_TSAN
 
