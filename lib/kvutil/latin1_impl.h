@@ -18,6 +18,9 @@ namespace Kvl {
 constexpr char16_t LAST_OF_ASCII = 0x7F;
 constexpr char16_t LAST_OF_LATIN1 = 0xFF;
 
+/// Most texts are not longer, so up to here what they need is done without calls and loops.
+constexpr std::size_t SHORT = 64;
+
 struct narrowed_t {
     std::size_t units;  ///< all, or fewer when there is a unit beyond the last
     bool has_zero;      ///< whether one of those is U+0000
@@ -73,6 +76,32 @@ inline void widen_few(const unsigned char* p, std::size_t size, char16_t* to, co
     std::copy_n(units.data(), size, to);
 }
 
+/// Sixteen at a time without a loop, some of them twice.
+/// @param size  16 to SHORT
+/// @param step  (where)
+template <class Step>
+inline void for_each_16(std::size_t size, Step step)
+{
+    step(std::size_t{0});
+    step(size - 16);
+    if (size <= 32)
+        return;
+    step(std::size_t{16});
+    step(size - 32);
+}
+
+inline bool is_ascii_short(const unsigned char* p, std::size_t size)
+{
+    __m128i any = zero();
+    for_each_16(size, [&](std::size_t at) { any = _mm_or_si128(any, load(p + at)); });
+    return is_ascii(any);
+}
+
+inline void widen_short(const unsigned char* p, std::size_t size, char16_t* to)
+{
+    for_each_16(size, [&](std::size_t at) { widen_block(load(p + at), to + at); });
+}
+
 inline void widen_by_16(const unsigned char* p, std::size_t size, char16_t* to)
 {
     for (std::size_t done = 0; done < size; done += 16) {
@@ -94,6 +123,23 @@ inline narrowed_t narrow_few(std::u16string_view text, char16_t last, char* to)
     store(to, packed);
     const unsigned int zeros = bits(_mm_cmpeq_epi8(packed, zero()));
     return {text.size(), (zeros & ((1u << text.size()) - 1)) != 0};
+}
+
+inline narrowed_t narrow_short(std::u16string_view text, char16_t last, char* to)
+{
+    __m128i any = zero();
+    __m128i least = bytes(0xFF);
+    for_each_16(text.size(), [&](std::size_t at) {
+        const __m128i low = load(text.data() + at);
+        const __m128i high = load(text.data() + at + 8);
+        const __m128i packed = _mm_packus_epi16(low, high);
+        any = _mm_or_si128(any, _mm_or_si128(low, high));
+        least = _mm_min_epu8(least, packed);
+        store(to + at, packed);
+    });
+    if (!is_zero(_mm_and_si128(any, words(~last))))
+        return {0, false};
+    return {text.size(), bits(_mm_cmpeq_epi8(least, zero())) != 0};
 }
 
 inline narrowed_t narrow_by_16(std::u16string_view text, char16_t last, char* to)
@@ -195,6 +241,8 @@ inline std::size_t ascii_at_front(std::string_view bytes) noexcept
 #ifdef KVUTIL_HAVE_SIMD
     if (size < 16)
         return simd::is_ascii(simd::load_few(p, size)) ? size : 0;
+    if (size <= SHORT)
+        return simd::is_ascii_short(p, size) ? size : 0;
     if (size < simd::LONG || !simd::has_avx2())
         return simd::ascii_by_16(p, size);
     const std::size_t done = simd::ascii_by_128(p, size);
@@ -230,7 +278,9 @@ inline void widen(std::string_view bytes, char16_t* to,
 #ifdef KVUTIL_HAVE_SIMD
     if (bytes.size() < 16)
         return simd::widen_few(p, bytes.size(), to, limit);
-    if (bytes.size() < 32 || !simd::has_avx2())
+    if (bytes.size() <= SHORT)
+        return simd::widen_short(p, bytes.size(), to);
+    if (!simd::has_avx2())
         return simd::widen_by_16(p, bytes.size(), to);
     simd::widen_by_32(p, bytes.size(), to);
 #else
@@ -246,7 +296,9 @@ inline narrowed_t narrow(std::u16string_view text, char16_t last, char* to) noex
 #ifdef KVUTIL_HAVE_SIMD
     if (text.size() < 16)
         return simd::narrow_few(text, last, to);
-    if (text.size() < 32 || !simd::has_avx2())
+    if (text.size() <= SHORT)
+        return simd::narrow_short(text, last, to);
+    if (!simd::has_avx2())
         return simd::narrow_by_16(text, last, to);
     return simd::narrow_by_32(text, last, to);
 #else
@@ -257,6 +309,14 @@ inline narrowed_t narrow(std::u16string_view text, char16_t last, char* to) noex
     }
     return done;
 #endif
+}
+
+/// narrow()
+/// @return  whether it made a byte of every unit, and none of zero
+inline bool narrow_whole(std::u16string_view text, char16_t last, char* to) noexcept
+{
+    const narrowed_t narrowed = narrow(text, last, to);
+    return narrowed.units == text.size() && !narrowed.has_zero;
 }
 
 }  // namespace Kvl

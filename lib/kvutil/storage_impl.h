@@ -60,13 +60,33 @@ inline char16_t* writable(icu::UnicodeString& text)
     return const_cast<char16_t*>(text.getBuffer());
 }
 
+/// The units of a text and the room behind them: asked for once, where the text object would be
+/// asked again and again.
+struct unit_room_t {
+    /// @param text  exclusive
+    explicit unit_room_t(icu::UnicodeString& text)
+        : begin(writable(text)), end(begin + text.getCapacity())
+    {
+    }
+    char16_t* const begin;
+    char16_t* const end;
+};
+
 /// Sets the length and, where there is room, the terminator.
+/// @param room    of this text
+/// @param length  which fits
+inline void set_length(icu::UnicodeString& text, const unit_room_t& room, std::size_t length)
+{
+    if (room.begin + length < room.end)
+        room.begin[length] = 0;
+    (text.*member_named_by(set_length_t()))(static_cast<std::int32_t>(length));
+}
+
+/// The same.
 /// @param text  exclusive, with a capacity of at least `length`, which ICU's lengths hold
 inline void set_length(icu::UnicodeString& text, std::size_t length)
 {
-    if (length < static_cast<std::size_t>(text.getCapacity()))
-        writable(text)[length] = 0;
-    (text.*member_named_by(set_length_t()))(static_cast<std::int32_t>(length));
+    set_length(text, unit_room_t(text), length);
 }
 
 /// @return  `units`, if a text can be so long
@@ -98,23 +118,38 @@ inline bool is_inline(const icu::UnicodeString& text)
     return is_inside(text.getBuffer(), &text, &text + 1);
 }
 
-/// Makes the capacity at least `units`, in place: an empty text has nothing to lose on the way.
+/// Ends ICU's bogus state, in which it leaves a text that gets no memory.
+[[noreturn]] inline void throw_no_memory(icu::UnicodeString& text)
+{
+    text.remove();
+    throw std::bad_alloc();
+}
+
+/// Whether there is nothing in the text to keep, share or release, as when it is new.
+inline bool is_new(const icu::UnicodeString& text)
+{
+    return text.isEmpty() != 0 && is_inline(text);
+}
+
+/// Makes the capacity at least `units`, without ICU's questions about what there is.
+/// @param text  is_new(); its length is to be set
+/// @throws std::bad_alloc there is no memory, or a text cannot be so long
+inline void make_room_in_new(icu::UnicodeString& text, std::size_t units)
+{
+    const bool has_room = units <= INLINE_UNITS ||
+                          (text.*member_named_by(allocate_t()))(checked_capacity(units)) != 0;
+    if (!has_room)
+        throw_no_memory(text);
+}
+
+/// The same in place of a buffer, by ICU's public way.
 /// @param text  empty and exclusive
 /// @throws std::bad_alloc there is no memory, or a text cannot be so long
 inline void make_room_in_empty(icu::UnicodeString& text, std::size_t units)
 {
-    const std::int32_t capacity = checked_capacity(units);
-    // ICU's public way copies what there is, and asks first; here is nothing to copy or release.
-    const bool has_room = is_inline(text) ? (text.*member_named_by(allocate_t()))(capacity) != 0
-                                          : text.getBuffer(capacity) != nullptr;
-    if (!has_room) {
-        text.remove();
-        throw std::bad_alloc();
-    }
-    if (is_open(text))
-        text.releaseBuffer(0);
-    else
-        set_length(text, 0);
+    if (text.getBuffer(checked_capacity(units)) == nullptr)
+        throw_no_memory(text);
+    text.releaseBuffer(0);
 }
 
 /// With room to spare, so that appending unit by unit stays linear.

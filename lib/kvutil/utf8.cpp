@@ -540,7 +540,7 @@ std::size_t measure(std::string_view bytes)
 
 }  // namespace
 
-std::size_t utf16_length_of(std::string_view bytes) noexcept
+std::size_t measured_utf16_length_of(std::string_view bytes) noexcept
 {
     const std::size_t ascii = ascii_at_front(bytes);
     if (ascii == bytes.size())
@@ -549,10 +549,9 @@ std::size_t utf16_length_of(std::string_view bytes) noexcept
     return others == 0 ? 0 : ascii + others;
 }
 
-void utf8_to_utf16(std::string_view bytes, std::size_t length, char16_t* to,
-                   const char16_t* limit) noexcept
+void any_utf8_to_utf16(std::string_view bytes, std::size_t length, char16_t* to,
+                       const char16_t* limit) noexcept
 {
-    // Every other character takes fewer units than bytes.
     const bool is_all_ascii = length == bytes.size();
     if (is_all_ascii)
         return widen(bytes, to, limit);

@@ -1,6 +1,8 @@
 #ifndef KVUTIL_UTF8_IMPL_H
 #define KVUTIL_UTF8_IMPL_H
 
+#include "latin1_impl.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -12,15 +14,29 @@ namespace Kvl {
 // pass that checks and measures, so that the result is made once and in its place, and a pass that
 // converts what is known to be well-formed. Neither of these allocates or throws.
 
+// The two as calls, for texts of any kind.
+std::size_t measured_utf16_length_of(std::string_view bytes) noexcept;
+void any_utf8_to_utf16(std::string_view bytes, std::size_t length, char16_t* to,
+                       const char16_t* limit) noexcept;
+
 /// @return  the UTF-16 length in units; 0 when the bytes are malformed, as when there are none
-std::size_t utf16_length_of(std::string_view bytes) noexcept;
+inline std::size_t utf16_length_of(std::string_view bytes) noexcept
+{
+    const bool is_short_ascii = bytes.size() <= SHORT && ascii_at_front(bytes) == bytes.size();
+    return is_short_ascii ? bytes.size() : measured_utf16_length_of(bytes);
+}
 
 /// @param bytes   well-formed
 /// @param length  utf16_length_of(bytes)
 /// @param to      room for `length` units
 /// @param limit   end of the room; what lies between the text and the limit may be overwritten
-void utf8_to_utf16(std::string_view bytes, std::size_t length, char16_t* to,
-                   const char16_t* limit) noexcept;
+inline void utf8_to_utf16(std::string_view bytes, std::size_t length, char16_t* to,
+                          const char16_t* limit) noexcept
+{
+    // Every character that is not ASCII takes fewer units than bytes.
+    const bool is_short_ascii = bytes.size() <= SHORT && length == bytes.size();
+    return is_short_ascii ? widen(bytes, to, limit) : any_utf8_to_utf16(bytes, length, to, limit);
+}
 
 /// @return  the UTF-8 size in bytes; nothing when there is an unpaired surrogate
 std::optional<std::size_t> utf8_size_of(std::u16string_view text) noexcept;
