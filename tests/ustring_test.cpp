@@ -1508,6 +1508,133 @@ TEST(UStringKnownCharset, DoesNotHideWhichConverterAStringHas)
     EXPECT_EQ(converted(chinese, BY_NAME), FROM_FRESH) << "replaced in between";
 }
 
+// The rule by which a string keeps a converter holds where none was needed: what ICU does not open
+// is understood while it compares equal to the name of what the string has.
+TEST(UStringKnownCharset, IsKeptWhileItsNameFits)
+{
+    for (const auto& [name, only_fits] :
+         {std::pair("ISO-8859-1", "iso,8859 1"), {"Shift_JIS", "ibm,943_P15A-2003"}}) {
+        EXPECT_EQ(converted(UString(u"plain"), only_fits), "") << "fresh";
+        for (int round = 0; round < 2; ++round) {
+            const UString s(u"plain");
+            EXPECT_EQ(converted(s, name), "plain");
+            EXPECT_EQ(converted(s, only_fits), "plain") << "kept";
+            EXPECT_EQ(converted(s, "windows-1252"), "plain");
+            EXPECT_EQ(converted(s, only_fits), "") << "replaced in between";
+            UString t;
+            EXPECT_EQ(t.assign("plain", name), &t);
+            EXPECT_EQ(t.assign("still plain", only_fits), &t);
+            EXPECT_EQ(str(t), u"still plain");
+            EXPECT_EQ(t.assign("plain", "no-such-charset"), nullptr);
+            EXPECT_EQ(t.assign("plain", only_fits), nullptr) << "let go in between";
+        }
+    }
+}
+
+// ---- charsets of two bytes a character ----
+
+bool is_double_byte(const char* name)
+{
+    UErrorCode status = U_ZERO_ERROR;
+    UConverter* const converter = ucnv_open(name, &status);
+    if (converter == nullptr)
+        return false;
+    const UConverterType type = ucnv_getType(converter);
+    ucnv_close(converter);
+    return type == UCNV_MBCS || type == UCNV_DBCS;
+}
+
+std::vector<const char*> double_byte_charsets()
+{
+    std::vector<const char*> names;
+    for (int i = 0; i < ucnv_countAvailable(); ++i)
+        if (is_double_byte(ucnv_getAvailableName(i)))
+            names.push_back(ucnv_getAvailableName(i));
+    return names;
+}
+
+std::string two_bytes(unsigned int number)
+{
+    return {static_cast<char>(number >> 8), static_cast<char>(number)};
+}
+
+// More often than the library converts a character before it learns what the character is.
+void convert_often(const char* name)
+{
+    bool failed = false;
+    for (int i = 0; i < 100; ++i)
+        for (unsigned int page = 0; page <= 0xFF; ++page) {
+            UString().assign(two_bytes(page << 8 | 0xA1), name);
+            UString(std::u16string(1, static_cast<char16_t>(page << 8 | 0x42)))
+                .std_str(name, failed);
+        }
+}
+
+TEST(UStringDoubleByteCharset, ConvertsEveryPairOfBytesAndEveryUnitAsItsConverterDoes)
+{
+    for (const char* const name : double_byte_charsets()) {
+        known_charset charset(name);
+        convert_often(name);
+        for (unsigned int number = 0; number <= 0xFFFF; ++number) {
+            ASSERT_TRUE(charset.decodes_alike(two_bytes(number))) << name << ' ' << number;
+            ASSERT_TRUE(charset.encodes_alike({static_cast<char16_t>(number), u'z'}))
+                << name << ' ' << number;
+        }
+    }
+}
+
+// What the bytes of a character are may depend on the next one: there are letters that have one
+// code together with an accent.
+TEST(UStringDoubleByteCharset, ConvertsLettersWithAccentsAsItsConverterDoes)
+{
+    const char* const name = "ibm-16684";
+    known_charset charset(name);
+    convert_often(name);
+    ASSERT_EQ(charset.encoded(u"\u00E6\u0300").size(), 2u) << "bytes";
+    for (const char16_t accent : {u'\u0300', u'\u0301', u'\u309A'})
+        for (unsigned int unit = 1; unit <= 0xFFFF; ++unit)
+            ASSERT_TRUE(charset.encodes_alike({static_cast<char16_t>(unit), accent})) << unit;
+}
+
+TEST(UStringDoubleByteCharset, ConvertsTextsAsItsConverterDoes)
+{
+    std::minstd_rand random(5);
+    for (const char* const name : double_byte_charsets()) {
+        known_charset charset(name);
+        convert_often(name);
+        for (int i = 0; i < 500; ++i) {
+            std::string bytes;
+            for (std::size_t length = random() % 90; bytes.size() <= length;)
+                bytes += random() % 4 == 0
+                             ? "a"
+                             : two_bytes(static_cast<unsigned int>(random() & 0xFFFF) | 0x8080);
+            ASSERT_TRUE(charset.decodes_alike(bytes)) << name;
+            // Also such as have no substitutes in them.
+            std::u16string text = charset.decoded(bytes);
+            if (i % 2 != 0)
+                text.erase(std::remove(text.begin(), text.end(), u'\uFFFD'), text.end());
+            ASSERT_TRUE(text.empty() || charset.encodes_alike(text)) << name;
+            ASSERT_TRUE(text.empty() || charset.decodes_alike(charset.encoded(text))) << name;
+        }
+    }
+}
+
+TEST(UStringDoubleByteCharset, IsLearnedByThreadsAtOnce)
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([] {
+            for (int i = 0; i < 300; ++i) {
+                UString s;
+                s.assign("\xB0\xA1\xB0\xA2", "EUC-KR");
+                EXPECT_EQ(str(s), u"\uAC00\uAC01");
+                EXPECT_EQ(converted(s, "EUC-KR"), "\xB0\xA1\xB0\xA2");
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
 TEST(UStringConverter, PoolServesThreadsAtOnce)
 {
     std::vector<std::thread> threads;
@@ -1960,6 +2087,21 @@ TEST(UStringMemory, ExhaustedInOpeningAConverterIsNoUnknownCharset)
                                            });
         EXPECT_GE(thrown, 2) << name;
     }
+}
+
+// What a charset's characters are is learned where there is memory for it, and needed by nobody.
+TEST(UStringMemory, ExhaustedInLearningACharacterChangesNothing)
+{
+    const UString s(u"\u4E2D");
+    EXPECT_EQ(converted(s, "EUC-TW"), "\xC4\xE3");
+    int struck = 0;
+    for (int i = 0; i < 300; ++i) {
+        const memory_fault fault(1);
+        const std::string bytes = converted(s, "EUC-TW");
+        struck += fault.struck();
+        ASSERT_EQ(bytes, "\xC4\xE3");
+    }
+    EXPECT_GE(struck, 1);
 }
 
 TEST(UStringMemory, BeyondIcusLengthsIsExhausted)

@@ -15,10 +15,9 @@
 
 namespace Kvl {
 
-struct charset_converter_t;  // private to the library
-struct constant_text_t;      // private to the library
-class known_charset_t;       // private to the library
-struct owned_text_t;         // private to the library
+struct constant_text_t;  // private to the library
+struct owned_text_t;     // private to the library
+class used_charset_t;    // private to the library
 
 /// A byte string that holds UTF-8 text. The bytes are not checked.
 /// @par Thread-safety
@@ -304,7 +303,7 @@ public:
 protected:
     /// Sets the converter cache to null without closing it: every constructor calls it once the
     /// base is built.
-    void initialize() noexcept { converter_ = nullptr; }
+    void initialize() noexcept { charset_ = nullptr; }
 
 private:
     friend struct constant_text_t;
@@ -328,12 +327,13 @@ private:
     void move_to_capacity(std::size_t units);
     template <class Write>
     UString& overwrite(std::size_t length, Write write);
+    bool can_overwrite(std::size_t length);
     UString& decode_utf8(const std::string& bytes, std::size_t length);
-    const charset_converter_t* converter_for(const char* charset) const;
-    const known_charset_t* known_charset_of(const char* charset) const;
+    const used_charset_t* charset_for(const char* charset) const;
+    UString* assign_converted(const std::string& bytes, const used_charset_t& charset);
 
-    // The converter used last, or null. A cache: no copy, move or swap hands it on.
-    mutable charset_converter_t* converter_;
+    // What converted last, or null. A cache: no copy, move or swap hands it on.
+    mutable const used_charset_t* charset_;
 };
 
 /// Comparison by UString::compare(). None throws. Texts of different lengths are not compared to

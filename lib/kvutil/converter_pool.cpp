@@ -12,7 +12,7 @@ namespace Kvl {
 
 namespace {
 
-using slot_t = std::atomic<charset_converter_t*>;
+using slot_t = std::atomic<const charset_converter_t*>;
 
 constexpr std::size_t SETS = 8;
 constexpr std::size_t SLOTS_PER_SET = 4;
@@ -30,20 +30,21 @@ slot_set_t& slots_for(std::string_view name)
 }
 
 // Whether the slot was empty and has the converter now.
-bool put(slot_t& slot, charset_converter_t* converter)
+bool put(slot_t& slot, const charset_converter_t* converter)
 {
-    charset_converter_t* empty = nullptr;
+    const charset_converter_t* empty = nullptr;
     return slot.compare_exchange_strong(empty, converter, std::memory_order_release,
                                         std::memory_order_relaxed);
 }
 
-charset_converter_t* take_idle(std::string_view name)
+const charset_converter_t* take_idle(std::string_view name)
 {
     for (slot_t& slot : slots_for(name)) {
         if (slot.load(std::memory_order_relaxed) == nullptr)
             continue;
         // Only the owner may look at the name, so a wrong one is taken out and put back.
-        charset_converter_t* const converter = slot.exchange(nullptr, std::memory_order_acquire);
+        const charset_converter_t* const converter =
+            slot.exchange(nullptr, std::memory_order_acquire);
         if (converter == nullptr)
             continue;
         if (converter->requested_name == name)
@@ -57,7 +58,7 @@ charset_converter_t* take_idle(std::string_view name)
 }  // namespace
 
 charset_converter_t::charset_converter_t(const char* name)
-    : requested_name(name), handle(ucnv_open(name, &open_status))
+    : used_charset_t(false), requested_name(name), handle(ucnv_open(name, &open_status))
 {
 }
 
@@ -66,10 +67,10 @@ charset_converter_t::~charset_converter_t()
     ucnv_close(handle);
 }
 
-charset_converter_t* take_converter(const char* name)
+const charset_converter_t* take_converter(const char* name)
 {
     // Whole texts are all that strings convert, and each such conversion resets the converter.
-    if (charset_converter_t* const idle = take_idle(name))
+    if (const charset_converter_t* const idle = take_idle(name))
         return idle;
     auto opened = std::make_unique<charset_converter_t>(name);
     if (opened->open_status == U_MEMORY_ALLOCATION_ERROR)
@@ -80,7 +81,7 @@ charset_converter_t* take_converter(const char* name)
     return opened.release();
 }
 
-void give_back_converter(charset_converter_t* converter) noexcept
+void give_back_converter(const charset_converter_t* converter) noexcept
 {
     slot_set_t& slots = slots_for(converter->requested_name);
     for (slot_t& slot : slots)

@@ -1,6 +1,8 @@
 #ifndef KVUTIL_CONVERTER_POOL_IMPL_H
 #define KVUTIL_CONVERTER_POOL_IMPL_H
 
+#include "used_charset_impl.h"
+
 #include <unicode/ucnv.h>
 
 #include <string>
@@ -9,7 +11,7 @@ namespace Kvl {
 
 // An ICU converter and the name it was asked for by. That name is its key in the pool: ICU's own
 // name for it leaves out options.
-struct charset_converter_t {
+struct charset_converter_t : used_charset_t {
     explicit charset_converter_t(const char* name);
     ~charset_converter_t();
     charset_converter_t(const charset_converter_t&) = delete;
@@ -29,11 +31,11 @@ struct charset_converter_t {
 /// @param name  not null
 /// @return      owned by the caller, who gives it back; null when ICU has none of this name
 /// @throws std::bad_alloc there is no memory to open it
-charset_converter_t* take_converter(const char* name);
+const charset_converter_t* take_converter(const char* name);
 
 /// Keeps the converter for others, or closes it.
 /// @param converter  not null
-void give_back_converter(charset_converter_t* converter) noexcept;
+void give_back_converter(const charset_converter_t* converter) noexcept;
 
 }  // namespace Kvl
 

@@ -1,7 +1,9 @@
 #include "known_charset_impl.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -78,15 +80,27 @@ bool is_single_byte(UConverter* converter)
            ucnv_getMaxCharSize(converter) == 1;
 }
 
+// @param text  shorter than the room
+template <class Room>
+Room terminated(std::string_view text)
+{
+    Room room{};
+    std::copy(text.begin(), text.end(), room.begin());
+    return room;
+}
+
 }  // namespace
 
-known_charset_t::known_charset_t(std::string_view name, UConverter* converter) noexcept
-    : name_size_(name.size())
+known_charset_t::known_charset_t(std::string_view name, std::string_view icu_name,
+                                 UConverter* converter)
+    : used_charset_t(true), name_size_(name.size()), name_(terminated<name_room_t>(name)),
+      icu_name_(terminated<name_room_t>(icu_name))
 {
-    std::copy(name.begin(), name.end(), name_.begin());
     learn_plain(converter);
     if (is_single_byte(converter))
         learn_table(converter);
+    if (double_bytes_t::can_serve(converter))
+        double_bytes_ = std::make_unique<const double_bytes_t>(name_.data(), converter);
 }
 
 void known_charset_t::learn_plain(UConverter* converter) noexcept
@@ -141,8 +155,8 @@ bool known_charset_t::put_in_table(char16_t unit, char byte) noexcept
 
 // ---- converting ----
 
-void known_charset_t::decode(std::string_view bytes, char16_t* to,
-                             const char16_t* limit) const noexcept
+void known_charset_t::decode_other(std::string_view bytes, char16_t* to,
+                                   const char16_t* limit) const noexcept
 {
     if (!has_table_ || is_plain(bytes))
         return widen(bytes, to, limit);
@@ -152,9 +166,8 @@ void known_charset_t::decode(std::string_view bytes, char16_t* to,
 
 bool known_charset_t::encode_plain(std::u16string_view text, char* to) const noexcept
 {
-    const narrowed_t narrowed = narrow(text, std::max(last_plain_, LAST_OF_ASCII), to);
-    const bool is_whole = narrowed.units == text.size() && !narrowed.has_zero;
-    return is_whole && is_plain({to, text.size()});
+    return narrow_whole(text, std::max(last_plain_, LAST_OF_ASCII), to) &&
+           (last_plain_ >= LAST_OF_ASCII || is_plain({to, text.size()}));
 }
 
 bool known_charset_t::encode_by_table(std::u16string_view text, char* to) const noexcept
@@ -167,61 +180,84 @@ bool known_charset_t::encode_by_table(std::u16string_view text, char* to) const 
     return has_all;
 }
 
-bool known_charset_t::encode_into(std::u16string_view text, char* to) const noexcept
+bool known_charset_t::encode_each(std::u16string_view text, char* to) const noexcept
 {
     return encode_plain(text, to) || (has_table_ && encode_by_table(text, to));
 }
 
-bool known_charset_t::encode(std::u16string_view text, std::string& bytes) const
+std::size_t known_charset_t::encode_other(std::u16string_view text, char* to) const noexcept
 {
-    std::array<char, 1024> buffer;
-    if (text.size() <= buffer.size()) {
-        const bool is_encoded = encode_into(text, buffer.data());
-        // Not assign(): in C++23 clang 14 takes it for a constant evaluation and allocates.
-        bytes.clear();
-        bytes.append(buffer.data(), is_encoded ? text.size() : 0);
-        return is_encoded;
-    }
-    bool is_encoded = false;
-    bytes.resize_and_overwrite(text.size(), [&](char* to, std::size_t size) {
-        is_encoded = encode_into(text, to);
-        return is_encoded ? size : 0;
-    });
-    return is_encoded;
+    if (encode_each(text, to))
+        return text.size();
+    return double_bytes_ == nullptr ? 0 : double_bytes_->encode(text, to);
+}
+
+void known_charset_t::encode(std::u16string_view text, std::string& bytes) const
+{
+    bytes.resize_and_overwrite(
+        text.size(), [&](char* to, std::size_t size) { return encode_each(text, to) ? size : 0; });
+    if (bytes.empty() && double_bytes_ != nullptr)
+        bytes.resize_and_overwrite(encoded_room(text.size()), [&](char* to, std::size_t) {
+            return double_bytes_->encode(text, to);
+        });
 }
 
 // ---- what is known ----
 
 namespace {
 
-constexpr std::size_t SETS = 16;
+// Multiplied by it, the low bits of a number decide its high bits.
+constexpr std::uint64_t SPREAD = 0x9E3779B97F4A7C15u;
+constexpr int SET_BITS = 6;
 constexpr std::size_t SLOTS_PER_SET = 4;
 using slot_t = std::atomic<const known_charset_t*>;
 using slot_set_t = std::array<slot_t, SLOTS_PER_SET>;
 
 // Filled from the front, and never changed or destroyed after that: whoever reads needs no lock.
-constinit std::array<slot_set_t, SETS> known_charsets{};
+constinit std::array<slot_set_t, 1 << SET_BITS> known_charsets{};
 
 slot_set_t& slots_for(std::string_view name)
 {
-    // Names that are used together differ in length or at the end: ISO-8859-1, ISO-8859-15.
-    const std::size_t last = name.empty() ? 0 : static_cast<unsigned char>(name.back());
-    return known_charsets[(name.size() * 5 + last) % SETS];
+    std::uint64_t hash = 0;
+    for (const char c : name)
+        hash = (hash + static_cast<unsigned char>(c)) * SPREAD;
+    return known_charsets[hash >> (64 - SET_BITS)];
+}
+
+const known_charset_t* look_up(std::string_view name)
+{
+    for (const slot_t& slot : slots_for(name)) {
+        const known_charset_t* const known = slot.load(std::memory_order_acquire);
+        if (known == nullptr || known->name() == name)
+            return known;
+    }
+    return nullptr;
+}
+
+// Mostly a name stands where it stood before, as a literal for one. What it was there is the guess,
+// and to check it costs less than to look up. Never changed once set: threads do not disturb each
+// other.
+constexpr int GUESS_BITS = 6;
+constinit std::array<slot_t, 1 << GUESS_BITS> guesses{};
+
+slot_t& guess_for(const char* name)
+{
+    const std::uint64_t spread = reinterpret_cast<std::uintptr_t>(name) * SPREAD;
+    return guesses[spread >> (64 - GUESS_BITS)];
 }
 
 }  // namespace
 
 const known_charset_t* known_charset(const char* name) noexcept
 {
-    if (name == nullptr)
-        return nullptr;
-    const std::string_view wanted = name;
-    for (const slot_t& slot : slots_for(wanted)) {
-        const known_charset_t* const known = slot.load(std::memory_order_acquire);
-        if (known == nullptr || known->name() == wanted)
-            return known;
-    }
-    return nullptr;
+    slot_t& guess = guess_for(name);
+    const known_charset_t* const guessed = guess.load(std::memory_order_acquire);
+    if (guessed != nullptr && std::strcmp(guessed->name().data(), name) == 0)
+        return guessed;
+    const known_charset_t* const known = look_up(name);
+    if (guessed == nullptr && known != nullptr)
+        guess.store(known, std::memory_order_release);
+    return known;
 }
 
 void learn_charset(const char* name, UConverter* converter)
@@ -230,7 +266,11 @@ void learn_charset(const char* name, UConverter* converter)
     const bool has_room = slots.back().load(std::memory_order_relaxed) == nullptr;
     if (!has_room || !known_charset_t::can_be_known(name) || known_charset(name) != nullptr)
         return;
-    auto learned = std::make_unique<const known_charset_t>(name, converter);
+    UErrorCode status = U_ZERO_ERROR;
+    const char* const icu_name = ucnv_getName(converter, &status);
+    if (U_FAILURE(status) || !known_charset_t::can_be_known(icu_name))
+        return;
+    auto learned = std::make_unique<const known_charset_t>(name, icu_name, converter);
     for (slot_t& slot : slots) {
         const known_charset_t* empty = nullptr;
         if (learned && slot.compare_exchange_strong(empty, learned.get()))

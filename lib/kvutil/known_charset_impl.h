@@ -1,12 +1,14 @@
 #ifndef KVUTIL_KNOWN_CHARSET_IMPL_H
 #define KVUTIL_KNOWN_CHARSET_IMPL_H
 
+#include "double_bytes_impl.h"
 #include "latin1_impl.h"
+#include "used_charset_impl.h"
 
 #include <unicode/ucnv.h>
 
-#include <algorithm>
 #include <array>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -14,35 +16,64 @@ namespace Kvl {
 
 /// What a charset makes of each byte by itself, and of the units that are one byte, as its
 /// converter has told once. Most texts need no more, and then no converter either.
-class known_charset_t {
+class known_charset_t : public used_charset_t {
 public:
     /// @param name       short enough, see can_be_known()
+    /// @param icu_name   ICU's own name for it, which is short enough too
     /// @param converter  asked now; not kept
-    known_charset_t(std::string_view name, UConverter* converter) noexcept;
+    /// @throws std::bad_alloc  no memory for what is learned
+    known_charset_t(std::string_view name, std::string_view icu_name, UConverter* converter);
+    known_charset_t(const known_charset_t&) = delete;
+    known_charset_t& operator=(const known_charset_t&) = delete;
 
+    /// The name that it was asked for by, and behind which there is a zero.
     std::string_view name() const noexcept { return {name_.data(), name_size_}; }
+    const char* icu_name() const noexcept { return icu_name_.data(); }
 
     /// Whether the bytes become as many units, by decode().
     bool can_decode(std::string_view bytes) const noexcept { return has_table_ || is_plain(bytes); }
 
     /// @param bytes  of which can_decode() holds
     /// @param limit  end of the room behind `to`; what lies between may be overwritten
-    void decode(std::string_view bytes, char16_t* to, const char16_t* limit) const noexcept;
+    void decode(std::string_view bytes, char16_t* to, const char16_t* limit) const noexcept
+    {
+        return last_plain_ == LAST_OF_LATIN1 ? widen(bytes, to, limit)
+                                             : decode_other(bytes, to, limit);
+    }
 
-    /// @param bytes  gets what the converter would give
-    /// @return       false when only the converter knows
+    /// @param to  room for as many units as there are bytes
+    /// @return    how many units other bytes become; 0 when only the converter knows
+    std::size_t decode_characters(std::string_view bytes, char16_t* to) const noexcept
+    {
+        return double_bytes_ == nullptr ? 0 : double_bytes_->decode(bytes, to);
+    }
+
+    /// @param text  not empty
+    /// @param to    room for encoded_room() bytes
+    /// @return      how many bytes it becomes; 0 when only the converter knows
+    std::size_t encode(std::u16string_view text, char* to) const noexcept
+    {
+        if (last_plain_ == LAST_OF_LATIN1)
+            return narrow_whole(text, LAST_OF_LATIN1, to) ? text.size() : 0;
+        return encode_other(text, to);
+    }
+    static constexpr std::size_t encoded_room(std::size_t units) { return 2 * units + 16; }
+
+    /// The same straight into the bytes.
+    /// @param text   longer than SHORT
+    /// @param bytes  empty, and so afterwards when only the converter knows
     /// @throws std::bad_alloc  no memory for the bytes
-    bool encode(std::u16string_view text, std::string& bytes) const;
+    void encode(std::u16string_view text, std::string& bytes) const;
 
-    /// Whether the name is short, and without options: of those not all are in the name by which
-    /// ICU tells whether a converter is the wanted one.
+    /// Whether the name is short enough.
     static bool can_be_known(std::string_view name) noexcept
     {
-        return !name.empty() && name.size() < NAME_ROOM && name.find(',') == name.npos;
+        return !name.empty() && name.size() < NAME_ROOM;
     }
 
 private:
-    static constexpr std::size_t NAME_ROOM = 48;
+    static constexpr std::size_t NAME_ROOM = UCNV_MAX_CONVERTER_NAME_LENGTH;
+    using name_room_t = std::array<char, NAME_ROOM>;
     static constexpr std::size_t PAGES = 8;
     using page_t = std::array<char, 256>;
 
@@ -57,12 +88,15 @@ private:
             return ascii_at_front(bytes) == bytes.size();
         return first_plain_ <= last_plain_ && are_between(bytes, first_plain_, last_plain_);
     }
+    void decode_other(std::string_view bytes, char16_t* to, const char16_t* limit) const noexcept;
+    bool encode_each(std::u16string_view text, char* to) const noexcept;
+    std::size_t encode_other(std::u16string_view text, char* to) const noexcept;
     bool encode_plain(std::u16string_view text, char* to) const noexcept;
     bool encode_by_table(std::u16string_view text, char* to) const noexcept;
-    bool encode_into(std::u16string_view text, char* to) const noexcept;
 
-    std::array<char, NAME_ROOM> name_{};
-    std::size_t name_size_;
+    const std::size_t name_size_;
+    const name_room_t name_;
+    const name_room_t icu_name_;
     // The units that are the bytes of the same numbers, whatever stands beside them. None when the
     // first is beyond the last.
     char16_t first_plain_ = 1;
@@ -74,12 +108,31 @@ private:
     std::array<unsigned char, 256> page_of_{};
     std::size_t pages_ = 1;
     std::array<page_t, PAGES> bytes_{};
+    // What the charset's characters of two bytes are, if there are any.
+    std::unique_ptr<const double_bytes_t> double_bytes_;
 };
 
+inline const known_charset_t* used_charset_t::known() const noexcept
+{
+    return is_known_ ? static_cast<const known_charset_t*>(this) : nullptr;
+}
+
 /// The charset of this name, if it was learned.
-/// @param name  null is never known
+/// @param name  not null
 /// @return      valid for ever
 const known_charset_t* known_charset(const char* name) noexcept;
+
+/// The same of one that is not known yet, see take_charset().
+const used_charset_t* open_charset(const char* name);
+
+/// @param name  not null
+/// @return      to be given back; null when ICU has none of this name
+/// @throws std::bad_alloc there is no memory to open a converter
+inline const used_charset_t* take_charset(const char* name)
+{
+    const known_charset_t* const known = known_charset(name);
+    return known != nullptr ? known : open_charset(name);
+}
 
 /// Learns it, unless it is known or the name is none that is remembered.
 /// @param name       not null

@@ -1,11 +1,11 @@
 #include <kvutil/ustring.h>
 
-#include "converter_pool_impl.h"
 #include "known_charset_impl.h"
 #include "search_impl.h"
 #include "storage_impl.h"
 #include "units_impl.h"
 #include "units_order_impl.h"
+#include "used_charset_impl.h"
 #include "utf8_impl.h"
 
 #include <unicode/uchar.h>
@@ -349,19 +349,24 @@ UString& UString::splice(unsigned int pos, unsigned int n, const char16_t* s, st
 template <class Write>
 UString& UString::overwrite(std::size_t length, Write write)
 {
-    if (is_open(*this))
-        return *this;
-    const bool has_own_buffer = is_exclusive(*this);
-    if (has_own_buffer && empty() && length > capacity())
-        make_room_in_empty(*this, length);
-    if (!has_own_buffer || length > capacity()) {
-        UString text(room_t{length});
-        text.overwrite(length, write);
-        return adopt(text);
-    }
-    write(writable(*this), writable(*this) + capacity());
-    set_length(*this, length);
+    if (is_new(*this))
+        make_room_in_new(*this, length);
+    else if (!can_overwrite(length))
+        return is_open(*this) ? *this : adopt(UString(room_t(length)).overwrite(length, write));
+    const unit_room_t room(*this);
+    write(room.begin, room.end);
+    set_length(*this, room, length);
     return *this;
+}
+
+// Whether there is room for so many units, for which an empty text gives up a smaller one.
+bool UString::can_overwrite(std::size_t length)
+{
+    if (!is_exclusive(*this))
+        return false;
+    if (empty() && length > capacity())
+        make_room_in_empty(*this, length);
+    return length <= capacity();
 }
 
 UString& UString::replace_all(const char16_t* s, std::size_t count)
@@ -540,8 +545,9 @@ UString::UString(room_t length, const Utf8String& u) : UString(length)
 {
     if (length.units == 0)
         return;
-    utf8_to_utf16(u, length.units, writable(*this), writable(*this) + capacity());
-    set_length(*this, length.units);
+    const unit_room_t room(*this);
+    utf8_to_utf16(u, length.units, room.begin, room.end);
+    set_length(*this, room, length.units);
 }
 
 UString& UString::utf8_assign(const Utf8String& u)
@@ -561,37 +567,31 @@ UString& UString::decode_utf8(const std::string& bytes, std::size_t length)
 
 Utf8String UString::utf8_str() const
 {
-    return utf8_of(view(*this));
+    const std::u16string_view text = view(*this);
+    std::array<char, SHORT> ascii;
+    if (text.size() <= ascii.size() && narrow_whole(text, LAST_OF_ASCII, ascii.data()))
+        return Utf8String(ascii.data(), text.size());
+    return utf8_of(text);
 }
 
 // ---- charsets ----
 
 UString::~UString()
 {
-    if (converter_ != nullptr)
-        give_back_converter(converter_);
+    if (charset_ != nullptr)
+        give_back_charset(charset_);
 }
 
-// The cached converter if ICU says that it is one for the charset, otherwise another in its place.
-const charset_converter_t* UString::converter_for(const char* charset) const
+// The charset used last if ICU says that its name is the wanted one, otherwise another in its
+// place.
+const used_charset_t* UString::charset_for(const char* charset) const
 {
     const char* const want = eval_charset(charset);
-    if (converter_ != nullptr) {
-        UErrorCode status = U_ZERO_ERROR;
-        const char* const name = ucnv_getName(converter_->handle, &status);
-        if (U_FAILURE(status) || want == nullptr || ucnv_compareNames(name, want) != 0)
-            give_back_converter(std::exchange(converter_, nullptr));
-    }
-    if (converter_ == nullptr && want != nullptr)
-        converter_ = take_converter(want);
-    return converter_;
-}
-
-// What is known of the charset, for a string that has no converter yet. Which one it has decides
-// what the next name means, so one that has a converter goes on with converters.
-const known_charset_t* UString::known_charset_of(const char* charset) const
-{
-    return converter_ == nullptr ? known_charset(eval_charset(charset)) : nullptr;
+    if (charset_ != nullptr && (want == nullptr || !charset_->is_for(want)))
+        give_back_charset(std::exchange(charset_, nullptr));
+    if (charset_ == nullptr && want != nullptr)
+        charset_ = take_charset(want);
+    return charset_;
 }
 
 namespace {
@@ -604,30 +604,43 @@ void throw_if_no_memory(UErrorCode status)
 
 // The length of the whole text, also of what there was no room for. Any other failure than that of
 // memory shows as substitution characters.
-std::size_t convert_in(UConverter* converter, std::string_view bytes, char16_t* to,
-                       std::size_t room)
+std::size_t convert_in(UConverter* converter, std::string_view bytes, const unit_room_t& room)
 {
     UErrorCode status = U_ZERO_ERROR;
     const std::int32_t length =
-        ucnv_toUChars(converter, to, static_cast<std::int32_t>(room), bytes.data(),
-                      static_cast<std::int32_t>(bytes.size()), &status);
+        ucnv_toUChars(converter, room.begin, static_cast<std::int32_t>(room.end - room.begin),
+                      bytes.data(), static_cast<std::int32_t>(bytes.size()), &status);
     throw_if_no_memory(status);
     return static_cast<std::size_t>(length);
 }
 
 // Hardly any bytes make more than one unit each, so the first room mostly is enough.
-UnicodeString converted_in(UConverter* converter, std::string_view bytes)
+// @param text  empty, with room for as many units as there are bytes
+void convert_in(UConverter* converter, std::string_view bytes, UnicodeString& text)
 {
-    std::size_t length = bytes.size();
-    for (;;) {
-        UnicodeString text = empty_text_of_capacity(length);
-        const auto room = static_cast<std::size_t>(text.getCapacity());
-        length = convert_in(converter, bytes, writable(text), room);
-        if (length <= room) {
-            set_length(text, length);
-            return text;
-        }
+    std::size_t length = convert_in(converter, bytes, unit_room_t(text));
+    if (length > static_cast<std::size_t>(text.getCapacity())) {
+        text = empty_text_of_capacity(length);
+        length = convert_in(converter, bytes, unit_room_t(text));
     }
+    set_length(text, length);
+}
+
+// @param text  empty, with room for as many units as there are bytes
+// @return      false when ICU no longer has the charset
+bool convert_in(const used_charset_t& charset, std::string_view bytes, UnicodeString& text)
+{
+    const known_charset_t* const known = charset.known();
+    const std::size_t length =
+        known == nullptr ? 0 : known->decode_characters(bytes, writable(text));
+    if (length != 0) {
+        set_length(text, length);
+        return true;
+    }
+    const converter_loan_t converter(charset);
+    if (converter.handle() != nullptr)
+        convert_in(converter.handle(), bytes, text);
+    return converter.handle() != nullptr;
 }
 
 }  // namespace
@@ -637,18 +650,26 @@ UString* UString::assign(const std::string& bytes, const char* charset)
     if (bytes.empty())
         return &clear();
     if (is_named(charset, UTF8_NAME))
-        return &utf8_assign(Utf8String(bytes));
-    const known_charset_t* const known = known_charset_of(charset);
+        return &decode_utf8(bytes, checked_utf16_length_of(bytes));
+    const used_charset_t* const used = charset_for(charset);
+    if (used == nullptr)
+        return nullptr;
+    const known_charset_t* const known = used->known();
     if (known != nullptr && known->can_decode(bytes))
         return &overwrite(bytes.size(), [&](char16_t* to, const char16_t* limit) {
             known->decode(bytes, to, limit);
         });
-    const charset_converter_t* const converter = converter_for(charset);
-    if (converter == nullptr)
-        return nullptr;
+    return assign_converted(bytes, *used);
+}
+
+// @return  null when ICU no longer has the charset
+UString* UString::assign_converted(const std::string& bytes, const used_charset_t& charset)
+{
     if (bytes.size() > INT_MAX)
         throw std::bad_alloc();
-    UnicodeString text = converted_in(converter->handle, bytes);
+    UnicodeString text = empty_text_of_capacity(bytes.size());
+    if (!convert_in(charset, bytes, text))
+        return nullptr;
     return is_open(*this) ? this : &adopt(text);
 }
 
@@ -686,8 +707,8 @@ std::string converted_into_zeros(UConverter* converter, std::u16string_view text
 }
 
 // @param size  decides what ICU reports, so it is this one whatever a buffer could hold
-std::string converted_out(UConverter* converter, std::u16string_view text, std::int64_t size,
-                          bool& failed)
+std::string converted_to_size(UConverter* converter, std::u16string_view text, std::int64_t size,
+                              bool& failed)
 {
     std::array<char, 1024> buffer;
     if (size > static_cast<std::int64_t>(buffer.size()))
@@ -701,6 +722,37 @@ std::string converted_out(UConverter* converter, std::u16string_view text, std::
     return std::string(bytes.substr(0, bytes.find('\0')));
 }
 
+std::string converted_out(const used_charset_t& charset, std::u16string_view text, bool& failed)
+{
+    const converter_loan_t loan(charset);
+    UConverter* const converter = loan.handle();
+    if (converter == nullptr)
+        return {};
+    const auto length = static_cast<std::int64_t>(text.size());
+    const std::int64_t size = std::int64_t{ucnv_getMaxCharSize(converter)} * length + 1;
+    if (size > INT_MAX)
+        throw std::bad_alloc();
+    return converted_to_size(converter, text, size, failed);
+}
+
+std::string long_std_str(const used_charset_t& charset, std::u16string_view text, bool& failed)
+{
+    std::string bytes;
+    if (const known_charset_t* const known = charset.known())
+        known->encode(text, bytes);
+    if (bytes.empty())
+        bytes = converted_out(charset, text, failed);
+    return bytes;
+}
+
+std::string short_std_str(const used_charset_t& charset, std::u16string_view text, bool& failed)
+{
+    std::array<char, known_charset_t::encoded_room(SHORT)> bytes;
+    const known_charset_t* const known = charset.known();
+    const std::size_t size = known == nullptr ? 0 : known->encode(text, bytes.data());
+    return size == 0 ? converted_out(charset, text, failed) : std::string(bytes.data(), size);
+}
+
 }  // namespace
 
 std::string UString::std_str(const char* charset, bool& failed) const
@@ -710,17 +762,13 @@ std::string UString::std_str(const char* charset, bool& failed) const
         return {};
     if (is_named(charset, UTF8_NAME))
         return utf8_str();
-    const known_charset_t* const known = known_charset_of(charset);
-    if (std::string bytes; known != nullptr && known->encode(view(*this), bytes))
-        return bytes;
     // Deliberate: an unknown charset gives an empty result and no failure.
-    const charset_converter_t* const converter = converter_for(charset);
-    if (converter == nullptr)
+    const used_charset_t* const used = charset_for(charset);
+    if (used == nullptr)
         return {};
-    const std::int64_t size = std::int64_t{ucnv_getMaxCharSize(converter->handle)} * length() + 1;
-    if (size > INT_MAX)
-        throw std::bad_alloc();
-    return converted_out(converter->handle, view(*this), size, failed);
+    const std::u16string_view text = view(*this);
+    return text.size() <= SHORT ? short_std_str(*used, text, failed)
+                                : long_std_str(*used, text, failed);
 }
 
 namespace {
