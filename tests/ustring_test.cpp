@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <initializer_list>
 #include <iomanip>
 #include <map>
 #include <random>
@@ -1533,24 +1534,31 @@ TEST(UStringKnownCharset, IsKeptWhileItsNameFits)
 
 // ---- charsets of two bytes a character ----
 
-bool is_double_byte(const char* name)
+UConverterType type_of(const char* name)
 {
     UErrorCode status = U_ZERO_ERROR;
     UConverter* const converter = ucnv_open(name, &status);
     if (converter == nullptr)
-        return false;
+        return UCNV_UNSUPPORTED_CONVERTER;
     const UConverterType type = ucnv_getType(converter);
     ucnv_close(converter);
-    return type == UCNV_MBCS || type == UCNV_DBCS;
+    return type;
+}
+
+std::vector<const char*> charsets_of(std::initializer_list<UConverterType> types)
+{
+    std::vector<const char*> names;
+    for (int i = 0; i < ucnv_countAvailable(); ++i) {
+        const char* const name = ucnv_getAvailableName(i);
+        if (std::find(types.begin(), types.end(), type_of(name)) != types.end())
+            names.push_back(name);
+    }
+    return names;
 }
 
 std::vector<const char*> double_byte_charsets()
 {
-    std::vector<const char*> names;
-    for (int i = 0; i < ucnv_countAvailable(); ++i)
-        if (is_double_byte(ucnv_getAvailableName(i)))
-            names.push_back(ucnv_getAvailableName(i));
-    return names;
+    return charsets_of({UCNV_MBCS, UCNV_DBCS});
 }
 
 std::string two_bytes(unsigned int number)
@@ -1565,6 +1573,7 @@ void convert_often(const char* name)
     for (int i = 0; i < 100; ++i)
         for (unsigned int page = 0; page <= 0xFF; ++page) {
             UString().assign(two_bytes(page << 8 | 0xA1), name);
+            UString().assign("\x1B$B" + two_bytes(page << 8 | 0x24), name);
             UString(std::u16string(1, static_cast<char16_t>(page << 8 | 0x42)))
                 .std_str(name, failed);
         }
@@ -1616,6 +1625,79 @@ TEST(UStringDoubleByteCharset, ConvertsTextsAsItsConverterDoes)
             ASSERT_TRUE(text.empty() || charset.encodes_alike(text)) << name;
             ASSERT_TRUE(text.empty() || charset.decodes_alike(charset.encoded(text))) << name;
         }
+    }
+}
+
+TEST(UStringEscapedCharset, ConvertsEveryPairOfBytesAndEveryUnitAsItsConverterDoes)
+{
+    for (const char* const name : charsets_of({UCNV_ISO_2022})) {
+        known_charset charset(name);
+        convert_often(name);
+        for (unsigned int number = 0; number <= 0xFFFF; ++number) {
+            const std::string bytes = "a\x1B$B$\"" + two_bytes(number) + "\x1B(Bz";
+            ASSERT_TRUE(charset.decodes_alike(bytes)) << name << ' ' << number;
+            const auto unit = static_cast<char16_t>(number);
+            ASSERT_TRUE(charset.encodes_alike({unit})) << name << ' ' << number;
+            ASSERT_TRUE(charset.encodes_alike({unit, u'\u3042', unit, u'a', unit}))
+                << name << ' ' << number;
+        }
+    }
+}
+
+template <class Text, std::size_t N>
+Text random_text(std::minstd_rand& random, const std::array<Text, N>& pieces)
+{
+    Text text;
+    for (std::size_t length = 1 + random() % 12; length > 0; --length)
+        text += pieces[random() % N];
+    return text;
+}
+
+TEST(UStringEscapedCharset, ConvertsTextsAsItsConverterDoes)
+{
+    const std::array<std::string, 18> bytes = {"\x1B$B",
+                                               "\x1B(B",
+                                               "\x1B(J",
+                                               "\x1B$@",
+                                               "\x1B",
+                                               "$\"",
+                                               "0!",
+                                               "\n",
+                                               "\x0E",
+                                               "a",
+                                               "~",
+                                               "abc",
+                                               "\x1B$B$\"\x1B(B",
+                                               "\x1B$B$\"\x1B(B",
+                                               "\x1B$B0!\x1B(Bab",
+                                               "\x1B$B0!\x1B(Bab",
+                                               "\x1B$B\x1B(B",
+                                               "\x1B$B$\"0!$\"\x1B(B"};
+    const std::array<std::u16string, 12> units = {u"\u3042", u"\u3042", u"\u4E2D", u"\uFF0D",
+                                                  u"a",      u"a",      u"~",      u"\u00A5",
+                                                  u"\uFF71", u"\n",     u"\u00E9", u"\U0001F600"};
+    std::minstd_rand random(6);
+    for (const char* const name : charsets_of({UCNV_ISO_2022})) {
+        known_charset charset(name);
+        convert_often(name);
+        for (int i = 0; i < 5000; ++i) {
+            const std::string in = random_text(random, bytes);
+            ASSERT_TRUE(charset.decodes_alike(in)) << name << ' ' << testing::PrintToString(in);
+            ASSERT_TRUE(charset.encodes_alike(random_text(random, units))) << name;
+        }
+    }
+}
+
+// The room that ICU is given for them has none for escape sequences.
+TEST(UStringEscapedCharset, ConvertsLongTextsAsItsConverterDoes)
+{
+    known_charset charset("ISO-2022-JP");
+    convert_often("ISO-2022-JP");
+    std::u16string text;
+    for (int i = 0; i < 300; ++i) {
+        text += i % 7 < 4 ? u'\u3042' : u'a';
+        ASSERT_TRUE(charset.encodes_alike(text)) << i;
+        ASSERT_TRUE(charset.decodes_alike(charset.encoded(text))) << i;
     }
 }
 

@@ -99,8 +99,7 @@ known_charset_t::known_charset_t(std::string_view name, std::string_view icu_nam
     learn_plain(converter);
     if (is_single_byte(converter))
         learn_table(converter);
-    if (double_bytes_t::can_serve(converter))
-        double_bytes_ = std::make_unique<const double_bytes_t>(name_.data(), converter);
+    characters_ = characters_of(name_.data(), converter);
 }
 
 void known_charset_t::learn_plain(UConverter* converter) noexcept
@@ -189,17 +188,20 @@ std::size_t known_charset_t::encode_other(std::u16string_view text, char* to) co
 {
     if (encode_each(text, to))
         return text.size();
-    return double_bytes_ == nullptr ? 0 : double_bytes_->encode(text, to);
+    return characters_ == nullptr ? 0 : characters_->encode(text, to);
 }
 
 void known_charset_t::encode(std::u16string_view text, std::string& bytes) const
 {
     bytes.resize_and_overwrite(
         text.size(), [&](char* to, std::size_t size) { return encode_each(text, to) ? size : 0; });
-    if (bytes.empty() && double_bytes_ != nullptr)
-        bytes.resize_and_overwrite(encoded_room(text.size()), [&](char* to, std::size_t) {
-            return double_bytes_->encode(text, to);
-        });
+    if (!bytes.empty() || characters_ == nullptr)
+        return;
+    bytes.resize_and_overwrite(characters_->most_bytes() * text.size(), [&](char* to, std::size_t) {
+        return characters_->encode(text, to);
+    });
+    if (bytes.capacity() > 2 * bytes.size())
+        bytes.shrink_to_fit();
 }
 
 // ---- what is known ----

@@ -1,7 +1,7 @@
 #ifndef KVUTIL_KNOWN_CHARSET_IMPL_H
 #define KVUTIL_KNOWN_CHARSET_IMPL_H
 
-#include "double_bytes_impl.h"
+#include "characters_impl.h"
 #include "latin1_impl.h"
 #include "used_charset_impl.h"
 
@@ -45,7 +45,7 @@ public:
     /// @return    how many units other bytes become; 0 when only the converter knows
     std::size_t decode_characters(std::string_view bytes, char16_t* to) const noexcept
     {
-        return double_bytes_ == nullptr ? 0 : double_bytes_->decode(bytes, to);
+        return characters_ == nullptr ? 0 : characters_->decode(bytes, to);
     }
 
     /// @param text  not empty
@@ -57,7 +57,11 @@ public:
             return narrow_whole(text, LAST_OF_LATIN1, to) ? text.size() : 0;
         return encode_other(text, to);
     }
-    static constexpr std::size_t encoded_room(std::size_t units) { return 2 * units + 16; }
+    static constexpr std::size_t encoded_room(std::size_t units)
+    {
+        constexpr std::size_t ROOM_THAT_NARROWING_WANTS = 16;
+        return characters_t::MOST_BYTES * units + ROOM_THAT_NARROWING_WANTS;
+    }
 
     /// The same straight into the bytes.
     /// @param text   longer than SHORT
@@ -108,8 +112,8 @@ private:
     std::array<unsigned char, 256> page_of_{};
     std::size_t pages_ = 1;
     std::array<page_t, PAGES> bytes_{};
-    // What the charset's characters of two bytes are, if there are any.
-    std::unique_ptr<const double_bytes_t> double_bytes_;
+    // Of charsets with more than one byte a character, some of them.
+    std::unique_ptr<const characters_t> characters_;
 };
 
 inline const known_charset_t* used_charset_t::known() const noexcept
