@@ -182,13 +182,18 @@ public:
     {
         return constant_text_t::make(record_->units(), static_cast<int>(record_->length));
     }
-    /// The text to sort by: a short one inside the string itself, so that who compares it needs not
-    /// go elsewhere. It is not terminated yet, but has room for that.
-    UString key() const
-    {
-        constexpr std::size_t ROOM_INSIDE = 26;
-        return text().size() <= ROOM_INSIDE ? owned_text_t::make(text()) : alias();
-    }
+    /// Becomes the text to sort by, in place: a short one inside the string itself, so that who
+    /// compares it needs not go elsewhere. It is not terminated yet, but has room for that.
+    struct key_t {
+        const memory_with_text_t& memory;
+        operator UString() const
+        {
+            constexpr std::size_t ROOM_INSIDE = 26;
+            const std::u16string_view text = memory.text();
+            return text.size() <= ROOM_INSIDE ? owned_text_t::make(text) : memory.alias();
+        }
+    };
+    key_t key() const noexcept { return {*this}; }
     void keep() noexcept KVUTIL_REQUIRES(dynamic_tags_lock) { arena.keep(size(record_->length)); }
 
 private:

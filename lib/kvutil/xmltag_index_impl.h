@@ -4,6 +4,7 @@
 #include "xmltag_hash_impl.h"
 #include "xmltag_lanes_impl.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <memory>
@@ -96,6 +97,7 @@ private:
     };
 
     static constexpr std::size_t FIRST_NUM_BUCKETS = 16;
+    static constexpr std::size_t BUCKETS_AHEAD = 4;
 
     static bool is(const Entry& entry, std::uint32_t scope, std::u16string_view name)
     {
@@ -106,12 +108,22 @@ private:
     {
         auto table =
             std::make_unique<table_t>(old == nullptr ? FIRST_NUM_BUCKETS : (old->mask + 1) * 2);
-        for (std::size_t i = 0; old != nullptr && i <= old->mask; ++i)
+        for (std::size_t i = 0; old != nullptr && i <= old->mask; ++i) {
+            prefetch(old->buckets[std::min(i + BUCKETS_AHEAD, old->mask)]);
             for (const std::atomic<Entry*>& entry : old->buckets[i].entries)
                 if (Entry* const known = entry.load(std::memory_order_relaxed))
                     put(*table, known);
+        }
         table->previous = old;
         return table.release();
+    }
+
+    /// Entries lie in no order of a table's: to wait for each would be most of the time that a
+    /// larger table takes.
+    static void prefetch(const bucket_t& bucket) noexcept
+    {
+        for (const std::atomic<Entry*>& entry : bucket.entries)
+            __builtin_prefetch(entry.load(std::memory_order_relaxed));
     }
 
     void put(table_t& table, Entry* entry) const noexcept
