@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -93,13 +92,14 @@ Room terminated(std::string_view text)
 
 known_charset_t::known_charset_t(std::string_view name, std::string_view icu_name,
                                  UConverter* converter)
-    : used_charset_t(true), name_size_(name.size()), name_(terminated<name_room_t>(name)),
+    : used_charset_t(true), name_room_(terminated<name_room_t>(name)),
+      name_(std::string_view(name_room_.data(), name.size())),
       icu_name_(terminated<name_room_t>(icu_name))
 {
     learn_plain(converter);
     if (is_single_byte(converter))
         learn_table(converter);
-    characters_ = characters_of(name_.data(), converter);
+    characters_ = characters_of(name_room_.data(), converter);
 }
 
 void known_charset_t::learn_plain(UConverter* converter) noexcept
@@ -208,8 +208,6 @@ void known_charset_t::encode(std::u16string_view text, std::string& bytes) const
 
 namespace {
 
-// Multiplied by it, the low bits of a number decide its high bits.
-constexpr std::uint64_t SPREAD = 0x9E3779B97F4A7C15u;
 constexpr int SET_BITS = 6;
 constexpr std::size_t SLOTS_PER_SET = 4;
 using slot_t = std::atomic<const known_charset_t*>;
@@ -218,53 +216,29 @@ using slot_set_t = std::array<slot_t, SLOTS_PER_SET>;
 // Filled from the front, and never changed or destroyed after that: whoever reads needs no lock.
 constinit std::array<slot_set_t, 1 << SET_BITS> known_charsets{};
 
-slot_set_t& slots_for(std::string_view name)
+slot_set_t& slots_for(const charset_name_t& name)
 {
-    std::uint64_t hash = 0;
-    for (const char c : name)
-        hash = (hash + static_cast<unsigned char>(c)) * SPREAD;
-    return known_charsets[hash >> (64 - SET_BITS)];
-}
-
-const known_charset_t* look_up(std::string_view name)
-{
-    for (const slot_t& slot : slots_for(name)) {
-        const known_charset_t* const known = slot.load(std::memory_order_acquire);
-        if (known == nullptr || known->name() == name)
-            return known;
-    }
-    return nullptr;
-}
-
-// Mostly a name stands where it stood before, as a literal for one. What it was there is the guess,
-// and to check it costs less than to look up. Never changed once set: threads do not disturb each
-// other.
-constexpr int GUESS_BITS = 6;
-constinit std::array<slot_t, 1 << GUESS_BITS> guesses{};
-
-slot_t& guess_for(const char* name)
-{
-    const std::uint64_t spread = reinterpret_cast<std::uintptr_t>(name) * SPREAD;
-    return guesses[spread >> (64 - GUESS_BITS)];
+    // Multiplied by it, the low bits of a number decide its high bits.
+    constexpr std::uint64_t SPREAD = 0x9E3779B97F4A7C15u;
+    return known_charsets[(name.first + 3 * name.last) * SPREAD >> (64 - SET_BITS)];
 }
 
 }  // namespace
 
 const known_charset_t* known_charset(const char* name) noexcept
 {
-    slot_t& guess = guess_for(name);
-    const known_charset_t* const guessed = guess.load(std::memory_order_acquire);
-    if (guessed != nullptr && std::strcmp(guessed->name().data(), name) == 0)
-        return guessed;
-    const known_charset_t* const known = look_up(name);
-    if (guessed == nullptr && known != nullptr)
-        guess.store(known, std::memory_order_release);
-    return known;
+    const charset_name_t wanted{std::string_view(name)};
+    for (const slot_t& slot : slots_for(wanted)) {
+        const known_charset_t* const known = slot.load(std::memory_order_acquire);
+        if (known == nullptr || known->sought_name() == wanted)
+            return known;
+    }
+    return nullptr;
 }
 
 void learn_charset(const char* name, UConverter* converter)
 {
-    slot_set_t& slots = slots_for(name);
+    slot_set_t& slots = slots_for(charset_name_t(name));
     const bool has_room = slots.back().load(std::memory_order_relaxed) == nullptr;
     if (!has_room || !known_charset_t::can_be_known(name) || known_charset(name) != nullptr)
         return;

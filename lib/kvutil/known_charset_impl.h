@@ -8,11 +8,47 @@
 #include <unicode/ucnv.h>
 
 #include <array>
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
 
 namespace Kvl {
+
+/// The name of a charset, and its first and last eight bytes: to compare those mostly is to compare
+/// the names.
+struct charset_name_t {
+    explicit charset_name_t(std::string_view name) noexcept : text(name)
+    {
+        if (name.size() >= WORD) {
+            first = word_at(0);
+            last = word_at(name.size() - WORD);
+        } else {
+            for (const char c : name)
+                first = first << 8 | static_cast<unsigned char>(c);
+        }
+    }
+
+    bool operator==(const charset_name_t& other) const noexcept
+    {
+        return first == other.first && last == other.last && text.size() == other.text.size() &&
+               (text.size() <= 2 * WORD || text == other.text);
+    }
+
+    std::string_view text;
+    std::uint64_t first = 0;
+    std::uint64_t last = 0;
+
+private:
+    static constexpr std::size_t WORD = sizeof(std::uint64_t);
+    std::uint64_t word_at(std::size_t at) const noexcept
+    {
+        std::uint64_t word;
+        std::memcpy(&word, text.data() + at, WORD);
+        return word;
+    }
+};
 
 /// What a charset makes of each byte by itself, and of the units that are one byte, as its
 /// converter has told once. Most texts need no more, and then no converter either.
@@ -27,7 +63,8 @@ public:
     known_charset_t& operator=(const known_charset_t&) = delete;
 
     /// The name that it was asked for by, and behind which there is a zero.
-    std::string_view name() const noexcept { return {name_.data(), name_size_}; }
+    std::string_view name() const noexcept { return name_.text; }
+    const charset_name_t& sought_name() const noexcept { return name_; }
     const char* icu_name() const noexcept { return icu_name_.data(); }
 
     /// Whether the bytes become as many units, by decode().
@@ -98,8 +135,8 @@ private:
     bool encode_plain(std::u16string_view text, char* to) const noexcept;
     bool encode_by_table(std::u16string_view text, char* to) const noexcept;
 
-    const std::size_t name_size_;
-    const name_room_t name_;
+    const name_room_t name_room_;
+    const charset_name_t name_;
     const name_room_t icu_name_;
     // The units that are the bytes of the same numbers, whatever stands beside them. None when the
     // first is beyond the last.
