@@ -63,6 +63,9 @@ public:
     ///
     /// Deliberate: it is the difference of the two times of day, a day added to the one that is on
     /// the following weekday. So it is wrong for a zone that is more than a day away from UTC.
+    ///
+    /// The C library reads a zone when TZ has changed. Where it has no memory for that it takes
+    /// UTC, says nothing, and does not read again until TZ has changed once more.
     /// @param t  an instant, in seconds since 1970-01-01T00:00:00Z
     /// @return   seconds, positive east of Greenwich; 0 when a year overflows `tm_year`. Never
     /// throws
