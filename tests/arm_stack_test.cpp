@@ -322,6 +322,31 @@ TEST(ArmStack, BelongsToItsThread)
     });
 }
 
+TEST(ArmStack, IsThereForThreadsThatWaitForTheRegistration)
+{
+    in_child([] {
+        const fake_runtime_t runtime;
+        std::atomic<bool> is_over = false;
+        std::atomic<int> stacks = 0;
+        const auto wait = [&] {
+            const arm_correlator* base = nullptr;
+            for (bool is_last = false; base == nullptr && !is_last;) {
+                is_last = is_over.load(std::memory_order_relaxed);
+                base = Stack::get_base_correlator();
+            }
+            stacks += base != nullptr;
+        };
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i)
+            threads.emplace_back(wait);
+        EXPECT_EQ(ArmApplication::register_application(Kvl::ARM_LEVEL_ON, u"shop", nullptr), 0);
+        is_over.store(true, std::memory_order_relaxed);
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(stacks, 4);
+    });
+}
+
 /// Bytes that the program has allocated. 0 under sanitizers, which say themselves what is not
 /// freed.
 std::size_t allocated_bytes()
