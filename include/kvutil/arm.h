@@ -527,7 +527,8 @@ public:
     /// turns measurement off.
     ///
     /// Each call that finds a run-time makes a new key for the threads' stacks. A stack made
-    /// before is not found any more; it is freed with its thread.
+    /// before is not found any more; it is freed with its thread. So a second call while
+    /// other threads start or stop operations is a data race.
     /// @param level   ARM_LEVEL_OFF: nothing is done, and the result is 0
     /// @param name    of the application; the standard allows 127 characters, which is not checked
     /// @param buffer  an application identity, a character set; null and an empty one mean none

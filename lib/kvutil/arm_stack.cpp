@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace Kvl {
 
@@ -56,9 +57,10 @@ void forget(arm_correlator& correlator)
 /// again. Any other stays, to free the stacks under it.
 bool ArmApplication::create_key() noexcept
 {
-    const pthread_key_t former = g_global_data.key;
-    if (sys_calls.pthread_key_create(&g_global_data.key, global_data_t::delete_stack) != 0)
+    pthread_key_t key;
+    if (sys_calls.pthread_key_create(&key, global_data_t::delete_stack) != 0)
         return false;
+    const pthread_key_t former = std::exchange(g_global_data.key, key);
     if (g_key_is_unused.exchange(true))
         sys_calls.pthread_key_delete(former);
     return true;
