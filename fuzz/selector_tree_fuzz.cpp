@@ -41,11 +41,14 @@ std::vector<UString> split(const UString& text)
 
 const std::map<XmlTag::Id, UString>& tag_names()
 {
-    static const std::map<XmlTag::Id, UString> names = {
-#define KVUTIL_WK_TAG(id, constant, abbreviation, name) {id, UString(u##name)},
+    // One by one: a list of them all would stand on the stack.
+    static const std::map<XmlTag::Id, UString> names = [] {
+        std::map<XmlTag::Id, UString> all;
+#define KVUTIL_WK_TAG(id, constant, abbreviation, name) all.emplace(id, u##name);
 #include <kvutil/xmltag_wk.def>
 #undef KVUTIL_WK_TAG
-    };
+        return all;
+    }();
     return names;
 }
 
