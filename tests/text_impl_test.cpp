@@ -74,6 +74,23 @@ TEST(Latin1, AsciiAtFrontStopsBeforeTheFirstOtherByte)
     }
 }
 
+TEST(Latin1, WidensAsciiOfEveryLengthAndTellsOfOtherBytes)
+{
+    for (std::size_t size = 0; size < 300; ++size) {
+        std::string bytes(size, 'x');
+        std::u16string room(size + 1, GUARD);
+        char16_t* const limit = room.data() + size;
+        ASSERT_TRUE(widen_if_ascii(bytes, room.data(), limit));
+        ASSERT_EQ(room, widened_plainly(bytes) + GUARD);
+        for (std::size_t at = 0; at < size; ++at) {
+            bytes[at] = '\x80';
+            ASSERT_FALSE(widen_if_ascii(bytes, room.data(), limit)) << at << " of " << size;
+            ASSERT_EQ(room.back(), GUARD) << "written beyond the room";
+            bytes[at] = '\x7F';
+        }
+    }
+}
+
 TEST(Latin1, BytesAreBetweenTheFirstAndTheLast)
 {
     for (std::size_t size = 1; size < 100; ++size)

@@ -339,15 +339,16 @@ TEST(UMessageArg, TextOfAResourceStaysWhileItIsTheSame)
 /// is UTF-8.
 std::vector<Arg> one_of_each_kind()
 {
+    const std::string long_text(95, '.');
     return {Arg(),
             Arg('c'),
             Arg(-191),
             Arg(-190L),
             Arg((1LL << 40) + 'C'),
             Arg(0.5),
-            Arg("narrow text longer than what stands in an argument itself, which is 63 bytes"),
-            Arg(std::string("string that is longer than what stands in an argument itself: 63")),
-            Arg(ustr("text that is longer than what stands in an argument itself: 63 bytes")),
+            Arg(("narrow text longer than what stands in an argument itself" + long_text).c_str()),
+            Arg("string that is longer than what stands in an argument itself" + long_text),
+            Arg(ustr("text that is longer than what stands in an argument itself" + long_text)),
             Arg(File("resource that is longer than inline storage")),
             Arg("short"),
             Arg(std::string("short")),
@@ -424,10 +425,10 @@ std::vector<Arg> texts_of_length(std::size_t length)
 
 TEST(UMessageArg, TextsOfAnyLengthAreCopiedAndMoved)
 {
-    for (std::size_t length = 0; length < 100; ++length) {
+    for (std::size_t length = 0; length < 130; ++length) {
         const std::string expected(length, 't');
         for (Arg& arg : texts_of_length(length)) {
-            Arg copy("a text that was there before, longer than what stands in an argument itself");
+            Arg copy(std::string(129, 'b'));  // longer than what stands in an argument itself
             copy = arg;
             Arg moved(std::move(arg));
             EXPECT_EQ(arg.kind(), 0);
@@ -441,7 +442,7 @@ TEST(UMessageArg, TextsOfAnyLengthAreCopiedAndMoved)
 
 TEST(UMessageArg, TextsOfAnyLengthAreSwapped)
 {
-    for (std::size_t length = 0; length < 100; ++length) {
+    for (std::size_t length = 0; length < 130; ++length) {
         Arg a = texts_of_length(length)[0];
         for (Arg& b : one_of_each_kind()) {
             const Arg before(b);
@@ -455,16 +456,16 @@ TEST(UMessageArg, TextsOfAnyLengthAreSwapped)
 
 TEST(UMessageArg, ShortTextsNeedNoMemory)
 {
-    const std::vector<Arg> all = texts_of_length(63);
+    const std::vector<Arg> all = texts_of_length(95);
     Arg target("before");
     for (const Arg& arg : all)
         EXPECT_EQ(for_each_memory_fault([&] { target = arg; }, [] {}), 0);
-    EXPECT_EQ(text_in(target), std::string(63, 't'));
+    EXPECT_EQ(text_in(target), std::string(95, 't'));
 }
 
 TEST(UMessageArg, RecordOfAShortTextLivesAsLongAsTheArgument)
 {
-    const UMessage message(kvutil, 15, "short", std::string(64, 'l'));
+    const UMessage message(kvutil, 15, "short", std::string(96, 'l'));
     const cxPrintfArgVal record = record_of(message.arguments()[0]);
     const UMessage copy(message);
     EXPECT_EQ(record_of(message.arguments()[0]).p, record.p);
@@ -877,6 +878,21 @@ TEST(UMessageSprintf, IsEmptiedByAByteThatIsNotUtf8)
     EXPECT_EQ(UMessage::sprintf("%c%c", '\xC3', '\xA4'), ustr("ä"));
 }
 
+// Messages of different lengths, and those that are not ASCII, are decoded on ways of their own.
+TEST(UMessageSprintf, DecodesEveryLengthOfAsciiAndOfOthers)
+{
+    for (std::size_t length = 0; length < 300; ++length) {
+        const std::string ascii(length, 'x');
+        ASSERT_EQ(utf8(UMessage::sprintf("%s", ascii)), ascii);
+        for (const std::size_t at : {std::size_t{0}, length / 2, length}) {
+            const std::string begin = ascii.substr(0, at), end = ascii.substr(at);
+            const std::string text = begin + "\xE2\x82\xAC" + end;
+            ASSERT_EQ(UMessage::sprintf("%s", text), UString(Utf8String(text))) << length;
+            ASSERT_EQ(UMessage::sprintf("%s", begin + "\xE2\x82" + end), UString()) << length;
+        }
+    }
+}
+
 // Deliberate: texts are handed over zero-terminated.
 TEST(UMessageSprintf, EndsATextAtItsFirstZero)
 {
@@ -987,6 +1003,17 @@ TEST(UMessageRendering, ConversionsThatFitPrintAsInC)
         {"%u", {1UL << 63}, "9223372036854775808"},
         {"%d", {ULONG_MAX}, "-1"},
     });
+}
+
+// Neither fits, which only who finds the second conversion sees.
+TEST(UMessageRendering, ConversionsAreFoundAtAnyDistance)
+{
+    for (std::size_t length = 0; length < 40; ++length) {
+        const std::string between(length, '-');
+        const std::string format = between + "%d" + between + "%s" + between + "%%" + between;
+        ASSERT_EQ(utf8(UMessage::sprintf(format.c_str(), "text", 7)),
+                  between + "text" + between + "7" + between + "%" + between);
+    }
 }
 
 TEST(UMessageRendering, TextConversionPrintsNumbers)

@@ -74,7 +74,7 @@ public:
     /// | 8    | UTF-8 text, `char*`                | pointer to the text            |
     /// | 9    | `Resource*`                        | pointer to its text in UTF-8   |
     ///
-    /// A text of up to 63 bytes stands in the argument, a longer one in an array. It ends at its
+    /// A text of up to 95 bytes stands in the argument, a longer one in an array. It ends at its
     /// first zero byte when it is printed. A moved-from argument is of kind 0.
     /// @par Thread-safety
     /// Distinct arguments may be used at once. get_print_val() of one argument of kind 9 must not
@@ -82,7 +82,8 @@ public:
     class KVUTIL_EXPORT Arg {
     public:
         /// The value alone. The constructors make the owned copy; whoever holds the union frees it:
-        /// `delete[] cstr`, `delete str`, `delete res`. An Arg keeps every text as `cstr`.
+        /// `delete[] cstr`, `delete str`, `delete res`. An Arg keeps every text as `cstr` and every
+        /// integer as `i64`.
         union arg_union_t {
             char c;            ///< kind 1
             std::int32_t i32;  ///< kinds 2 and 3
@@ -208,6 +209,7 @@ public:
     private:
         friend class MessageArguments;  // keeps a resource's text for one rendering
 
+        Arg(int kind, std::int64_t i) noexcept;
         Arg(int kind, const char* text, std::size_t size);
         bool is_text() const noexcept { return kind_ >= 6 && kind_ <= 8; }
         void hold(const char* text, std::size_t size);
@@ -217,7 +219,7 @@ public:
         int kind_;
         arg_union_t value_;  // of every text `cstr`: an owned array, or `short_text_`
         mutable std::unique_ptr<std::string> printed_text_;  // kind 9: handed out last
-        char short_text_[64];
+        char short_text_[96];
     };
     /// Either spelling works.
     typedef Arg::arg_union_t arg_union_t;

@@ -208,6 +208,20 @@ KVUTIL_AVX2 inline void widen_by_32(const unsigned char* p, std::size_t size, ch
     widen_32(p + size - 32, to + size - 32);
 }
 
+/// In one pass, because what is made is seldom thrown away.
+/// @param size  at least 32
+/// @return      whether all bytes are ASCII
+KVUTIL_AVX2 inline bool widen_if_ascii_by_32(const unsigned char* p, std::size_t size, char16_t* to)
+{
+    __m256i any = load_32(p + size - 32);
+    for (std::size_t done = 0; done + 32 < size; done += 32) {
+        any = _mm256_or_si256(any, load_32(p + done));
+        widen_32(p + done, to + done);
+    }
+    widen_32(p + size - 32, to + size - 32);
+    return _mm256_movemask_epi8(any) == 0;
+}
+
 KVUTIL_AVX2 inline narrowed_t narrow_by_32(std::u16string_view text, char16_t last, char* to)
 {
     const __m256i beyond = _mm256_set1_epi16(static_cast<short>(~last));
@@ -286,6 +300,21 @@ inline void widen(std::string_view bytes, char16_t* to,
 #else
     std::copy(p, p + bytes.size(), to);
 #endif
+}
+
+/// widen() for ASCII alone.
+/// @return  whether all bytes are; if not, anything may stand in the room
+inline bool widen_if_ascii(std::string_view bytes, char16_t* to, const char16_t* limit) noexcept
+{
+#ifdef KVUTIL_HAVE_SIMD
+    if (bytes.size() >= 32 && simd::has_avx2())
+        return simd::widen_if_ascii_by_32(reinterpret_cast<const unsigned char*>(bytes.data()),
+                                          bytes.size(), to);
+#endif
+    if (ascii_at_front(bytes) != bytes.size())
+        return false;
+    widen(bytes, to, limit);
+    return true;
 }
 
 /// Makes a byte of each unit, as long as none is beyond `last`.

@@ -126,12 +126,6 @@ std::string_view read_length(const char*& at)
     return {begin, static_cast<std::size_t>(at - begin)};
 }
 
-/// Whether a conversion is nothing but its letter, as nearly all are.
-bool is_bare(char letter)
-{
-    return family_of(letter) != family_t::NONE && letter != 'C' && letter != 'S';
-}
-
 /// Reads a conversion.
 /// @param at  points behind the "%"
 /// @return    points behind the letter; null when this is no conversion
@@ -192,12 +186,9 @@ bool is_defined(const conversion_t& c)
 /// Hands out arguments in the order in which conversions ask for them.
 class cursor_t {
 public:
-    explicit cursor_t(arguments_t args) : args_(args) {}
+    explicit cursor_t(const arguments_t& args) : args_(args) {}
 
     argument_t take_next() { return args_[next_++]; }
-
-    /// The same where only the kind of value matters.
-    held_t take_next_held() { return args_.held(next_++); }
 
     /// @param number  which argument, from 1; 0 for the next one
     argument_t take(unsigned int number)
@@ -216,7 +207,7 @@ public:
     std::size_t taken() const { return next_; }
 
 private:
-    arguments_t args_;
+    const arguments_t& args_;
     std::size_t next_ = 0;
     bool numbered_ = false;
     bool number_is_beyond_ = false;
@@ -237,24 +228,33 @@ bool field_agrees(const field_t& field, cursor_t& cursor)
            (is_number(arg) && arg.record.i >= -LIMIT && arg.record.i <= LIMIT);
 }
 
-bool reads(family_t family, held_t held)
+constexpr unsigned int set_of(held_t held)
 {
+    return 1u << static_cast<unsigned int>(held);
+}
+
+/// What a conversion may be given, as a set of held_t.
+constexpr unsigned int readable_by(family_t family)
+{
+    constexpr unsigned int NUMBERS = set_of(held_t::INTEGER) | set_of(held_t::CHARACTER);
     switch (family) {
     case family_t::INTEGER:
-        return held == held_t::INTEGER || held == held_t::CHARACTER || held == held_t::NOTHING;
+        return NUMBERS | set_of(held_t::NOTHING);
     case family_t::CHARACTER:
-        return held == held_t::INTEGER || held == held_t::CHARACTER;
+        return NUMBERS;
     case family_t::FLOATING:
-        return held == held_t::FLOATING || held == held_t::NOTHING;
+        return set_of(held_t::FLOATING) | set_of(held_t::NOTHING);
+    case family_t::TEXT:
+        return set_of(held_t::TEXT) | set_of(held_t::NOTHING);
     default:
-        return held == held_t::TEXT || held == held_t::NOTHING;
+        return 0;
     }
 }
 
 bool conversion_agrees(const conversion_t& c, cursor_t& cursor)
 {
     return is_defined(c) && field_agrees(c.width, cursor) && field_agrees(c.precision, cursor) &&
-           reads(family_of(c.letter), cursor.take(c.argument).held);
+           (readable_by(family_of(c.letter)) & set_of(cursor.take(c.argument).held)) != 0;
 }
 
 /// Passes over a conversion.
@@ -264,16 +264,14 @@ const char* conversion_if_it_agrees(const char* at, cursor_t& cursor)
 {
     if (*at == '%')
         return at + 1;
-    if (is_bare(*at))
-        return reads(family_of(*at), cursor.take_next_held()) ? at + 1 : nullptr;
     conversion_t c;
     at = read_conversion(at, c);
     return at != nullptr && conversion_agrees(c, cursor) ? at : nullptr;
 }
 
-}  // namespace
-
-bool agrees(const char* format, arguments_t args, std::size_t& records)
+/// Whether all conversions agree, and none that names an argument is among others.
+/// @param taken  set to the number of arguments that were taken in sequence
+bool conversions_agree(const char* format, const arguments_t& args, std::size_t& taken)
 {
     cursor_t cursor(args);
     for (const char* at = format; (at = std::strchr(at, '%')) != nullptr;) {
@@ -281,8 +279,63 @@ bool agrees(const char* format, arguments_t args, std::size_t& records)
         if (at == nullptr)
             return false;
     }
-    records = std::max(args.size(), cursor.taken());
+    taken = cursor.taken();
     return cursor.is_plain();
+}
+
+// ---- Formats of bare conversions, as nearly all are ----
+
+/// What each letter reads that may be all of a conversion.
+constexpr std::array<unsigned char, 256> bare_letters()
+{
+    std::array<unsigned char, 256> table{};
+    for (std::size_t letter = 0; letter < table.size(); ++letter) {
+        if (letter != 'C' && letter != 'S')  // these have a length besides
+            table[letter] = static_cast<unsigned char>(readable_by(FAMILIES[letter]));
+    }
+    return table;
+}
+
+constexpr auto READABLE_BY_BARE = bare_letters();
+
+/// strchr() behind a conversion, where mostly a few characters follow: spares the call.
+/// @return  null when there is no "%"
+const char* next_percent(const char* at)
+{
+    constexpr int FEW = 8;
+    for (int i = 0; i < FEW; ++i, ++at) {
+        if (*at == '%')
+            return at;
+        if (*at == 0)
+            return nullptr;
+    }
+    return std::strchr(at, '%');
+}
+
+/// Whether every conversion is nothing but its letter, and agrees. This is agrees() without its
+/// look at what other conversions may have.
+/// @param taken  set to the number of arguments that they read
+bool bare_conversions_agree(const char* format, const arguments_t& args, std::size_t& taken)
+{
+    std::size_t next = 0;
+    for (const char* at = std::strchr(format, '%'); at != nullptr; at = next_percent(at + 2)) {
+        const auto letter = static_cast<unsigned char>(at[1]);
+        if (letter != '%' && (READABLE_BY_BARE[letter] & set_of(args.held(next++))) == 0)
+            return false;
+    }
+    taken = next;
+    return true;
+}
+
+}  // namespace
+
+bool agrees(const char* format, const arguments_t& args, std::size_t& records)
+{
+    std::size_t taken = 0;
+    const bool agree =
+        bare_conversions_agree(format, args, taken) || conversions_agree(format, args, taken);
+    records = std::max(args.size(), taken);
+    return agree;
 }
 
 namespace {
@@ -325,7 +378,7 @@ bool fits_64_bits(long double d)
 
 class rewriter_t {
 public:
-    rewriter_t(arguments_t args, safe_format_t& out) : cursor_(args), out_(out) {}
+    rewriter_t(const arguments_t& args, safe_format_t& out) : cursor_(args), out_(out) {}
 
     void add_text(const char* begin, const char* end) { out_.format.append(begin, end); }
     void add_percent() { out_.format += "%%"; }
@@ -435,7 +488,7 @@ void rewriter_t::write(const conversion_t& c)
 
 }  // namespace
 
-safe_format_t make_safe(const char* format, arguments_t args)
+safe_format_t make_safe(const char* format, const arguments_t& args)
 {
     safe_format_t safe;
     rewriter_t rewriter(args, safe);

@@ -50,7 +50,7 @@ private:
 /// @param args     the arguments
 /// @param records  set to the number of records that the formatter reads; those beyond the
 ///                 arguments are to be zero
-bool agrees(const char* format, arguments_t args, std::size_t& records);
+bool agrees(const char* format, const arguments_t& args, std::size_t& records);
 
 /// A format that any printf-style formatter can be given, with one record for each conversion.
 struct safe_format_t {
@@ -63,7 +63,7 @@ struct safe_format_t {
 /// order, widths and precisions are literal, and what is no conversion stands as text.
 /// @param format  the zero-terminated format
 /// @param args    the arguments, whose texts must outlive the result
-safe_format_t make_safe(const char* format, arguments_t args);
+safe_format_t make_safe(const char* format, const arguments_t& args);
 
 }  // namespace Kvl::MessageFormat
 

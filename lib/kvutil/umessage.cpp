@@ -1,5 +1,7 @@
 #include <kvutil/umessage.h>
 
+#include "copy_bytes_impl.h"
+#include "latin1_impl.h"
 #include "message_format_impl.h"
 #include "ustring_impl.h"
 #include "utf8_impl.h"
@@ -10,7 +12,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
-#include <limits>
+#include <memory>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -51,43 +53,27 @@ UMessage::Arg::arg_union_t::arg_union_t(const char16_t* s) : arg_union_t(UString
 
 UMessage::Arg::arg_union_t::arg_union_t(const Resource& r) : res(r.clone()) {}
 
-UMessage::Arg::Arg(char c) : Arg()
+UMessage::Arg::Arg(int kind, std::int64_t i) noexcept : kind_(kind)
 {
-    kind_ = 1;
-    value_.c = c;
+    value_.i64 = i;
 }
 
-UMessage::Arg::Arg(int i) : Arg()
-{
-    kind_ = 2;
-    value_.i32 = i;
-}
+UMessage::Arg::Arg(char c) : Arg(1, static_cast<signed char>(c)) {}
 
-UMessage::Arg::Arg(long i) : Arg(static_cast<long long>(i))
-{
-    using limits = std::numeric_limits<std::int32_t>;
-    if (i < limits::min() || i > limits::max())
-        return;
-    kind_ = 3;
-    value_ = arg_union_t();
-    value_.i32 = static_cast<std::int32_t>(i);
-}
+UMessage::Arg::Arg(int i) : Arg(2, i) {}
+
+UMessage::Arg::Arg(long i) : Arg(i == static_cast<std::int32_t>(i) ? 3 : 4, i) {}
 
 UMessage::Arg::Arg(unsigned int i) : Arg(static_cast<long long>(i)) {}
 
 UMessage::Arg::Arg(unsigned long i) : Arg(static_cast<long long>(i)) {}
 
-UMessage::Arg::Arg(long long i) : Arg()
-{
-    kind_ = 4;
-    value_.i64 = i;
-}
+UMessage::Arg::Arg(long long i) : Arg(4, i) {}
 
 UMessage::Arg::Arg(unsigned long long i) : Arg(static_cast<long long>(i)) {}
 
-UMessage::Arg::Arg(double d) : Arg()
+UMessage::Arg::Arg(double d) : kind_(5)
 {
-    kind_ = 5;
     value_.d = d;
 }
 
@@ -101,9 +87,10 @@ UMessage::Arg::Arg(int kind, const char* text, std::size_t size) : kind_(kind)
 
 void UMessage::Arg::hold(const char* text, std::size_t size)
 {
-    value_.cstr = size < sizeof short_text_ ? short_text_ : new char[size + 1];
-    std::memcpy(value_.cstr, text, size);
-    value_.cstr[size] = '\0';
+    char* const place = size < sizeof short_text_ ? short_text_ : new char[size + 1];
+    copy_bytes(place, text, size);
+    place[size] = '\0';
+    value_.cstr = place;
 }
 
 UMessage::Arg::Arg(const char* s) : Arg(6, text_or_empty(s), s == nullptr ? 0 : std::strlen(s)) {}
@@ -202,28 +189,12 @@ void UMessage::Arg::get_print_val(cxPrintfArgVal& v) const
 /// Fills a record for every kind but 9, whose text does not exist yet.
 void UMessage::Arg::fill(cxPrintfArgVal& v) const
 {
-    switch (kind_) {
-    case 1:
-        v.i = static_cast<signed char>(value_.c);
-        break;
-    case 2:
-    case 3:
-        v.i = value_.i32;
-        break;
-    case 4:
-        v.i = value_.i64;
-        break;
-    case 5:
-        v.d = value_.d;
-        break;
-    case 6:
-    case 7:
-    case 8:
+    if (is_text())
         v.p = value_.cstr;
-        break;
-    default:
-        break;
-    }
+    else if (kind_ == 5)
+        v.d = value_.d;
+    else if (kind_ != 0)
+        v.i = value_.i64;
 }
 
 // ---- collection_t ----
@@ -429,17 +400,25 @@ public:
 
 private:
     void make_room(std::size_t num_records);
-    void add(const UMessage::Arg& arg);
+    void put(std::size_t i, const UMessage::Arg& arg);
+    // Rare, and so no part of its caller.
+    [[gnu::noinline]] const char* resource_text(const UMessage::Arg& arg);
+
+    /// What hardly any message needs.
+    struct rest_t {
+        std::vector<cxPrintfArgVal> records;
+        std::vector<MessageFormat::held_t> held;
+        std::forward_list<std::string> resource_texts;
+    };
+    rest_t& rest();
 
     cxPrintfArgVal few_records_[2 * MAX_ARGUMENTS];
     MessageFormat::held_t few_held_[2 * MAX_ARGUMENTS];
-    std::vector<cxPrintfArgVal> many_records_;
-    std::vector<MessageFormat::held_t> many_held_;
+    std::unique_ptr<rest_t> rest_;
     std::size_t count_ = 0;
     std::size_t room_ = std::size(few_records_);
     cxPrintfArgVal* records_ = few_records_;
     MessageFormat::held_t* held_ = few_held_;
-    std::forward_list<std::string> resource_texts_;
 };
 
 namespace {
@@ -462,8 +441,7 @@ bool is_missing(const char* text)
     return text == nullptr || (*text == *NO_TEXT && std::strcmp(text, NO_TEXT) == 0);
 }
 
-/// Decodes straight from the formatter's buffer, see UString::utf8_assign().
-UString decoded(std::string_view bytes)
+UString decoded_long(std::string_view bytes)
 {
     if (bytes.size() > INT_MAX)
         throw std::bad_alloc();
@@ -474,12 +452,34 @@ UString decoded(std::string_view bytes)
         length, [bytes, length](char16_t* to) { utf8_to_utf16(bytes, length, to, to + length); });
 }
 
+/// Nearly all messages are ASCII, which one pass shows and converts. There is room for all else,
+/// which takes no more units than bytes.
+UString decoded_short(std::string_view bytes)
+{
+    return owned_text_t::make_at_most(bytes.size(), [bytes](char16_t* to) {
+        const char16_t* const limit = to + bytes.size();
+        if (widen_if_ascii(bytes, to, limit))
+            return to + bytes.size();
+        const std::size_t length = utf16_length_of(bytes);
+        if (length != 0)
+            utf8_to_utf16(bytes, length, to, limit);
+        return to + length;
+    });
+}
+
+/// Decodes straight from the formatter's buffer, see UString::utf8_assign().
+UString decoded(std::string_view bytes)
+{
+    constexpr std::size_t FEW_BYTES = 256;
+    return bytes.size() <= FEW_BYTES ? decoded_short(bytes) : decoded_long(bytes);
+}
+
 UString finished(const char* text)
 {
     return is_missing(text) ? fallback() : decoded(text);
 }
 
-UString fill_safely(const char* format, MessageFormat::arguments_t args)
+UString fill_safely(const char* format, const MessageFormat::arguments_t& args)
 {
     MessageFormat::safe_format_t safe = MessageFormat::make_safe(format, args);
     return finished(Log::QmMsg::format(safe.format.c_str(), safe.records.data()));
@@ -507,27 +507,40 @@ UString render(const char** catalogue, int index, const Arguments& all, const ch
 
 using argument_list_t = std::initializer_list<const UMessage::Arg*>;
 
+/// Whether these are default arguments, as those behind the third nearly always are.
+template <class... Args>
+bool are_left_out(const Args&... args)
+{
+    return ((&args == &UMessage::Arg::nil) && ...);
+}
+
 }  // namespace
 
 MessageArguments::MessageArguments(std::initializer_list<const UMessage::Arg*> all)
 {
+    std::size_t count = 0;
     for (const UMessage::Arg* arg : all) {
         if (arg->kind_ != 0)
-            add(*arg);
+            put(count++, *arg);
     }
+    count_ = count;
 }
 
 MessageArguments::MessageArguments(const std::vector<UMessage::Arg>& all)
 {
+    std::size_t count = 0;
     for (const UMessage::Arg& arg : all)
-        add(arg);
+        put(count++, arg);
+    count_ = count;
 }
 
 MessageArguments::MessageArguments(const std::vector<const UMessage::Arg*>& all)
 {
     make_room(all.size());
+    std::size_t count = 0;
     for (const UMessage::Arg* arg : all)
-        add(arg == nullptr ? UMessage::Arg::nil : *arg);
+        put(count++, arg == nullptr ? UMessage::Arg::nil : *arg);
+    count_ = count;
 }
 
 void MessageArguments::make_room(std::size_t num_records)
@@ -538,23 +551,35 @@ void MessageArguments::make_room(std::size_t num_records)
     std::vector<MessageFormat::held_t> held(num_records);
     std::copy_n(records_, count_, records.begin());
     std::copy_n(held_, count_, held.begin());
-    many_records_.swap(records);
-    many_held_.swap(held);
-    records_ = many_records_.data();
-    held_ = many_held_.data();
+    rest().records.swap(records);
+    rest().held.swap(held);
+    records_ = rest().records.data();
+    held_ = rest().held.data();
     room_ = num_records;
 }
 
-void MessageArguments::add(const UMessage::Arg& arg)
+void MessageArguments::put(std::size_t i, const UMessage::Arg& arg)
 {
-    cxPrintfArgVal& record = records_[count_];
+    cxPrintfArgVal& record = records_[i];
     // All of it: an initialiser need not zero more than the first member.
     std::memset(&record, 0, sizeof record);
-    held_[count_++] = HELD[arg.kind_];
+    held_[i] = HELD[arg.kind_];
     if (arg.kind_ != 9)
         arg.fill(record);
     else
-        record.p = resource_texts_.emplace_front(text_of(arg.value_.res)).c_str();
+        record.p = resource_text(arg);
+}
+
+const char* MessageArguments::resource_text(const UMessage::Arg& arg)
+{
+    return rest().resource_texts.emplace_front(text_of(arg.value_.res)).c_str();
+}
+
+MessageArguments::rest_t& MessageArguments::rest()
+{
+    if (rest_ == nullptr)
+        rest_ = std::make_unique<rest_t>();
+    return *rest_;
 }
 
 cxPrintfArgVal* MessageArguments::records(std::size_t num_records)
@@ -588,6 +613,8 @@ UString UMessage::sprintf(const char* format, const Arg& a1, const Arg& a2, cons
                           const Arg& a4, const Arg& a5, const Arg& a6, const Arg& a7, const Arg& a8,
                           const Arg& a9, const Arg& a10)
 {
+    if (are_left_out(a4, a5, a6, a7, a8, a9, a10))
+        return render(format, argument_list_t{&a1, &a2, &a3});
     return render(format, argument_list_t{&a1, &a2, &a3, &a4, &a5, &a6, &a7, &a8, &a9, &a10});
 }
 
@@ -624,6 +651,8 @@ UString UMessage::sprintf(const char** catalogue, int index, const Arg& a1, cons
                           const Arg& a3, const Arg& a4, const Arg& a5, const Arg& a6, const Arg& a7,
                           const Arg& a8, const Arg& a9, const Arg& a10)
 {
+    if (are_left_out(a4, a5, a6, a7, a8, a9, a10))
+        return render(catalogue, index, argument_list_t{&a1, &a2, &a3}, nullptr);
     return render(catalogue, index,
                   argument_list_t{&a1, &a2, &a3, &a4, &a5, &a6, &a7, &a8, &a9, &a10}, nullptr);
 }

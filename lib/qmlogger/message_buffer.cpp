@@ -72,20 +72,17 @@ void keep_storage()
     g_thread.second_is_next = !g_thread.second_is_next;
 }
 
-void message_buffer::grow(std::size_t size)
+void grow(storage_t& storage, std::size_t used, std::size_t size)
 {
-    const auto used = static_cast<std::size_t>(end_ - storage_.data);
     constexpr std::size_t LARGEST = std::numeric_limits<std::ptrdiff_t>::max();
     if (size > LARGEST / 2 || used > LARGEST / 4)
         throw std::bad_alloc();
     const std::size_t capacity = std::max({FIRST_CAPACITY, used * 2, used + size});
     char* const data = static_cast<char*>(::operator new(capacity));
     if (used != 0)
-        std::memcpy(data, storage_.data, used);
-    ::operator delete(storage_.data);
-    storage_ = {data, capacity};
-    end_ = data + used;
-    limit_ = data + capacity;
+        std::memcpy(data, storage.data, used);
+    ::operator delete(storage.data);
+    storage = {data, capacity};
 }
 
 }  // namespace Log::MessageImpl

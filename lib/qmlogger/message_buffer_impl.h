@@ -20,11 +20,25 @@ storage_t& next_storage();
 /// Marks the storage that next_storage() handed out as the one that holds the last text.
 void keep_storage();
 
-/// std::memcpy() for what is mostly a few bytes between two conversions: spares the call.
+/// Copies as many bytes as make one word, or two at most, the second word over some of the first.
+template <std::size_t Word>
+void copy_by_word(char* to, const char* from, std::size_t size)
+{
+    std::memcpy(to, from, Word);
+    std::memcpy(to + size - Word, from + size - Word, Word);
+}
+
+/// std::memcpy() for what is mostly a few words: spares the call.
 inline void copy(char* to, const char* from, std::size_t size)
 {
-    if (size > 3) {
+    if (size > 32) {
         std::memcpy(to, from, size);
+    } else if (size >= 16) {
+        copy_by_word<16>(to, from, size);
+    } else if (size >= 8) {
+        copy_by_word<8>(to, from, size);
+    } else if (size >= 4) {
+        copy_by_word<4>(to, from, size);
     } else if (size != 0) {
         to[0] = from[0];
         to[size / 2] = from[size / 2];
@@ -32,11 +46,15 @@ inline void copy(char* to, const char* from, std::size_t size)
     }
 }
 
-/// Writes a text into a storage that grows as needed.
+/// Makes room for `size` more bytes behind the `used` ones. @throws std::bad_alloc
+void grow(storage_t& storage, std::size_t used, std::size_t size);
+
+/// Writes a text into a storage that grows as needed. A copy goes on where the original stood; who
+/// calls functions with a copy lets the compiler keep the original in registers.
 class message_buffer {
 public:
     explicit message_buffer(storage_t& storage) noexcept
-        : storage_(storage), end_(storage.data), limit_(storage.data + storage.capacity)
+        : storage_(&storage), end_(storage.data), limit_(storage.data + storage.capacity)
     {
     }
 
@@ -61,8 +79,12 @@ public:
     /// Room for `size` more characters, at their place. @throws std::bad_alloc
     char* claim(std::size_t size)
     {
-        if (static_cast<std::size_t>(limit_ - end_) < size || end_ == nullptr)
-            grow(size);
+        if (room() < size || end_ == nullptr) {
+            const auto used = static_cast<std::size_t>(end_ - storage_->data);
+            grow(*storage_, used, size);
+            end_ = storage_->data + used;
+            limit_ = storage_->data + storage_->capacity;
+        }
         return end_;
     }
 
@@ -76,13 +98,11 @@ public:
     const char* finish()
     {
         append('\0');
-        return storage_.data;
+        return storage_->data;
     }
 
 private:
-    void grow(std::size_t size);
-
-    storage_t& storage_;
+    storage_t* storage_;
     char* end_;
     char* limit_;
 };

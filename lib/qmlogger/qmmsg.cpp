@@ -3,6 +3,7 @@
 #include "message_buffer_impl.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -415,7 +416,8 @@ void print_value(message_buffer& out, const conversion_t& c, const cxPrintfArgVa
 }
 
 /// Prints the conversion behind a `%`. @return where reading goes on.
-const char* print_conversion(message_buffer& out, const char* p, records_t& records)
+[[gnu::noinline]] const char* print_conversion(message_buffer& out, const char* p,
+                                               records_t& records)
 {
     conversion_t c;
     const char* const end = read_conversion(p, c);
@@ -438,13 +440,21 @@ void print_plain_text(message_buffer& out, const cxPrintfArgVal* record)
 
 void print_plain_integer(message_buffer& out, const cxPrintfArgVal* record)
 {
-    const long long value = integer_of(record);
-    if (value < 0)
-        out.append('-');
-    if (value == 0)
-        return out.append('0');
-    const auto digits = digits_t(magnitude_of(value), 10, "0123456789");
-    out.append(digits.view().data(), digits.view().size());
+    constexpr std::size_t LONGEST = 20;  // 64 bits and a sign
+    char* const place = out.claim(LONGEST);
+    const char* const end = std::to_chars(place, place + LONGEST, integer_of(record)).ptr;
+    out.advance(static_cast<std::size_t>(end - place));
+}
+
+/// With copies, so that who mostly has no need of this keeps the originals in registers.
+const char* print_conversion_apart(message_buffer& out, const char* p, records_t& records)
+{
+    message_buffer copied_out = out;
+    records_t copied_records = records;
+    p = print_conversion(copied_out, p, copied_records);
+    out = copied_out;
+    records = copied_records;
+    return p;
 }
 
 /// Prints what a `%` begins. @return where reading goes on.
@@ -461,19 +471,39 @@ const char* print_from_percent(message_buffer& out, const char* p, records_t& re
         print_plain_integer(out, records.next());
         return p + 1;
     default:
-        return print_conversion(out, p, records);
+        return print_conversion_apart(out, p, records);
     }
+}
+
+/// Prints what stands in front of a `%` or the end. @return where that is.
+const char* print_up_to_percent(message_buffer& out, const char* p)
+{
+    const char* const percent = strchrnul(p, '%');
+    out.append(p, static_cast<std::size_t>(percent - p));
+    return percent;
+}
+
+/// The same behind a conversion, where mostly a few characters follow: spares two calls for them.
+const char* print_few_up_to_percent(message_buffer& out, const char* p)
+{
+    constexpr std::size_t FEW = 8;
+    char* const place = out.claim(FEW);
+    for (std::size_t i = 0; i < FEW; ++i) {
+        if (p[i] == '%' || p[i] == '\0') {
+            out.advance(i);
+            return p + i;
+        }
+        place[i] = p[i];
+    }
+    out.advance(FEW);
+    return print_up_to_percent(out, p + FEW);
 }
 
 void print_message(message_buffer& out, const char* format, records_t records)
 {
-    for (const char* p = format;;) {
-        const char* const percent = strchrnul(p, '%');
-        out.append(p, static_cast<std::size_t>(percent - p));
-        if (*percent == '\0')
-            return;
-        p = print_from_percent(out, percent + 1, records);
-    }
+    const char* p = print_up_to_percent(out, format);
+    while (*p != '\0')
+        p = print_few_up_to_percent(out, print_from_percent(out, p + 1, records));
 }
 
 }  // namespace
