@@ -80,7 +80,8 @@ public:
     char* claim(std::size_t size)
     {
         if (room() < size || end_ == nullptr) {
-            const auto used = static_cast<std::size_t>(end_ - storage_->data);
+            const std::size_t used =
+                end_ == nullptr ? 0 : static_cast<std::size_t>(end_ - storage_->data);
             grow(*storage_, used, size);
             end_ = storage_->data + used;
             limit_ = storage_->data + storage_->capacity;
