@@ -89,6 +89,7 @@ const char* const PRIVATE[] = {
     "Selector::keep(",
     "Selector::short_text(",
     "UMessage::Arg::Arg(int, char const*",
+    "UMessage::Arg::Arg(int, long)",
     "UMessage::Arg::fill(",
     "UMessage::Arg::hold(",
     "UMessage::Arg::swap(",
