@@ -5,6 +5,7 @@
 #include <regex>
 #include <sstream>
 #include <stdexcept>
+#include <vector>
 
 namespace torture {
 namespace {
@@ -38,25 +39,45 @@ std::string shortened(std::string name)
     return name;
 }
 
+struct symbol_t {
+    char kind;  ///< nm's letter
+    std::string name;
+};
+
+/// What nm prints of dynamic symbols, unsorted: each line is an address or blanks, the letter, the
+/// name.
+std::vector<symbol_t> symbols(const std::string& options, const std::string& file)
+{
+    std::istringstream lines(output_of(NM " -D -p " + options + " '" + file + "'"));
+    std::vector<symbol_t> all;
+    for (std::string line; std::getline(lines, line);)
+        if (line.size() > 19)
+            all.push_back({line[17], line.substr(19)});
+    return all;
+}
+
+// The linker's names of what the standard library defines, whatever types of ours it does that for.
+const std::regex STANDARD(R"(_Z(GV|T[VTIS])?Z?N?[VK]*(St|S[absiod]|9__gnu_cxx).*)");
+
 /// @param kinds  of the symbols wanted, as nm's letters
 names_t functions(const std::string& options, const std::string& file, const std::string& kinds)
 {
-    // Each line: an address or blanks, the letter, the name.
-    std::istringstream lines(output_of(NM " -D -C " + options + " '" + file + "'"));
+    const std::vector<symbol_t> linked = symbols(options, file);
+    const std::vector<symbol_t> readable = symbols("-C " + options, file);
+    if (linked.size() != readable.size())
+        throw std::runtime_error("nm disagrees with itself about " + file);
     names_t names;
-    for (std::string line; std::getline(lines, line);)
-        if (line.size() > 19 && kinds.find(line[17]) != kinds.npos)
-            names.insert(shortened(line.substr(19)));
+    for (std::size_t i = 0; i < linked.size(); ++i)
+        if (kinds.find(linked[i].kind) != kinds.npos && !std::regex_match(linked[i].name, STANDARD))
+            names.insert(shortened(readable[i].name));
     return names;
 }
 
 // ---- what is exported, but for no caller ----
 
-// Templates of the standard library that our types take part in, and what compilers add for
-// themselves: the one with the plain name counts lines. Destructors allocate nothing, and each row
-// runs those of its objects.
-const std::regex NOT_OURS(
-    R"(^((\w+ )?std::|__|_|virtual thunk|non-virtual thunk|lsan|asan).*|.*~.*|mangle_path)");
+// What compilers add for themselves: the one with the plain name counts lines. Destructors allocate
+// nothing, and each row runs those of its objects.
+const std::regex NOT_OURS(R"(^(_|virtual thunk|non-virtual thunk|lsan|asan).*|.*~.*|mangle_path)");
 
 // Private members, by their names up to the parameters: the rows of the public operations run them.
 const char* const PRIVATE[] = {
