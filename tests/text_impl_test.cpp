@@ -3,6 +3,7 @@
 #include "latin1_impl.h"
 #include "search_impl.h"
 #include "storage_impl.h"
+#include "units_order_impl.h"
 #include "utf8_impl.h"
 
 #include <gtest/gtest.h>
@@ -406,6 +407,21 @@ TEST(Search, OfASetAgreesWithTheStandardLibrary)
             set += static_cast<char16_t>(random() % alphabet);
         ASSERT_EQ(find_unit_of(text, set), text.find_first_of(set));
     }
+}
+
+// Every two texts of up to nine units from two, of which one is the greater by its low byte only.
+TEST(Order, AgreesWithTheStandardLibrary)
+{
+    std::vector<std::u16string> texts = {u""};
+    for (std::size_t i = 0; texts.back().size() < 9; ++i)
+        for (const char16_t unit : {u'\x100', u'\xFF'})
+            texts.push_back(texts[i] + unit);
+    for (const std::u16string_view a : texts)
+        for (const std::u16string_view b : texts) {
+            const int expected = a.compare(b);
+            if (order_of_units(a, b) != (expected > 0) - (expected < 0))
+                ADD_FAILURE() << a.size() << " and " << b.size() << " units";
+        }
 }
 
 }  // namespace

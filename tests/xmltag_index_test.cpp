@@ -23,16 +23,23 @@ namespace {
 using namespace Kvl::XmlTagImpl;
 
 struct entry_t {
-    std::uint32_t scope;
     std::u16string name;
 };
 
 struct traits_t {
-    static std::uint32_t scope(const entry_t& entry) { return entry.scope; }
     static std::u16string_view name(const entry_t& entry) { return entry.name; }
 };
 
 typedef name_index_t<const entry_t, traits_t> index_t;
+
+void add(index_t& index, const entry_t& entry)
+{
+    index.make_room();
+    const index_t::hashed_t hashed(entry.name);
+    EXPECT_EQ(index.find(hashed), nullptr);
+    index.add(hashed, &entry);
+    EXPECT_EQ(index.find(hashed), &entry);
+}
 
 constexpr hash_key_t KEY{0x3BD39E10CB0EF593u, 0xC5F4F5AB4B2B7C19u};
 constexpr hash_key_t OTHER_START{0x1F4A3C0B5D6E7F80u, KEY.secret};
@@ -52,29 +59,28 @@ TEST(XmlTagHash, IsTheSameAtCompileTimeAndAtRunTime)
     constexpr auto hashes = [] {
         std::array<std::uint64_t, TEXT.size()> result{};
         for (std::size_t n = 0; n < result.size(); ++n)
-            result[n] = hash_of(KEY, 7, TEXT.substr(0, n));
+            result[n] = hash_of(KEY, TEXT.substr(0, n));
         return result;
     }();
     for (std::size_t n = 0; n < hashes.size(); ++n) {
         const std::u16string copy(TEXT.substr(0, n));
-        EXPECT_EQ(hash_of(KEY, 7, copy), hashes[n]);
+        EXPECT_EQ(hash_of(KEY, copy), hashes[n]);
     }
 }
 
-TEST(XmlTagHash, DependsOnEveryUnitTheLengthTheScopeAndTheKey)
+TEST(XmlTagHash, DependsOnEveryUnitTheLengthAndTheKey)
 {
     for (std::size_t length = 0; length < 40; ++length) {
         const std::u16string name(length, u'\0');
-        std::set<std::uint64_t> hashes = {
-            hash_of(KEY, 0, name), hash_of(KEY, 1, name), hash_of(OTHER_START, 0, name),
-            hash_of(OTHER_SECRET, 0, name), hash_of(KEY, 0, name + u'\0')};
+        std::set<std::uint64_t> hashes = {hash_of(KEY, name), hash_of(OTHER_START, name),
+                                          hash_of(OTHER_SECRET, name), hash_of(KEY, name + u'\0')};
         for (std::size_t i = 0; i < length; ++i)
             for (const char16_t unit : {u'\x1', u'\x8000'}) {
                 std::u16string changed = name;
                 changed[i] = unit;
-                hashes.insert(hash_of(KEY, 0, changed));
+                hashes.insert(hash_of(KEY, changed));
             }
-        EXPECT_EQ(hashes.size(), 5 + length * 2) << length;
+        EXPECT_EQ(hashes.size(), 4 + length * 2) << length;
     }
 }
 
@@ -84,7 +90,7 @@ TEST(XmlTagHash, SpreadsNumberedNames)
     std::vector<int> buckets(1024);
     for (int i = 0; i < 102'400; ++i) {
         const std::string digits = "property-" + std::to_string(i);
-        ++buckets[hash_of(KEY, 6, std::u16string(digits.begin(), digits.end())) % buckets.size()];
+        ++buckets[hash_of(KEY, std::u16string(digits.begin(), digits.end())) % buckets.size()];
     }
     for (const int n : buckets)
         EXPECT_TRUE(n > 40 && n < 180) << n;  // 100 on average, with a deviation of 10
@@ -136,21 +142,19 @@ TEST(XmlTagIndex, FindsWhatAMapFinds)
     std::mt19937 random(20240229);
     static index_t index;  // never freed, as in the registry
     std::vector<std::unique_ptr<entry_t>> entries;
-    std::set<std::pair<std::uint32_t, std::u16string>> known;
+    std::set<std::u16string> known;
     for (int i = 0; i < 20'000; ++i) {
-        const auto scope = static_cast<std::uint32_t>(random() % 3);
         const std::u16string name = random_name(random);
-        const entry_t* const found = index.find(scope, name);
-        ASSERT_EQ(found != nullptr, known.count({scope, name}) == 1);
+        const entry_t* const found = index.find(name);
+        ASSERT_EQ(found != nullptr, known.count(name) == 1);
         if (found != nullptr) {
-            ASSERT_TRUE(found->scope == scope && found->name == name);
+            ASSERT_EQ(found->name, name);
             continue;
         }
-        entries.push_back(std::make_unique<entry_t>(entry_t{scope, name}));
-        known.insert({scope, name});
-        index.make_room();
-        index.add(entries.back().get());
-        ASSERT_EQ(index.find(scope, name), entries.back().get());
+        entries.push_back(std::make_unique<entry_t>(entry_t{name}));
+        known.insert(name);
+        add(index, *entries.back());
+        ASSERT_EQ(index.find(name), entries.back().get());
     }
     EXPECT_GT(known.size(), 10'000u);
 }
@@ -159,17 +163,16 @@ TEST(XmlTagIndex, FindsWhatAMapFinds)
 TEST(XmlTagIndex, IsMadeByAThreadThatIsBeingCancelled)
 {
     static index_t index;  // never freed, as in the registry
-    static const entry_t entry{1, u"name"};
+    static const entry_t entry{u"name"};
     static std::atomic<bool> is_made{false};
     std::thread thread([] {
         pthread_cancel(pthread_self());
-        index.make_room();
-        index.add(&entry);
+        add(index, entry);
         is_made = true;
     });
     thread.join();
     EXPECT_TRUE(is_made);
-    EXPECT_EQ(index.find(1, u"name"), &entry);
+    EXPECT_EQ(index.find(u"name"), &entry);
 }
 
 TEST(XmlTagIndex, IsUnchangedWhenThereIsNoRoom)
@@ -178,17 +181,17 @@ TEST(XmlTagIndex, IsUnchangedWhenThereIsNoRoom)
     std::vector<std::unique_ptr<entry_t>> entries;
     for (int i = 0; i < 500; ++i) {
         entries.push_back(
-            std::make_unique<entry_t>(entry_t{0, std::u16string(1, static_cast<char16_t>(i))}));
+            std::make_unique<entry_t>(entry_t{std::u16string(1, static_cast<char16_t>(i))}));
         EXPECT_GE(for_each_memory_fault(
                       [&] { index.make_room(); },
                       [&] {
                           for (int k = 0; k < i; ++k)
-                              ASSERT_NE(index.find(0, entries[static_cast<std::size_t>(k)]->name),
+                              ASSERT_NE(index.find(entries[static_cast<std::size_t>(k)]->name),
                                         nullptr);
                       }),
                   0);
-        EXPECT_EQ(index.find(0, entries.back()->name), nullptr);
-        index.add(entries.back().get());
+        EXPECT_EQ(index.find(entries.back()->name), nullptr);
+        add(index, *entries.back());
     }
 }
 

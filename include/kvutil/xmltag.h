@@ -12,6 +12,7 @@ namespace Kvl {
 
 namespace XmlTagImpl {
 class IdToTagMap;
+struct kept_text_t;
 struct tag_access_t;
 }  // namespace XmlTagImpl
 
@@ -20,8 +21,9 @@ struct tag_access_t;
 /// The names that both sides of the protocol know in advance have fixed Ids (see WkTag and
 /// WkTagId); every other name gets the next free Id when lookup() first meets it. An Id stands for
 /// one pair of namespace and local name until the process ends, so Ids may be kept and compared
-/// instead of texts. The registry never forgets: each registered name keeps about 300 bytes and
-/// twice its length, so names from the wire that need no identity are better left unregistered.
+/// instead of texts. The registry never forgets: each registered name keeps about 300 bytes, and
+/// one of more than 26 units its text, so names from the wire that need no identity are better left
+/// unregistered.
 ///
 /// Deliberate: a tag built from texts has Id 0 until it is given to lookup(XmlTag&), and prints as
 /// "<nil-tag>" until then.
@@ -209,6 +211,7 @@ private:
     friend class XmlTagImpl::IdToTagMap;
     friend struct XmlTagImpl::tag_access_t;
     XmlTag(Namespace* ns, const char16_t* simple_name, int length_units, Id id) noexcept;
+    XmlTag(Namespace* ns, const XmlTagImpl::kept_text_t& name, Id id) noexcept;
 
     /// The run-time tag with Id NUM_WK_IDS + `index`, or null. Takes no lock.
     static const XmlTag* find_run_time(unsigned int index)

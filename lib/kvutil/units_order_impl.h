@@ -31,18 +31,19 @@ constexpr int order_of_words(std::uint64_t a, std::uint64_t b)
 }
 
 /// -1, 0 or 1: the order of two texts by units, not by characters. Names that are sorted together
-/// begin alike, so four units at a time are compared until they differ.
+/// begin alike, so four units at a time are compared until they differ; the last four may overlap
+/// with what was compared.
 constexpr int order_of_units(std::u16string_view a, std::u16string_view b)
 {
     const std::size_t common = std::min(a.size(), b.size());
-    std::size_t i = 0;
-    for (; i + 4 <= common; i += 4) {
-        const std::uint64_t word_a = four_units(a.data() + i);
-        const std::uint64_t word_b = four_units(b.data() + i);
+    for (std::size_t i = 0; common >= 4 && i < common; i += 4) {
+        const std::size_t at = std::min(i, common - 4);
+        const std::uint64_t word_a = four_units(a.data() + at);
+        const std::uint64_t word_b = four_units(b.data() + at);
         if (word_a != word_b)
             return order_of_words(word_a, word_b);
     }
-    for (; i < common; ++i)
+    for (std::size_t i = 0; common < 4 && i < common; ++i)
         if (a[i] != b[i])
             return a[i] < b[i] ? -1 : 1;
     return (a.size() > b.size()) - (a.size() < b.size());

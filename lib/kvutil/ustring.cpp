@@ -120,11 +120,10 @@ UString::UString(room_t length, const char16_t* units) : UString(length)
     set_length(*this, length.units);
 }
 
-UString::UString(room_t room) : icu::UnicodeString(checked_capacity(room.units), 0, 0)
+UString::UString(room_t room)
 {
     initialize();
-    if (isBogus())
-        throw std::bad_alloc();
+    make_room_in_new(*this, room.units);
 }
 
 // Deliberate: a byte above 0x7F loses its high bit. Meant for ASCII literals.

@@ -31,6 +31,7 @@ namespace {
 
 using XmlTagImpl::all_dynamic_tags;
 using XmlTagImpl::dynamic_tags_lock;
+using XmlTagImpl::kept_text_t;
 using XmlTagImpl::tag_access_t;
 
 typedef XmlTag::Namespace Namespace;
@@ -50,58 +51,49 @@ typedef XmlTag::Namespace Namespace;
 
 // ---- What threads read without the lock. Every write happens with the lock held.
 
-/// What a look-up reads: the scope of a name (its namespace's number; 0 for a URI), its length and,
-/// directly behind, its units. The object that has the name comes next, so that finding it does not
-/// even touch it.
-struct record_t {
-    std::uint32_t scope;
-    std::uint32_t length;
-
-    const char16_t* units() const noexcept { return reinterpret_cast<const char16_t*>(this + 1); }
+struct tag_traits_t {
+    static std::u16string_view name(const XmlTag& tag) { return view_of(tag.simple_name()); }
 };
 
-/// The size of a record with its units and a terminator.
-constexpr std::size_t record_size(std::size_t length)
-{
-    const std::size_t size = sizeof(record_t) + (length + 1) * sizeof(char16_t);
-    return (size + alignof(void*) - 1) / alignof(void*) * alignof(void*);
-}
+/// A namespace has one of its own, which stays in the caches while its names are in use, however
+/// many names others have.
+typedef XmlTagImpl::name_index_t<const XmlTag, tag_traits_t> index_t;
 
-template <class T>
-T* object_of(const record_t* record) noexcept
-{
-    if (record == nullptr)
-        return nullptr;
-    const auto place = reinterpret_cast<std::uintptr_t>(record) + record_size(record->length);
-    return reinterpret_cast<T*>(place);
-}
-
-/// A namespace and the string that its `uri` refers to.
+/// A namespace, the string that its `uri` refers to, and its tags.
 struct runtime_namespace_t {
-    runtime_namespace_t(UString&& own_uri, XmlTag::NsId id)
-        : uri(std::move(own_uri)), ns(uri, id, false, false)
+    runtime_namespace_t(kept_text_t own_uri, XmlTag::NsId id)
+        : uri(own_uri), ns(uri, id, false, false)
     {
+        uri.c_str();
     }
-    UString uri;
+    const UString uri;
     Namespace ns;
+    index_t tags_by_name;
 };
 
-struct record_traits_t {
-    static std::uint32_t scope(const record_t& record) { return record.scope; }
-    static std::u16string_view name(const record_t& record)
+struct namespace_traits_t {
+    static std::u16string_view name(const runtime_namespace_t& created)
     {
-        return {record.units(), record.length};
+        return view_of(created.uri);
     }
 };
 
-typedef XmlTagImpl::name_index_t<const record_t, record_traits_t> index_t;
-constinit index_t tags_by_name;
-constinit index_t namespaces_by_uri;
-constinit XmlTagImpl::parted_list_t<Namespace*> namespaces_by_nsid;
+typedef XmlTagImpl::name_index_t<runtime_namespace_t, namespace_traits_t> namespace_index_t;
+constinit namespace_index_t namespaces_by_uri;
+constinit XmlTagImpl::parted_list_t<runtime_namespace_t*> namespaces_by_nsid;
+constinit index_t run_time_tags_of_well_known[XmlTag::NUM_WK_NAMESPACES];
 
 bool is_well_known(XmlTag::NsId nsid)
 {
     return static_cast<unsigned int>(nsid) < static_cast<unsigned int>(XmlTag::NUM_WK_NAMESPACES);
+}
+
+/// The namespace that was created with a number, or null.
+runtime_namespace_t* find_created(XmlTag::NsId nsid)
+{
+    const unsigned int index =
+        static_cast<unsigned int>(nsid) - static_cast<unsigned int>(XmlTag::NUM_WK_NAMESPACES);
+    return nsid < 0 || index >= namespaces_by_nsid.size() ? nullptr : namespaces_by_nsid[index];
 }
 
 /// The namespace with a number, or null.
@@ -109,26 +101,36 @@ Namespace* find_namespace(XmlTag::NsId nsid)
 {
     if (is_well_known(nsid))
         return XmlTag::g_namespace_array[nsid];
-    const unsigned int index =
-        static_cast<unsigned int>(nsid) - static_cast<unsigned int>(XmlTag::NUM_WK_NAMESPACES);
-    return nsid < 0 || index >= namespaces_by_nsid.size() ? nullptr : namespaces_by_nsid[index];
+    runtime_namespace_t* const created = find_created(nsid);
+    return created != nullptr ? &created->ns : nullptr;
+}
+
+/// The run-time tags of the namespace with a number, or null when there is no such namespace.
+index_t* find_index(XmlTag::NsId nsid)
+{
+    if (is_well_known(nsid))
+        return &run_time_tags_of_well_known[nsid];
+    runtime_namespace_t* const created = find_created(nsid);
+    return created != nullptr ? &created->tags_by_name : nullptr;
 }
 
 Namespace* find_namespace(std::u16string_view uri)
 {
     if (Namespace* const wk = XmlTagImpl::find_well_known_namespace(uri))
         return wk;
-    auto* const created = object_of<runtime_namespace_t>(namespaces_by_uri.find(0, uri));
+    runtime_namespace_t* const created = namespaces_by_uri.find(uri);
     return created != nullptr ? &created->ns : nullptr;
 }
 
-/// The tag with a name, or null, also when there is no such namespace.
-[[gnu::always_inline]] inline const XmlTag* find_tag(XmlTag::NsId nsid, std::u16string_view name)
+/// The tag with a name, or null.
+/// @param index  of the namespace; null when there is no such namespace
+[[gnu::always_inline]] inline const XmlTag* find_tag(XmlTag::NsId nsid, const index_t* index,
+                                                     std::u16string_view name)
 {
     if (is_well_known(nsid))
         if (const XmlTag* const wk = XmlTagImpl::find_well_known(nsid, name.data(), name.size()))
             return wk;
-    return object_of<const XmlTag>(tags_by_name.find(static_cast<std::uint32_t>(nsid), name));
+    return index != nullptr ? index->find(name) : nullptr;
 }
 
 // ---- Registration: everything that can fail comes before the first change
@@ -159,69 +161,59 @@ private:
 };
 constinit arena_t arena KVUTIL_GUARDED_BY(dynamic_tags_lock);
 
-/// A record of a text, and memory for a T behind it whose own strings then alias that text, so that
-/// c_str() of them never writes.
+/// Memory for a T and, unless it is short, for the text that its string then aliases.
 template <class T>
 class memory_with_text_t {
     static_assert(alignof(T) == alignof(void*), "the arena gives no other");
 
 public:
-    memory_with_text_t(std::uint32_t scope, std::u16string_view text)
-        KVUTIL_REQUIRES(dynamic_tags_lock)
-        : record_(reinterpret_cast<record_t*>(arena.take(size(text.size()))))
+    explicit memory_with_text_t(std::u16string_view text) KVUTIL_REQUIRES(dynamic_tags_lock)
+        : memory_(arena.take(size(text))), text_{text}
     {
-        ::new (record_) record_t{scope, static_cast<std::uint32_t>(text.size())};
-        char16_t* const copy = ::new (record_ + 1) char16_t[text.size() + 1];
-        std::copy(text.begin(), text.end(), copy);
-        copy[text.size()] = 0;
+        if (text_.is_short())
+            return;
+        char16_t* const copy = ::new (memory_ + sizeof(T)) char16_t[text.size() + 1];
+        *std::copy(text.begin(), text.end(), copy) = 0;
+        text_.units = {copy, text.size()};
     }
-    T* object() const noexcept { return object_of<T>(record_); }
-    const record_t* record() const noexcept { return record_; }
-    std::u16string_view text() const noexcept { return record_traits_t::name(*record_); }
-    UString alias() const noexcept
-    {
-        return constant_text_t::make(record_->units(), static_cast<int>(record_->length));
-    }
-    /// Becomes the text to sort by, in place: a short one inside the string itself, so that who
-    /// compares it needs not go elsewhere. It is not terminated yet, but has room for that.
-    struct key_t {
-        const memory_with_text_t& memory;
-        operator UString() const
-        {
-            constexpr std::size_t ROOM_INSIDE = 26;
-            const std::u16string_view text = memory.text();
-            return text.size() <= ROOM_INSIDE ? owned_text_t::make(text) : memory.alias();
-        }
-    };
-    key_t key() const noexcept { return {*this}; }
-    void keep() noexcept KVUTIL_REQUIRES(dynamic_tags_lock) { arena.keep(size(record_->length)); }
+    void* object() const noexcept { return memory_; }
+    /// Of the object's string; valid as long as it, if it is not short.
+    kept_text_t text() const noexcept { return text_; }
+    void keep() noexcept KVUTIL_REQUIRES(dynamic_tags_lock) { arena.keep(size(text_.units)); }
 
 private:
-    static std::size_t size(std::size_t length) { return record_size(length) + sizeof(T); }
+    static std::size_t size(std::u16string_view text)
+    {
+        const std::size_t size_of_text =
+            kept_text_t{text}.is_short() ? 0 : (text.size() + 1) * sizeof(char16_t);
+        return (sizeof(T) + size_of_text + alignof(T) - 1) / alignof(T) * alignof(T);
+    }
 
-    record_t* record_;
+    std::byte* memory_;
+    kept_text_t text_;
 };
 
 /// Registers a name that `ns` does not have. The lock is held.
-const XmlTag* register_tag(Namespace& ns, std::u16string_view name)
+/// @param index  of `ns`, with room
+const XmlTag* register_tag(Namespace& ns, index_t& index, const index_t::hashed_t& name)
     KVUTIL_REQUIRES(dynamic_tags_lock)
 {
     const XmlTag::Id id = XmlTag::g_num_defined_tags;
     if (id == INT_MAX)
         throw std::bad_alloc();
-    memory_with_text_t<XmlTag> memory(static_cast<std::uint32_t>(ns.id), name);
+    memory_with_text_t<XmlTag> memory(name.name);
     const XmlTag*& entry = all_dynamic_tags[id];
-    tags_by_name.make_room();
     // Names often come in order; the hint then saves the search and otherwise costs one comparison.
-    const auto in_order = ns.tags.emplace_hint(ns.tags.end(), memory.key(), memory.object());
+    const auto in_order = ns.tags.emplace_hint(ns.tags.end(), memory.text(), nullptr);
     in_order->first.c_str();
     const XmlTag* const tag = tag_access_t::construct(memory.object(), &ns, memory.text(), id);
+    in_order->second = tag;
     memory.keep();
     entry = tag;
     XmlTag::g_num_defined_tags = id + 1;
     // The Id before the name: who finds the tag by name may ask for its Id at once.
     tag_access_t::publish_last(all_dynamic_tags);
-    tags_by_name.add(memory.record());
+    index.add(name, tag);
     return tag;
 }
 
@@ -237,41 +229,38 @@ Namespace* create_namespace(std::u16string_view uri) KVUTIL_REQUIRES(dynamic_tag
     std::vector<Namespace*>& sorted = *XmlTag::g_sorted_namespace_vector;
     if (sorted.size() == INT_MAX)
         throw std::bad_alloc();
-    memory_with_text_t<runtime_namespace_t> memory(0, uri);
+    memory_with_text_t<runtime_namespace_t> memory(uri);
     make_room(sorted);
     make_room(*XmlTag::g_nsid_to_namespace_map);
     namespaces_by_nsid.make_room();
     namespaces_by_uri.make_room();
     auto* const created = ::new (memory.object())
-        runtime_namespace_t(memory.alias(), static_cast<XmlTag::NsId>(sorted.size()));
+        runtime_namespace_t(memory.text(), static_cast<XmlTag::NsId>(sorted.size()));
     memory.keep();
     Namespace* const ns = &created->ns;
     XmlTag::g_nsid_to_namespace_map->push_back(ns);
     sorted.insert(
         std::lower_bound(sorted.begin(), sorted.end(), ns->uri, XmlTag::CompareNamespacePtr()), ns);
     // The number before the URI, as with tags.
-    namespaces_by_nsid.push_back(ns);
-    namespaces_by_uri.add(memory.record());
+    namespaces_by_nsid.push_back(created);
+    namespaces_by_uri.add(namespace_index_t::hashed_t(uri), created);
     return ns;
 }
 
 /// What a look-up without the lock has not found. Out of line, so that those that find carry
-/// nothing of it.
-[[gnu::noinline]] const XmlTag* find_or_register(Namespace& ns, std::u16string_view name)
+/// nothing of it. Another thread may have been first.
+/// @param when_new  (const XmlTag&): called with the tag when it is registered now
+template <class WhenNew>
+[[gnu::noinline]] const XmlTag* find_or_register(Namespace& ns, index_t& index,
+                                                 std::u16string_view name, WhenNew when_new)
 {
     const CriticalSection section(dynamic_tags_lock);
-    const XmlTag* const known = find_tag(ns.id, name);  // another thread may have been first
-    return known != nullptr ? known : register_tag(ns, name);
-}
-
-[[gnu::noinline]] const XmlTag* find_or_register(Namespace& ns, std::u16string_view name,
-                                                 XmlTag& argument)
-{
-    const CriticalSection section(dynamic_tags_lock);
-    if (const XmlTag* const known = find_tag(ns.id, name))
+    index.make_room();
+    const index_t::hashed_t hashed(name);
+    if (const XmlTag* const known = index.find(hashed))
         return known;
-    const XmlTag* const registered = register_tag(ns, name);
-    tag_access_t::set_id(argument, registered->id());
+    const XmlTag* const registered = register_tag(ns, index, hashed);
+    when_new(*registered);
     return registered;
 }
 
@@ -337,6 +326,12 @@ XmlTag::XmlTag(Namespace* ns, const char16_t* simple_name, int length_units, Id 
 {
 }
 
+XmlTag::XmlTag(Namespace* ns, const XmlTagImpl::kept_text_t& name, Id id) noexcept
+    : ns_(ns), simple_name_(name), id_(id)
+{
+    simple_name_.c_str();
+}
+
 // A copy owns its name, terminated so that threads that share the copy only read it.
 XmlTag::XmlTag(const XmlTag& o) : ns_(o.ns_), simple_name_(o.simple_name_), id_(o.id_)
 {
@@ -387,12 +382,12 @@ const XmlTag* XmlTag::reject(Id id)
 
 const XmlTag* XmlTag::lookup(NsId nsid, const UString& name)
 {
-    if (const XmlTag* const known = find_tag(nsid, view_of(name)))
+    index_t* const index = find_index(nsid);
+    if (const XmlTag* const known = find_tag(nsid, index, view_of(name)))
         return known;
-    Namespace* const ns = find_namespace(nsid);
-    if (ns == nullptr)
+    if (index == nullptr)
         throw_illegal_arg(MSG_ILLEGAL_NAMESPACE_ID);
-    return find_or_register(*ns, view_of(name));
+    return find_or_register(*find_namespace(nsid), *index, view_of(name), [](const XmlTag&) {});
 }
 
 const XmlTag* XmlTag::lookup(XmlTag& tag)
@@ -400,8 +395,12 @@ const XmlTag* XmlTag::lookup(XmlTag& tag)
     if (tag.ns_ == nullptr)
         throw_illegal_arg(MSG_ILLEGAL_NAMESPACE_ID);
     const std::u16string_view name = view_of(tag.simple_name_);
-    const XmlTag* const known = find_tag(tag.ns_->id, name);
-    return known != nullptr ? known : find_or_register(*tag.ns_, name, tag);
+    index_t* const index = find_index(tag.ns_->id);
+    if (const XmlTag* const known = find_tag(tag.ns_->id, index, name))
+        return known;
+    return find_or_register(*tag.ns_, *index, name, [&](const XmlTag& registered) {
+        tag_access_t::set_id(tag, registered.id());
+    });
 }
 
 const UString& XmlTag::ns_abbreviation(NsId nsid)
@@ -497,6 +496,12 @@ XmlTag* tag_access_t::construct(void* place, XmlTag::Namespace* ns, std::u16stri
                                 XmlTag::Id id) noexcept
 {
     return ::new (place) XmlTag(ns, name.data(), static_cast<int>(name.size()), id);
+}
+
+XmlTag* tag_access_t::construct(void* place, XmlTag::Namespace* ns, const kept_text_t& name,
+                                XmlTag::Id id) noexcept
+{
+    return ::new (place) XmlTag(ns, name, id);
 }
 
 bool CompareXmlTagSimpleName::operator()(const XmlTag* a, const XmlTag* b) const noexcept

@@ -39,14 +39,13 @@ constexpr std::uint64_t few_units(std::u16string_view text)
     return word;
 }
 
-/// The hash of a name within a scope (a namespace's number), over every unit. Words may overlap
-/// instead of a loop per unit: branches that depend on the length cost more than the arithmetic.
-constexpr std::uint64_t hash_of(const hash_key_t& key, std::uint32_t scope,
-                                std::u16string_view name)
+/// The hash of a name, over every unit. Words may overlap instead of a loop per unit: branches that
+/// depend on the length cost more than the arithmetic.
+constexpr std::uint64_t hash_of(const hash_key_t& key, std::u16string_view name)
 {
     const char16_t* text = name.data();
     std::size_t left = name.size();
-    std::uint64_t hash = key.start ^ (std::uint64_t{scope} << 32 ^ left) * ODD;
+    std::uint64_t hash = key.start ^ left * ODD;
     if (left < 4)
         return fold_multiply(few_units(name) ^ key.secret, hash ^ ODD);
     for (; left > 16; left -= 8, text += 8)

@@ -2,6 +2,7 @@
 #define KVUTIL_XMLTAG_IMPL_H
 
 #include "undying_impl.h"
+#include "ustring_impl.h"
 
 #include <kvutil/critsec.h>
 #include <kvutil/xmltag.h>
@@ -101,7 +102,7 @@ public:
     {
         const place_t place = place_of(size());
         parts_[place.part][place.offset] = element;
-        size_.fetch_add(1, std::memory_order_release);
+        size_.store(size_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
 
 private:
@@ -109,10 +110,26 @@ private:
     std::atomic<unsigned int> size_{0};
 };
 
+/// What becomes a string that stays where it is: of a short text a copy inside the string itself,
+/// so that who compares it needs not go elsewhere, of any other an alias. Its c_str() is to be
+/// called once, to terminate it.
+struct kept_text_t {
+    bool is_short() const noexcept { return units.size() < INLINE_UNITS; }
+    operator UString() const noexcept
+    {
+        return is_short() ? owned_text_t::make(units)
+                          : constant_text_t::make(units.data(), static_cast<int>(units.size()));
+    }
+    std::u16string_view units;
+};
+
 /// What the registry needs of private parts.
 struct tag_access_t {
     /// Constructs a tag whose local name aliases `name`, which is terminated and outlives it.
     static XmlTag* construct(void* place, XmlTag::Namespace* ns, std::u16string_view name,
+                             XmlTag::Id id) noexcept;
+    /// The same with a name that is not short only where it is terminated and outlives the tag.
+    static XmlTag* construct(void* place, XmlTag::Namespace* ns, const kept_text_t& name,
                              XmlTag::Id id) noexcept;
     static XmlTag::Namespace* ns(const XmlTag& tag) noexcept { return tag.ns_; }
     static void set_id(XmlTag& tag, XmlTag::Id id) noexcept { tag.id_ = id; }
@@ -124,7 +141,9 @@ struct tag_access_t {
     static void publish_last(const IdToTagMap& map) noexcept
     {
         XmlTag::run_time_chunks.store(map.directory_, std::memory_order_release);
-        XmlTag::num_run_time_tags.fetch_add(1, std::memory_order_release);
+        // One thread at a time comes here.
+        const unsigned int count = XmlTag::num_run_time_tags.load(std::memory_order_relaxed);
+        XmlTag::num_run_time_tags.store(count + 1, std::memory_order_release);
     }
 };
 

@@ -17,14 +17,14 @@
 namespace Kvl {
 namespace XmlTagImpl {
 
-/// Finds entries by scope and name without a lock, while one thread at a time adds more.
+/// Finds entries by name without a lock, while one thread at a time adds more.
 ///
 /// A hash table of buckets of seven entries, each a cache line; what a full bucket has no place for
 /// stands in the next one that has. On average at most five places of a bucket are taken. Entries
 /// are never removed, and a table that has become too small is kept: a reader may still be in it.
 /// All tables together take less than twice the memory of the last one.
 ///
-/// Traits gives `scope(entry)` and `name(entry)` of the entries.
+/// Traits gives `name(entry)`. All indexes of one type have one lock for those who add.
 template <class Entry, class Traits>
 class name_index_t {
 public:
@@ -33,25 +33,10 @@ public:
     name_index_t& operator=(const name_index_t&) = delete;
 
     /// The entry, or null. What another thread adds meanwhile may or may not be found.
-    Entry* find(std::uint32_t scope, std::u16string_view name) const noexcept
+    Entry* find(std::u16string_view name) const noexcept
     {
         const table_t* const table = table_.load(std::memory_order_acquire);
-        if (table == nullptr)
-            return nullptr;
-        const std::uint64_t hash = hash_of(key_, scope, name);
-        for (std::size_t i = hash & table->mask;; i = (i + 1) & table->mask) {
-            const bucket_t& bucket = table->buckets[i];
-            const std::uint64_t checks = bucket.checks.load(std::memory_order_acquire);
-            std::uint64_t lanes = lanes_with(checks, check_of(hash));
-            for (; lanes != 0; lanes = without_first_lane(lanes)) {
-                Entry* const entry =
-                    bucket.entries[first_lane(lanes)].load(std::memory_order_relaxed);
-                if (is(*entry, scope, name))
-                    return entry;
-            }
-            if (!is_full(checks))
-                return nullptr;
-        }
+        return table == nullptr ? nullptr : find(*table, hash_of(key_, name), name);
     }
 
     /// Makes the next add() possible.
@@ -59,17 +44,29 @@ public:
     void make_room()
     {
         const table_t* const old = table_.load(std::memory_order_relaxed);
-        if (old == nullptr)
+        if (key_.secret == 0)
             key_ = random_key();
         if (old == nullptr || size_ >= (old->mask + 1) * 5)
-            table_.store(grown(old), std::memory_order_release);
+            table_.store(&grown(old), std::memory_order_release);
     }
 
-    /// Adds an entry whose scope and name are new. The make_room() before makes sure that there
-    /// is a place.
-    void add(Entry* entry) noexcept
+    /// A name with what is to be known of it, for find() and add() after a make_room().
+    struct hashed_t {
+        explicit hashed_t(std::u16string_view text) noexcept : name(text), hash(hash_of(key_, text))
+        {
+        }
+        std::u16string_view name;
+        std::uint64_t hash;
+    };
+    Entry* find(const hashed_t& wanted) const noexcept
     {
-        put(*table_.load(std::memory_order_relaxed), entry);
+        return find(*table_.load(std::memory_order_relaxed), wanted.hash, wanted.name);
+    }
+
+    /// Adds an entry whose name is new. The make_room() before makes sure that there is a place.
+    void add(const hashed_t& name, Entry* entry) noexcept
+    {
+        put(*table_.load(std::memory_order_relaxed), name.hash, entry);
         ++size_;
     }
 
@@ -79,43 +76,60 @@ private:
         std::atomic<Entry*> entries[NUM_LANES]{};
     };
 
-    struct table_t {
-        explicit table_t(std::size_t num_buckets)
-            : memory(std::make_unique<std::byte[]>((num_buckets + 1) * sizeof(bucket_t))),
-              mask(num_buckets - 1)
+    /// Its buckets come directly behind it.
+    struct alignas(64) table_t {
+        static table_t& make(std::size_t num_buckets, const table_t* previous)
         {
-            void* place = memory.get();
-            std::size_t size = (num_buckets + 1) * sizeof(bucket_t);
-            std::align(alignof(bucket_t), num_buckets * sizeof(bucket_t), place, size);
-            buckets = static_cast<bucket_t*>(place);
-            std::uninitialized_value_construct_n(buckets, num_buckets);
+            static_assert(sizeof(table_t) == sizeof(bucket_t));
+            const std::size_t size = (num_buckets + 1) * sizeof(bucket_t);
+            std::size_t room = size + alignof(table_t) - 1;
+            void* memory = ::operator new(room);
+            memory = std::align(alignof(table_t), size, memory, room);
+            auto* const table = ::new (memory) table_t{num_buckets - 1, previous};
+            std::uninitialized_value_construct_n(table->buckets(), num_buckets);
+            return *table;
         }
-        std::unique_ptr<std::byte[]> memory;
-        bucket_t* buckets;
+        bucket_t* buckets() noexcept { return reinterpret_cast<bucket_t*>(this + 1); }
+        const bucket_t* buckets() const noexcept
+        {
+            return reinterpret_cast<const bucket_t*>(this + 1);
+        }
         std::size_t mask;
-        const table_t* previous = nullptr;  // keeps the old table reachable
+        const table_t* previous;  // keeps the old table reachable
     };
 
-    static constexpr std::size_t FIRST_NUM_BUCKETS = 16;
+    // Most namespaces have few names, and each has an index.
+    static constexpr std::size_t FIRST_NUM_BUCKETS = 2;
     static constexpr std::size_t BUCKETS_AHEAD = 4;
 
-    static bool is(const Entry& entry, std::uint32_t scope, std::u16string_view name)
+    static Entry* find(const table_t& table, std::uint64_t hash, std::u16string_view name) noexcept
     {
-        return Traits::scope(entry) == scope && equal_units(Traits::name(entry), name);
+        for (std::size_t i = hash & table.mask;; i = (i + 1) & table.mask) {
+            const bucket_t& bucket = table.buckets()[i];
+            const std::uint64_t checks = bucket.checks.load(std::memory_order_acquire);
+            std::uint64_t lanes = lanes_with(checks, check_of(hash));
+            for (; lanes != 0; lanes = without_first_lane(lanes)) {
+                Entry* const entry =
+                    bucket.entries[first_lane(lanes)].load(std::memory_order_relaxed);
+                if (equal_units(Traits::name(*entry), name))
+                    return entry;
+            }
+            if (!is_full(checks))
+                return nullptr;
+        }
     }
 
-    table_t* grown(const table_t* old) const
+    static table_t& grown(const table_t* old)
     {
-        auto table =
-            std::make_unique<table_t>(old == nullptr ? FIRST_NUM_BUCKETS : (old->mask + 1) * 2);
+        table_t& table =
+            table_t::make(old == nullptr ? FIRST_NUM_BUCKETS : (old->mask + 1) * 2, old);
         for (std::size_t i = 0; old != nullptr && i <= old->mask; ++i) {
-            prefetch(old->buckets[std::min(i + BUCKETS_AHEAD, old->mask)]);
-            for (const std::atomic<Entry*>& entry : old->buckets[i].entries)
+            prefetch(old->buckets()[std::min(i + BUCKETS_AHEAD, old->mask)]);
+            for (const std::atomic<Entry*>& entry : old->buckets()[i].entries)
                 if (Entry* const known = entry.load(std::memory_order_relaxed))
-                    put(*table, known);
+                    put(table, hash_of(key_, Traits::name(*known)), known);
         }
-        table->previous = old;
-        return table.release();
+        return table;
     }
 
     /// Entries lie in no order of a table's: to wait for each would be most of the time that a
@@ -126,13 +140,12 @@ private:
             __builtin_prefetch(entry.load(std::memory_order_relaxed));
     }
 
-    void put(table_t& table, Entry* entry) const noexcept
+    static void put(table_t& table, std::uint64_t hash, Entry* entry) noexcept
     {
-        const std::uint64_t hash = hash_of(key_, Traits::scope(*entry), Traits::name(*entry));
         std::size_t i = hash & table.mask;
-        while (is_full(table.buckets[i].checks.load(std::memory_order_relaxed)))
+        while (is_full(table.buckets()[i].checks.load(std::memory_order_relaxed)))
             i = (i + 1) & table.mask;
-        bucket_t& bucket = table.buckets[i];
+        bucket_t& bucket = table.buckets()[i];
         const std::uint64_t checks = bucket.checks.load(std::memory_order_relaxed);
         bucket.entries[num_taken(checks)].store(entry, std::memory_order_relaxed);
         bucket.checks.store(with_check(checks, check_of(hash)), std::memory_order_release);
@@ -149,8 +162,10 @@ private:
         return key;
     }
 
+    // Written before the first table of all is published, never again.
+    static inline constinit hash_key_t key_{};
+
     std::atomic<table_t*> table_{nullptr};
-    hash_key_t key_{};  // written before the first table is published, never again
     std::size_t size_ = 0;
 };
 
