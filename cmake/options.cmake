@@ -50,6 +50,9 @@ endif()
 if(KVUTIL_BUILD_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+# The headers of the tests, read once for all programs. The default build goes without, so that each source
+# includes what it needs.
+option(KVUTIL_TEST_PCH "Precompile the headers of the tests" OFF)
 # Lines are counted in the libraries only, which is what kvutil_counted is linked to.
 add_library(kvutil_counted INTERFACE)
 if(KVUTIL_COVERAGE)

@@ -1,0 +1,1 @@
+// A program of nothing but its precompiled headers, which the tests share.
