@@ -31,6 +31,7 @@ void Exception::raise(const UString& text)
 {
     Exception e(text);
     e.log_throw();
+    // NOLINTNEXTLINE(cert-err60-cpp): a copy owns its text; without memory it is std::bad_alloc.
     throw e;
 }
 

@@ -18,6 +18,8 @@
 
 namespace Kvl {
 
+// NOLINTBEGIN(cert-err58-cpp): a program whose libraries get no memory at load cannot start.
+
 // ICU first, so that a memory fault later on cannot leave it half initialised for good.
 [[maybe_unused]] static const bool icu_is_ready = [] {
     UErrorCode status = U_ZERO_ERROR;
@@ -86,5 +88,7 @@ constinit undying_t<ArmBuffer::str_pool_t> ArmImpl::str_pool;
     std::construct_at(&ArmImpl::str_pool.value);
 static constinit CriticalSectionImpl::immortal_mutex_t str_pool_mutex;
 const CriticalSectionLock ArmImpl::str_pool_lock(str_pool_mutex);
+
+// NOLINTEND(cert-err58-cpp)
 
 }  // namespace Kvl
