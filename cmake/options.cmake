@@ -50,6 +50,14 @@ endif()
 if(KVUTIL_BUILD_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+# A write beyond a buffer ends the process instead of going on, and what the loader fills in is read-only
+# from then on. Sanitizers see more than that.
+add_library(kvutil_hardened INTERFACE)
+if(NOT KVUTIL_SANITIZE)
+  target_compile_options(kvutil_hardened INTERFACE -fstack-protector-strong)
+  target_compile_definitions(kvutil_hardened INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+  target_link_options(kvutil_hardened INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+endif()
 # The headers of the tests, read once for all programs. The default build goes without, so that each source
 # includes what it needs.
 option(KVUTIL_TEST_PCH "Precompile the headers of the tests" OFF)
