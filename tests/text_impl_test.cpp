@@ -1,5 +1,5 @@
 // What the text type converts and searches with, against ICU. The program is built twice: with the
-// instructions of this machine, and without. The former also runs as if on older processors.
+// instructions of this machine, and without.
 #include "latin1_impl.h"
 #include "search_impl.h"
 #include "storage_impl.h"
@@ -12,11 +12,9 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace {
@@ -24,39 +22,6 @@ namespace {
 using namespace Kvl;
 
 constexpr char16_t GUARD = 0xABCD;
-
-#ifdef KVUTIL_HAVE_SIMD
-// ---- older processors ----
-
-std::string_view wanted_processor()
-{
-    const char* const name = std::getenv("KVUTIL_TEST_PROCESSOR");
-    return name == nullptr ? "" : name;
-}
-
-// Says what the processor has before it is asked: "Ssse3" has no AVX2, and "Sse2" not even SSSE3.
-class older_processor_t : public testing::Environment {
-public:
-    void SetUp() override
-    {
-        if (wanted_processor().empty())
-            return;
-        simd::g_avx2 = simd::answer_t::NO;
-        if (wanted_processor() == "Sse2")
-            simd::g_ssse3 = simd::answer_t::NO;
-    }
-};
-
-const auto* const g_older_processor = testing::AddGlobalTestEnvironment(new older_processor_t);
-
-TEST(Processor, HasWhatTheTestsSayThatItHas)
-{
-    if (wanted_processor().empty())
-        GTEST_SKIP() << "the tests run on this machine's";
-    EXPECT_FALSE(simd::has_avx2());
-    EXPECT_TRUE(wanted_processor() == "Ssse3" || !simd::has_ssse3());
-}
-#endif
 
 // ---- bytes and the units of the same numbers ----
 
@@ -189,6 +154,48 @@ TEST(Latin1, NarrowingTellsOfZerosInWhatItNarrows)
             ASSERT_EQ(result.units, size);
             ASSERT_TRUE(result.has_zero) << size;
         }
+}
+
+// ---- the same of a few dozen, which have ways of their own ----
+
+TEST(Latin1, OfAFewDozenWidensIntoTheirRoom)
+{
+    for (std::size_t size = FEW; size <= SHORT; ++size) {
+        const std::string bytes = bytes_of_all_values(size);
+        std::u16string room(size + 1, GUARD);
+        widen_short(bytes, room.data());
+        ASSERT_EQ(room, widened_plainly(bytes) + GUARD) << size;
+    }
+}
+
+// Narrows in both ways, each into its room.
+void expect_narrowed_as_always(const std::u16string& text, char16_t last)
+{
+    std::string always(text.size(), '\xAB');
+    const bool is_narrow = narrow_whole(text, last, always.data());
+    std::string room(text.size() + 1, '\xAB');
+    ASSERT_EQ(narrow_whole_short(text, last, room.data()), is_narrow);
+    ASSERT_EQ(is_narrow_short(text, last), is_narrow);
+    ASSERT_EQ(room.back(), '\xAB') << "written beyond the room";
+    if (!is_narrow)
+        return;
+    ASSERT_EQ(room, always + '\xAB');
+    std::string second_room(text.size() + 1, '\xAB');
+    narrow_short(text, second_room.data());
+    ASSERT_EQ(second_room, room);
+}
+
+TEST(Latin1, OfAFewDozenNarrowsAsAlways)
+{
+    for (const char16_t last : {LAST_OF_ASCII, LAST_OF_LATIN1})
+        for (std::size_t size = FEW; size <= SHORT; ++size)
+            for (std::size_t at = 0; at < size; ++at)
+                for (const unsigned int unit :
+                     {0u, 1u, 0x7Fu, 0x80u, 0xFFu, 0x100u, 0x7FFFu, 0x8000u, 0xFFFFu}) {
+                    std::u16string text = widened_plainly(std::string(size, 'x'));
+                    text[at] = static_cast<char16_t>(unit);
+                    expect_narrowed_as_always(text, last);
+                }
 }
 
 // ---- UTF-8 in ----

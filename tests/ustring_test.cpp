@@ -735,18 +735,6 @@ TEST(UStringOpen, IgnoresEdits)
     EXPECT_EQ(str(s), u"abc");
 }
 
-TEST(UStringOpen, IgnoresConvertedBytes)
-{
-    UString s("abc");
-    ASSERT_NE(s.getBuffer(200), nullptr);
-    s.utf8_assign(Utf8String("x"));
-    EXPECT_EQ(s.assign(std::string("x"), "ISO-8859-1"), &s);
-    EXPECT_EQ(s.assign(std::string("\x82\xA0"), "Shift_JIS"), &s);
-    EXPECT_TRUE(s.empty());
-    s.releaseBuffer(3);
-    EXPECT_EQ(str(s), u"abc");
-}
-
 TEST(UStringEdits, AddAndReplace)
 {
     EXPECT_EQ(str(UString("abc").append('d').append(units(u"ef")).append(UString("gh"))),
@@ -1493,6 +1481,56 @@ TEST(UStringKnownCharset, ConvertsEveryUnitAsItsConverterDoes)
     }
 }
 
+// Names that begin, end or are compared like the one that has a way of its own.
+constexpr const char* NAMES_LIKE_LATIN1[] = {
+    "ISO-8859-1",  "ISO-8859-",   "ISO-8859-2", "ISO-8859-15",     "ISO-8859-1 ",
+    "iso-8859-1",  "ISO_8859-1",  "ISO8859-1",  "ISO-8859-1,",     "ISO-8859-1,swaplfnl",
+    "ISO-8859-1x", "xISO-8859-1", "I",          "ISO-2022-JP",     "IBM437",
+    "latin1",      "US-ASCII",    "",           "no-such-charset",
+};
+
+TEST(UStringKnownCharset, IsNoneOfALikeName)
+{
+    const std::string bytes = "a line of which \xA4 is not the same in all of them \xE9";
+    for (int round = 0; round < 2; ++round)
+        for (const char* const name : NAMES_LIKE_LATIN1) {
+            known_charset charset(name);
+            if (charset.is_open()) {
+                EXPECT_TRUE(charset.decodes_alike(bytes)) << name;
+                EXPECT_TRUE(charset.encodes_alike(charset.decoded(bytes))) << name;
+            } else {
+                EXPECT_EQ(UString().assign(bytes, name), nullptr) << name;
+                EXPECT_EQ(converted(UString(u"a line without a charset"), name), "") << name;
+            }
+        }
+}
+
+TEST(UStringKnownCharset, ConvertsWhatAnotherStringWould)
+{
+    for (const char* const first : NAMES_LIKE_LATIN1)
+        for (const std::size_t size : {1u, 15u, 16u, 27u, 28u, 64u, 65u}) {
+            const std::string bytes(size, '\xE9');
+            UString used(u"a text that does not fit into the object itself");
+            used.assign("a line before", first);
+            EXPECT_EQ(used.assign(bytes, "ISO-8859-1"), &used) << first;
+            EXPECT_EQ(str(used), std::u16string(size, u'\xE9')) << first << ' ' << size;
+            EXPECT_EQ(converted(used, "ISO-8859-1"), bytes) << first << ' ' << size;
+            EXPECT_EQ(converted(used, "ISO-8859-1"), bytes) << "once more";
+        }
+}
+
+TEST(UStringKnownCharset, EncodesAnyUnitInAnyPlaceAsItsConverterDoes)
+{
+    known_charset charset("ISO-8859-1");
+    for (std::size_t size = 1; size <= 66; ++size)
+        for (std::size_t at = 0; at < size; ++at)
+            for (const char16_t unit : {u'\0', u'\x80', u'\xFF', u'\x100', u'\xD800', u'\xFFFF'}) {
+                std::u16string text(size, u'x');
+                text[at] = unit;
+                ASSERT_TRUE(charset.encodes_alike(text)) << size << ' ' << at << ' ' << int{unit};
+            }
+}
+
 TEST(UStringKnownCharset, ConvertsEveryLength)
 {
     for (const char* const name : {"ISO-8859-1", "windows-1252", "Shift_JIS", "ISO-2022-JP"}) {
@@ -1510,18 +1548,6 @@ TEST(UStringKnownCharset, ConvertsEveryLength)
 }
 
 // A string that has a converter goes on as if each conversion had one.
-// Longer names are not remembered.
-TEST(UStringKnownCharset, MayHaveAnyOtherName)
-{
-    const std::string name = "ISO-8859-1,locale=" + std::string(50, 'x');
-    for (int i = 0; i < 2; ++i) {
-        UString s;
-        ASSERT_EQ(s.assign(std::string("\xE9"), name.c_str()), &s);
-        EXPECT_EQ(str(s), u"\u00E9");
-        EXPECT_EQ(converted(s, name.c_str()), "\xE9");
-    }
-}
-
 TEST(UStringKnownCharset, DoesNotHideWhichConverterAStringHas)
 {
     const UString s(u"plain");
@@ -1892,30 +1918,6 @@ TEST(UStringStream, TellsThatItsSourceBrokeWhereAskedTo)
     EXPECT_EQ(bytes, "old");
 }
 
-// Ends its thread in the middle of a word.
-class last_source : public std::streambuf {
-public:
-    last_source() { setg(text_, text_, text_ + sizeof text_); }
-
-private:
-    int_type underflow() override { pthread_exit(nullptr); }
-    char text_[3] = {'a', 'b', 'c'};
-};
-
-TEST(UStringStream, LetsItsThreadEnd)
-{
-    last_source source;
-    std::istream in(&source);
-    UString s("old");
-    std::thread([&] {
-        in >> s;
-        ADD_FAILURE() << "the thread goes on";
-    }).join();
-    EXPECT_EQ(str(s), u"old");
-    EXPECT_TRUE(in.bad());
-    EXPECT_EQ(in.exceptions(), std::ios_base::goodbit);
-}
-
 // A word that arrives in pieces, each time from its beginning.
 template <class Char>
 class word_in_pieces : public std::basic_streambuf<Char> {
@@ -2107,6 +2109,61 @@ std::vector<std::pair<const char*, std::function<void(UString&)>>> storages()
         {"constant", [](UString& s) { s.setTo(true, constant, 50); }},
         {"constant without terminator", [](UString& s) { s.setTo(false, constant, 45); }},
     };
+}
+
+// As ICU copies, whose copies we do not ask for: the same units in the same storage.
+void expect_copied_as_by_icu(const UString& s, const std::string& what)
+{
+    const icu::UnicodeString by_icu(s);
+    const UString copy(s);
+    EXPECT_EQ(str(copy), str(s)) << what;
+    EXPECT_EQ(copy.isBogus(), by_icu.isBogus()) << what;
+    EXPECT_EQ(copy.getCapacity(), by_icu.getCapacity()) << what;
+    EXPECT_EQ(copy.getBuffer() == s.getBuffer(), by_icu.getBuffer() == s.getBuffer()) << what;
+    EXPECT_TRUE(copy.isBogus() || copy.c_str()[copy.length()] == 0) << what;
+}
+
+TEST(UStringConstruction, CopiesEveryStorageAsIcuDoes)
+{
+    auto rows = storages();
+    static char16_t writable[] = u"text of the caller, which is longer than an object";
+    rows.insert(rows.end(),
+                {{"empty", [](UString&) {}},
+                 {"inline", [](UString& s) { s.assign(u"text"); }},
+                 {"inline by ICU", [](UString& s) { s.setTo(u'x').append(u'y'); }},
+                 {"alone", [](UString& s) { s.assign(std::u16string(100, u' ').c_str()); }},
+                 {"very long", [](UString& s) { s.assign(std::u16string(5000, u' ').c_str()); }},
+                 {"empty with a buffer",
+                  [](UString& s) {
+                      s.assign(std::u16string(100, u' ').c_str());
+                      s.clear();
+                  }},
+                 {"shortened", [](UString& s) { s.assign(std::u16string(100, u' ').c_str(), 3); }},
+                 {"short constant", [](UString& s) { s.setTo(false, u"constant", 4); }},
+                 {"of the caller", [](UString& s) { s.setTo(writable, 10, 40); }},
+                 {"bogus", [](UString& s) { s.setToBogus(); }}});
+    for (const auto& [storage, put] : rows) {
+        UString s;
+        put(s);
+        expect_copied_as_by_icu(s, storage);
+    }
+}
+
+TEST(UStringConstruction, OfACopyLeavesTheOriginalAlone)
+{
+    for (const std::size_t length : {3u, 27u, 28u, 60u, 1500u}) {
+        const std::u16string text(length, u'x');
+        const UString original(text);
+        {
+            UString copy(original);
+            copy.set_at(0, 'y');
+            UString second(original);
+            const UString third(second);
+            second.append('z');
+            EXPECT_EQ(str(third), text);
+        }
+        EXPECT_EQ(str(original), text);
+    }
 }
 
 TEST(UStringMemory, ExhaustedInAnEditLeavesTheTextAsItWas)

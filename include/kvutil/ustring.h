@@ -331,6 +331,8 @@ private:
     UString& decode_utf8(const std::string& bytes, std::size_t length);
     const used_charset_t* charset_for(const char* charset) const;
     UString* assign_converted(const std::string& bytes, const used_charset_t& charset);
+    KVUTIL_LOCAL UString* assign_any(const std::string& bytes, const char* charset);
+    KVUTIL_LOCAL std::string std_str_any(const char* charset, bool& failed) const;
 
     // What converted last, or null. A cache: no copy, move or swap hands it on.
     mutable const used_charset_t* charset_;

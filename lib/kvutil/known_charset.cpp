@@ -225,6 +225,8 @@ slot_set_t& slots_for(const charset_name_t& name)
 
 }  // namespace
 
+constinit std::atomic<const known_charset_t*> g_latin1{nullptr};
+
 const known_charset_t* known_charset(const char* name) noexcept
 {
     const charset_name_t wanted{std::string_view(name)};
@@ -252,6 +254,9 @@ void learn_charset(const char* name, UConverter* converter)
         if (learned && slot.compare_exchange_strong(empty, learned.get()))
             static_cast<void>(learned.release());
     }
+    const known_charset_t* const known = known_charset(name);
+    if (known != nullptr && known->is_latin1() && is_same_name(name, LATIN1_NAME))
+        g_latin1.store(known, std::memory_order_release);
 }
 
 }  // namespace Kvl

@@ -8,11 +8,13 @@
 #include <unicode/ucnv.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Kvl {
 
@@ -67,6 +69,9 @@ public:
     const charset_name_t& sought_name() const noexcept { return name_; }
     const char* icu_name() const noexcept { return icu_name_.data(); }
 
+    /// Whether each byte is the unit of the same number.
+    bool is_latin1() const noexcept { return last_plain_ == LAST_OF_LATIN1; }
+
     /// Whether the bytes become as many units, by decode().
     bool can_decode(std::string_view bytes) const noexcept { return has_table_ || is_plain(bytes); }
 
@@ -74,8 +79,7 @@ public:
     /// @param limit  end of the room behind `to`; what lies between may be overwritten
     void decode(std::string_view bytes, char16_t* to, const char16_t* limit) const noexcept
     {
-        return last_plain_ == LAST_OF_LATIN1 ? widen(bytes, to, limit)
-                                             : decode_other(bytes, to, limit);
+        return is_latin1() ? widen(bytes, to, limit) : decode_other(bytes, to, limit);
     }
 
     /// @param to  room for as many units as there are bytes
@@ -90,7 +94,7 @@ public:
     /// @return      how many bytes it becomes; 0 when only the converter knows
     std::size_t encode(std::u16string_view text, char* to) const noexcept
     {
-        if (last_plain_ == LAST_OF_LATIN1)
+        if (is_latin1())
             return narrow_whole(text, LAST_OF_LATIN1, to) ? text.size() : 0;
         return encode_other(text, to);
     }
@@ -123,6 +127,8 @@ private:
     bool put_in_table(char16_t unit, char byte) noexcept;
     bool is_plain(std::string_view bytes) const noexcept
     {
+        if (is_latin1())
+            return true;
         if (last_plain_ == LAST_OF_ASCII)
             return ascii_at_front(bytes) == bytes.size();
         return first_plain_ <= last_plain_ && are_between(bytes, first_plain_, last_plain_);
@@ -155,6 +161,26 @@ inline const known_charset_t* used_charset_t::known() const noexcept
 {
     return is_known_ ? static_cast<const known_charset_t*>(this) : nullptr;
 }
+
+template <std::size_t... at>
+bool is_same_name(const char* name, const char* wanted, std::index_sequence<at...>) noexcept
+{
+    return ((name[at] == wanted[at]) && ...);
+}
+
+/// Whether std::strcmp() finds no difference, without the call.
+/// @param name  not null
+template <std::size_t N>
+bool is_same_name(const char* name, const char (&literal)[N]) noexcept
+{
+    return is_same_name(name, literal, std::make_index_sequence<N>());
+}
+
+/// The charset of most bytes, by the very name that most callers give it.
+inline constexpr char LATIN1_NAME[] = "ISO-8859-1";
+/// What is known of it; null until it was learned. To look it up takes as long as to convert a
+/// line.
+extern constinit std::atomic<const known_charset_t*> g_latin1;
 
 /// The charset of this name, if it was learned.
 /// @param name  not null

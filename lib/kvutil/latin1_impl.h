@@ -21,6 +21,9 @@ constexpr char16_t LAST_OF_LATIN1 = 0xFF;
 /// Most texts are not longer, so up to here what they need is done without calls and loops.
 constexpr std::size_t SHORT = 64;
 
+/// Fewer are done in one step, from here to SHORT in steps of so many.
+constexpr std::size_t FEW = 16;
+
 struct narrowed_t {
     std::size_t units;  ///< all, or fewer when there is a unit beyond the last
     bool has_zero;      ///< whether one of those is U+0000
@@ -123,6 +126,27 @@ inline narrowed_t narrow_few(std::u16string_view text, char16_t last, char* to)
     store(to, packed);
     const unsigned int zeros = bits(_mm_cmpeq_epi8(packed, zero()));
     return {text.size(), (zeros & ((1u << text.size()) - 1)) != 0};
+}
+
+inline bool is_narrow_short(std::u16string_view text, char16_t last)
+{
+    __m128i any = zero();
+    __m128i least = words(LAST_OF_LATIN1);
+    for_each_16(text.size(), [&](std::size_t at) {
+        const __m128i low = load(text.data() + at);
+        const __m128i high = load(text.data() + at + 8);
+        any = _mm_or_si128(any, _mm_or_si128(low, high));
+        least = _mm_min_epi16(least, _mm_min_epi16(low, high));
+    });
+    const __m128i zeros = _mm_cmpeq_epi16(least, zero());
+    return is_zero(_mm_or_si128(_mm_and_si128(any, words(~last)), zeros));
+}
+
+inline void narrow_short(std::u16string_view text, char* to)
+{
+    for_each_16(text.size(), [&](std::size_t at) {
+        store(to + at, _mm_packus_epi16(load(text.data() + at), load(text.data() + at + 8)));
+    });
 }
 
 inline narrowed_t narrow_short(std::u16string_view text, char16_t last, char* to)
@@ -302,6 +326,16 @@ inline void widen(std::string_view bytes, char16_t* to,
 #endif
 }
 
+/// widen() for FEW to SHORT bytes.
+inline void widen_short(std::string_view bytes, char16_t* to) noexcept
+{
+#ifdef KVUTIL_HAVE_SIMD
+    simd::widen_short(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), to);
+#else
+    widen(bytes, to, to + bytes.size());
+#endif
+}
+
 /// widen() for ASCII alone.
 /// @return  whether all bytes are; if not, anything may stand in the room
 inline bool widen_if_ascii(std::string_view bytes, char16_t* to, const char16_t* limit) noexcept
@@ -346,6 +380,44 @@ inline bool narrow_whole(std::u16string_view text, char16_t last, char* to) noex
 {
     const narrowed_t narrowed = narrow(text, last, to);
     return narrowed.units == text.size() && !narrowed.has_zero;
+}
+
+/// The same.
+/// @param text  FEW to SHORT units
+/// @param to    room for so many bytes
+inline bool narrow_whole_short(std::u16string_view text, char16_t last, char* to) noexcept
+{
+#ifdef KVUTIL_HAVE_SIMD
+    const narrowed_t narrowed = simd::narrow_short(text, last, to);
+    return narrowed.units != 0 && !narrowed.has_zero;
+#else
+    return narrow_whole(text, last, to);
+#endif
+}
+
+/// Whether narrow_whole() would do it.
+/// @param text  FEW to SHORT units
+inline bool is_narrow_short(std::u16string_view text, char16_t last) noexcept
+{
+#ifdef KVUTIL_HAVE_SIMD
+    return simd::is_narrow_short(text, last);
+#else
+    const auto is_narrow = [=](char16_t unit) { return unit != 0 && unit <= last; };
+    return std::all_of(text.begin(), text.end(), is_narrow);
+#endif
+}
+
+/// Makes a byte of each unit.
+/// @param text  FEW to SHORT units, of which is_narrow_short() holds
+/// @param to    room for so many bytes
+inline void narrow_short(std::u16string_view text, char* to) noexcept
+{
+#ifdef KVUTIL_HAVE_SIMD
+    simd::narrow_short(text, to);
+#else
+    for (const char16_t unit : text)
+        *to++ = static_cast<char>(unit);
+#endif
 }
 
 }  // namespace Kvl

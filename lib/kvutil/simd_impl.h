@@ -50,16 +50,21 @@ enum class answer_t : unsigned char { NOT_ASKED, NO, YES };
 inline constinit std::atomic<answer_t> g_ssse3{answer_t::NOT_ASKED};
 inline constinit std::atomic<answer_t> g_avx2{answer_t::NOT_ASKED};
 
+/// A call, since nobody comes here twice and what calls it should stay small.
+[[gnu::cold, gnu::noinline]] inline bool ask_now(std::atomic<answer_t>& answer,
+                                                 bool (*ask)() noexcept) noexcept
+{
+    const bool has = ask();
+    answer.store(has ? answer_t::YES : answer_t::NO, std::memory_order_relaxed);
+    return has;
+}
+
 /// Asks once, and not at load: the compiler's own test does so there, and a virtual machine needs
 /// tens of microseconds to answer it.
 inline bool ask_once(std::atomic<answer_t>& answer, bool (*ask)() noexcept) noexcept
 {
     const answer_t known = answer.load(std::memory_order_relaxed);
-    if (known != answer_t::NOT_ASKED)
-        return known == answer_t::YES;
-    const bool has = ask();
-    answer.store(has ? answer_t::YES : answer_t::NO, std::memory_order_relaxed);
-    return has;
+    return known == answer_t::NOT_ASKED ? ask_now(answer, ask) : known == answer_t::YES;
 }
 
 inline bool has_ssse3() noexcept

@@ -31,9 +31,33 @@ struct set_length_t {
 struct allocate_t {
     friend constexpr auto member_named_by(allocate_t);
 };
+struct copy_from_t {
+    friend constexpr auto member_named_by(copy_from_t);
+};
+struct add_ref_t {
+    friend constexpr auto member_named_by(add_ref_t);
+};
+struct storage_t {
+    friend constexpr auto member_named_by(storage_t);
+};
+struct storage_flags_t {
+    friend constexpr auto member_named_by(storage_flags_t);
+};
+struct in_itself_t {
+    friend constexpr auto member_named_by(in_itself_t);
+};
+struct counted_t {
+    friend constexpr auto member_named_by(counted_t);
+};
 template struct private_member_t<is_buffer_writable_t, &icu::UnicodeString::isBufferWritable>;
 template struct private_member_t<set_length_t, &icu::UnicodeString::setLength>;
 template struct private_member_t<allocate_t, &icu::UnicodeString::allocate>;
+template struct private_member_t<copy_from_t, &icu::UnicodeString::copyFrom>;
+template struct private_member_t<add_ref_t, &icu::UnicodeString::addRef>;
+template struct private_member_t<storage_t, &icu::UnicodeString::fUnion>;
+template struct private_member_t<storage_flags_t, icu::UnicodeString::kAllStorageFlags>;
+template struct private_member_t<in_itself_t, icu::UnicodeString::kShortString>;
+template struct private_member_t<counted_t, icu::UnicodeString::kLongString>;
 
 /// ICU's own limit of a capacity, of which it makes no constant.
 constexpr int MAX_CAPACITY = INT_MAX - 10;
@@ -68,6 +92,7 @@ struct unit_room_t {
         : begin(writable(text)), end(begin + text.getCapacity())
     {
     }
+    unit_room_t(char16_t* units, std::size_t count) : begin(units), end(units + count) {}
     char16_t* const begin;
     char16_t* const end;
 };
@@ -128,18 +153,23 @@ inline bool is_inline(const icu::UnicodeString& text)
 /// Whether there is nothing in the text to keep, share or release, as when it is new.
 inline bool is_new(const icu::UnicodeString& text)
 {
-    return text.isEmpty() != 0 && is_inline(text);
+    // One comparison of what holds the length and all that ICU knows about the storage.
+    return (text.*member_named_by(storage_t())).fFields.fLengthAndFlags ==
+           member_named_by(in_itself_t());
 }
 
 /// Makes the capacity at least `units`, without ICU's questions about what there is.
 /// @param text  is_new(); its length is to be set
+/// @return      its units and the room behind them
 /// @throws std::bad_alloc there is no memory, or a text cannot be so long
-inline void make_room_in_new(icu::UnicodeString& text, std::size_t units)
+inline unit_room_t make_room_in_new(icu::UnicodeString& text, std::size_t units)
 {
-    const bool has_room = units <= INLINE_UNITS ||
-                          (text.*member_named_by(allocate_t()))(checked_capacity(units)) != 0;
-    if (!has_room)
+    auto& storage = text.*member_named_by(storage_t());
+    if (units <= INLINE_UNITS)
+        return {storage.fStackFields.fBuffer, INLINE_UNITS};
+    if ((text.*member_named_by(allocate_t()))(checked_capacity(units)) == 0)
         throw_no_memory(text);
+    return {storage.fFields.fArray, static_cast<std::size_t>(storage.fFields.fCapacity)};
 }
 
 /// The same in place of a buffer, by ICU's public way.
@@ -165,6 +195,27 @@ inline void terminate_inline(icu::UnicodeString& text)
 {
     if (is_inline(text) && text.length() < text.getCapacity())
         writable(text)[text.length()] = 0;
+}
+
+/// What ICU's copy constructor does, without its calls for a text that is in the object itself or
+/// shared by counting, as nearly all are.
+/// @param to  is_new(); bogus afterwards when `from` is, or when there is no memory
+inline void copy_into_new(icu::UnicodeString& to, const icu::UnicodeString& from)
+{
+    const auto& storage = from.*member_named_by(storage_t());
+    auto& copy = to.*member_named_by(storage_t());
+    const int flags = storage.fFields.fLengthAndFlags;
+    const int kind = flags & member_named_by(storage_flags_t());
+    const bool has_units = flags != kind;
+    if (kind == member_named_by(counted_t()) && has_units) {
+        copy.fFields = storage.fFields;
+        return (to.*member_named_by(add_ref_t()))();
+    }
+    if (kind == member_named_by(in_itself_t()))
+        copy.fStackFields = storage.fStackFields;
+    else
+        (to.*member_named_by(copy_from_t()))(from, false);
+    terminate_inline(to);
 }
 
 }  // namespace Kvl

@@ -34,10 +34,10 @@ using icu::UnicodeString;
 constexpr const char UTF8_NAME[] = "UTF-8";
 constexpr const char DEFAULT_NAME[] = "DEFAULT";
 
-// Most charsets differ from those two in the first byte.
-bool is_named(const char* charset, const char* name)
+template <std::size_t N>
+bool is_named(const char* charset, const char (&name)[N])
 {
-    return charset != nullptr && *charset == *name && std::strcmp(charset, name) == 0;
+    return charset != nullptr && is_same_name(charset, name);
 }
 
 void throw_if_copy_failed(const UnicodeString& copy, const UnicodeString& source)
@@ -93,11 +93,11 @@ UString::UString() noexcept
     initialize();
 }
 
-UString::UString(const UString& o) : icu::UnicodeString(o)
+UString::UString(const UString& o) : icu::UnicodeString()
 {
     initialize();
+    copy_into_new(*this, o);
     throw_if_copy_failed(*this, o);
-    terminate_inline(*this);
 }
 
 UString::UString(UString&& o) noexcept : icu::UnicodeString(std::move(o))
@@ -344,17 +344,27 @@ UString& UString::splice(unsigned int pos, unsigned int n, const char16_t* s, st
     return adopt(text);
 }
 
+namespace {
+
+template <class Write>
+void fill(UString& text, const unit_room_t& room, std::size_t length, Write write)
+{
+    write(room.begin, room.end);
+    set_length(text, room, length);
+}
+
+}  // namespace
+
 // Replaces the text by `length` units, which `write` puts where it is told without throwing.
 template <class Write>
 UString& UString::overwrite(std::size_t length, Write write)
 {
     if (is_new(*this))
-        make_room_in_new(*this, length);
-    else if (!can_overwrite(length))
-        return is_open(*this) ? *this : adopt(UString(room_t(length)).overwrite(length, write));
-    const unit_room_t room(*this);
-    write(room.begin, room.end);
-    set_length(*this, room, length);
+        fill(*this, make_room_in_new(*this, length), length, write);
+    else if (can_overwrite(length))
+        fill(*this, unit_room_t(*this), length, write);
+    else if (!is_open(*this))
+        return adopt(UString(room_t(length)).overwrite(length, write));
     return *this;
 }
 
@@ -540,11 +550,11 @@ std::size_t checked_utf16_length_of(const std::string& bytes)
 UString::UString(const Utf8String& u) : UString(room_t(checked_utf16_length_of(u)), u) {}
 
 // @param length  0 when the bytes are malformed
-UString::UString(room_t length, const Utf8String& u) : UString(length)
+UString::UString(room_t length, const Utf8String& u) : UString()
 {
     if (length.units == 0)
         return;
-    const unit_room_t room(*this);
+    const unit_room_t room = make_room_in_new(*this, length.units);
     utf8_to_utf16(u, length.units, room.begin, room.end);
     set_length(*this, room, length.units);
 }
@@ -567,9 +577,16 @@ UString& UString::decode_utf8(const std::string& bytes, std::size_t length)
 Utf8String UString::utf8_str() const
 {
     const std::u16string_view text = view(*this);
-    std::array<char, SHORT> ascii;
-    if (text.size() <= ascii.size() && narrow_whole(text, LAST_OF_ASCII, ascii.data()))
-        return Utf8String(ascii.data(), text.size());
+    std::array<char, FEW> few;
+    if (text.size() < FEW) {
+        if (narrow_whole(text, LAST_OF_ASCII, few.data()))
+            return Utf8String(few.data(), text.size());
+    } else if (text.size() <= SHORT && is_narrow_short(text, LAST_OF_ASCII)) {
+        // Made at its size and written in place: a copy would wait for what is only just written.
+        Utf8String bytes(text.size(), '\0');
+        narrow_short(text, bytes.data());
+        return bytes;
+    }
     return utf8_of(text);
 }
 
@@ -580,6 +597,26 @@ UString::~UString()
     if (charset_ != nullptr)
         give_back_charset(charset_);
 }
+
+namespace {
+
+bool is_short(std::size_t length)
+{
+    return length >= FEW && length <= SHORT;
+}
+
+// What a look-up would find for a string that has used no other charset, if it is asked for
+// ISO-8859-1 by the name that most callers give it.
+// @param used  what the string has used last, or null
+const known_charset_t* latin1_for(const used_charset_t* used, const char* charset)
+{
+    if (!is_named(charset, LATIN1_NAME))
+        return nullptr;
+    const known_charset_t* const latin1 = g_latin1.load(std::memory_order_acquire);
+    return used == nullptr || used == latin1 ? latin1 : nullptr;
+}
+
+}  // namespace
 
 // The charset used last if ICU says that its name is the wanted one, otherwise another in its
 // place.
@@ -644,7 +681,21 @@ bool convert_in(const used_charset_t& charset, std::string_view bytes, UnicodeSt
 
 }  // namespace
 
+// Lines of ISO-8859-1 go ahead of all the questions.
 UString* UString::assign(const std::string& bytes, const char* charset)
+{
+    const known_charset_t* const latin1 = latin1_for(charset_, charset);
+    const std::string_view view = bytes;
+    if (latin1 == nullptr || !is_new(*this) || !is_short(view.size()))
+        return assign_any(bytes, charset);
+    charset_ = latin1;
+    fill(*this, make_room_in_new(*this, view.size()), view.size(),
+         [view](char16_t* to, const char16_t*) { widen_short(view, to); });
+    return this;
+}
+
+// Not inline, so that the way ahead saves few registers.
+[[gnu::noinline]] UString* UString::assign_any(const std::string& bytes, const char* charset)
 {
     if (bytes.empty())
         return &clear();
@@ -752,9 +803,30 @@ std::string short_std_str(const used_charset_t& charset, std::u16string_view tex
     return size == 0 ? converted_out(charset, text, failed) : std::string(bytes.data(), size);
 }
 
+// @param text  FEW to SHORT units
+std::string short_latin1(const known_charset_t& latin1, std::u16string_view text, bool& failed)
+{
+    std::string bytes(text.size(), '\0');
+    failed = false;
+    if (!narrow_whole_short(text, LAST_OF_LATIN1, bytes.data()))
+        bytes = converted_out(latin1, text, failed);
+    return bytes;
+}
+
 }  // namespace
 
+// Lines of ISO-8859-1 go ahead of all the questions.
 std::string UString::std_str(const char* charset, bool& failed) const
+{
+    const known_charset_t* const latin1 = latin1_for(charset_, charset);
+    const std::u16string_view text = view(*this);
+    if (latin1 == nullptr || !is_short(text.size()))
+        return std_str_any(charset, failed);
+    charset_ = latin1;
+    return short_latin1(*latin1, text, failed);
+}
+
+[[gnu::noinline]] std::string UString::std_str_any(const char* charset, bool& failed) const
 {
     failed = false;
     if (empty())

@@ -45,9 +45,10 @@ struct owned_text_t {
     template <class Fill>
     static UString make(std::size_t length_units, Fill fill)
     {
-        UString text{UString::room_t(length_units)};
-        fill(writable(text));
-        set_length(text, length_units);
+        UString text;
+        const unit_room_t room = make_room_in_new(text, length_units);
+        fill(room.begin);
+        set_length(text, room, length_units);
         return text;
     }
 
@@ -58,9 +59,9 @@ struct owned_text_t {
     template <class Write>
     static UString make_at_most(std::size_t bound, Write write)
     {
-        UString text{UString::room_t(bound)};
-        char16_t* const units = writable(text);
-        set_length(text, static_cast<std::size_t>(write(units) - units));
+        UString text;
+        const unit_room_t room = make_room_in_new(text, bound);
+        set_length(text, room, static_cast<std::size_t>(write(room.begin) - room.begin));
         return text;
     }
 };
