@@ -247,12 +247,11 @@ Namespace* create_namespace(std::u16string_view uri) KVUTIL_REQUIRES(dynamic_tag
     return ns;
 }
 
-/// What a look-up without the lock has not found. Out of line, so that those that find carry
-/// nothing of it. Another thread may have been first.
+/// What a look-up without the lock has not found. Another thread may have been first.
 /// @param when_new  (const XmlTag&): called with the tag when it is registered now
 template <class WhenNew>
-[[gnu::noinline]] const XmlTag* find_or_register(Namespace& ns, index_t& index,
-                                                 std::u16string_view name, WhenNew when_new)
+const XmlTag* find_or_register(Namespace& ns, index_t& index, std::u16string_view name,
+                               WhenNew when_new)
 {
     const CriticalSection section(dynamic_tags_lock);
     index.make_room();
@@ -262,6 +261,15 @@ template <class WhenNew>
     const XmlTag* const registered = register_tag(ns, index, hashed);
     when_new(*registered);
     return registered;
+}
+
+/// Out of line, so that look-ups that find carry nothing of it.
+[[gnu::noinline]] const XmlTag* register_now(XmlTag::NsId nsid, std::u16string_view name)
+{
+    index_t* const index = find_index(nsid);
+    if (index == nullptr)
+        throw_illegal_arg(MSG_ILLEGAL_NAMESPACE_ID);
+    return find_or_register(*find_namespace(nsid), *index, name, [](const XmlTag&) {});
 }
 
 Namespace* find_or_create_namespace(std::u16string_view uri)
@@ -382,12 +390,8 @@ const XmlTag* XmlTag::reject(Id id)
 
 const XmlTag* XmlTag::lookup(NsId nsid, const UString& name)
 {
-    index_t* const index = find_index(nsid);
-    if (const XmlTag* const known = find_tag(nsid, index, view_of(name)))
-        return known;
-    if (index == nullptr)
-        throw_illegal_arg(MSG_ILLEGAL_NAMESPACE_ID);
-    return find_or_register(*find_namespace(nsid), *index, view_of(name), [](const XmlTag&) {});
+    const XmlTag* const known = find_tag(nsid, find_index(nsid), view_of(name));
+    return known != nullptr ? known : register_now(nsid, view_of(name));
 }
 
 const XmlTag* XmlTag::lookup(XmlTag& tag)

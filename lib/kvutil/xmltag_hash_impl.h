@@ -39,23 +39,35 @@ constexpr std::uint64_t few_units(std::u16string_view text)
     return word;
 }
 
+/// The hash of more than 16 units: eight after eight, at last those at the end.
+constexpr std::uint64_t hash_of_long(const hash_key_t& key, std::u16string_view name)
+{
+    const auto eight = [&](std::size_t from, std::uint64_t hash) {
+        const char16_t* const text = name.data() + from;
+        return fold_multiply(four_units(text) ^ key.secret, four_units(text + 4) ^ hash);
+    };
+    std::uint64_t hash = key.start ^ name.size() * ODD;
+    for (std::size_t i = 0; i + 8 < name.size(); i += 8)
+        hash = eight(i, hash);
+    return eight(name.size() - 8, hash);
+}
+
 /// The hash of a name, over every unit. Words may overlap instead of a loop per unit: branches that
 /// depend on the length cost more than the arithmetic.
 constexpr std::uint64_t hash_of(const hash_key_t& key, std::u16string_view name)
 {
-    const char16_t* text = name.data();
-    std::size_t left = name.size();
-    std::uint64_t hash = key.start ^ left * ODD;
-    if (left < 4)
-        return fold_multiply(few_units(name) ^ key.secret, hash ^ ODD);
-    for (; left > 16; left -= 8, text += 8)
-        hash = fold_multiply(four_units(text) ^ key.secret, four_units(text + 4) ^ hash);
-    if (left > 8) {
-        hash = fold_multiply(four_units(text) ^ key.secret, four_units(text + 4) ^ hash);
-        text += left - 8;
-        left = 8;
-    }
-    return fold_multiply(four_units(text) ^ key.secret, four_units(text + left - 4) ^ hash);
+    const std::size_t length = name.size();
+    if (length > 16)
+        return hash_of_long(key, name);
+    const std::uint64_t start = key.start ^ length * ODD;
+    if (length < 4)
+        return fold_multiply(few_units(name) ^ key.secret, start ^ ODD);
+    const char16_t* const text = name.data();
+    const std::size_t last = length - 4;
+    const std::size_t step = (last + 2) / 3;  // at most 4; a minimum would become a branch
+    return fold_multiply(four_units(text) ^ key.secret, four_units(text + step) ^ start) ^
+           fold_multiply(four_units(text + last - step) ^ key.secret ^ ODD,
+                         four_units(text + last) ^ start);
 }
 
 /// What differs between two blocks of eight units.

@@ -2,7 +2,6 @@
 #include "ustring_impl.h"
 #include "xmltag_hash_impl.h"
 #include "xmltag_impl.h"
-#include "xmltag_lanes_impl.h"
 
 #include <algorithm>
 #include <array>
@@ -150,59 +149,141 @@ static_assert(std::ranges::adjacent_find(SORTED_ROWS, std::not_fn(by_namespace_a
                   SORTED_ROWS.end(),
               "sorted, and a name stands once in its namespace");
 
-// ---- Names to rows, hashed at compile time
+// ---- Names to rows: a table without collisions, made at compile time
 
-/// The rows never change, so it is enough to look at the ends and the middle of a name and at its
-/// length: whatever the length, the same few steps.
+/// The rows never change, so it is enough to look at four places of a name and at its length:
+/// whatever the length, the same few steps. Where two names differ in none of those places, the
+/// table does not compile.
 constexpr std::uint64_t hash_of_name(XmlTag::NsId nsid, std::u16string_view name)
 {
     using namespace XmlTagImpl;
     const std::size_t length = name.size();
-    const std::uint64_t context = (static_cast<std::uint64_t>(nsid) << 32 ^ length) * ODD;
+    // Where letters have no bits.
+    const std::uint64_t context = static_cast<std::uint64_t>(nsid) << 24 ^ length << 8;
     if (length < 4)
-        return fold_multiply(few_units(name) ^ context, ODD);
-    const char16_t* const text = name.data();
-    return fold_multiply(four_units(text) ^ 0x8A5CD789635D2DFFu,
-                         four_units(text + length - 4) ^ 0x121FD2155C472F96u) ^
-           fold_multiply(four_units(text + length / 2 - 2) ^ 0x4F2E6B6A3C1D9E37u, context ^ ODD);
+        return fold_multiply(few_units(name) ^ context * ODD, ODD);
+    const char16_t* const first = name.data();
+    const std::size_t last = length - 4;
+    return fold_multiply(four_units(first) ^ four_units(first + last / 3) * ODD,
+                         four_units(first + last) ^
+                             (four_units(first + last - last / 4) ^ context) * ODD);
 }
 
-constexpr std::size_t NUM_BUCKETS = 1024;  // so that none overflows
+/// All that a look-up needs of a row, in one word: what must agree with the name that is looked
+/// for, which in its lower bits only one row has, and behind it where the row and its text are.
+class slot_t {
+public:
+    constexpr slot_t() = default;
+    constexpr slot_t(std::size_t row, std::uint64_t hash)
+        : word_(agreeing(ROWS[row].nsid, ROWS[row].length, hash) | row << ROW_BITS_FROM |
+                ROWS[row].offset)
+    {
+    }
+    constexpr bool is_empty() const { return word_ == 0; }
+    constexpr bool may_be(XmlTag::NsId nsid, std::size_t length, std::uint64_t hash) const
+    {
+        return length <= LONGEST &&
+               ((word_ ^ agreeing(nsid, length, hash)) & ~std::uint64_t{0} << AGREEING_FROM) == 0;
+    }
+    constexpr const char16_t* text() const { return NAMES + word_ % 0x10000; }
+    constexpr std::size_t row() const { return word_ >> ROW_BITS_FROM & 0x7FF; }
 
-struct bucket_t {
-    std::uint64_t checks;
-    std::uint16_t rows[XmlTagImpl::NUM_LANES];
+private:
+    static constexpr std::size_t LONGEST = 0xFF;
+    static constexpr int ROW_BITS_FROM = 16;
+    static constexpr int AGREEING_FROM = 27;
+    // 5 bits for the namespace, 8 for the length and 24 of the hash. A namespace counts from 1, so
+    // that no row is an empty slot.
+    static constexpr std::uint64_t agreeing(XmlTag::NsId nsid, std::size_t length,
+                                            std::uint64_t hash)
+    {
+        return (static_cast<std::uint64_t>(nsid + 1) | std::uint64_t{length} << 5 |
+                (hash & 0xFFFFFF) << 13)
+               << AGREEING_FROM;
+    }
+
+    std::uint64_t word_ = 0;
+};
+static_assert(NUM_WK_TAGS <= 0x800);
+
+constexpr std::size_t NUM_SLOTS = 2048;
+constexpr std::size_t NUM_GROUPS = 512;
+
+constexpr std::size_t group_of(std::uint64_t hash)
+{
+    return hash >> 24 & (NUM_GROUPS - 1);
+}
+
+/// Names that have some bits of their hashes in common are a group. Each group is shifted to where
+/// all its names have a slot of their own.
+struct slots_t {
+    std::uint16_t shift_of_group[NUM_GROUPS] = {};
+    slot_t slots[NUM_SLOTS];
+
+    constexpr std::size_t place(std::uint64_t hash) const
+    {
+        return ((hash >> 48) + shift_of_group[group_of(hash)]) % NUM_SLOTS;
+    }
 };
 
-constexpr std::size_t bucket_of(std::uint64_t hash)
+struct hashed_row_t {
+    std::uint64_t hash = 0;
+    std::uint16_t row = 0;
+};
+
+struct group_t {
+    static constexpr std::size_t LARGEST = 12;
+    hashed_row_t rows[LARGEST];
+    std::size_t size = 0;
+};
+
+constexpr bool has_room(const slots_t& slots, const group_t& group)
 {
-    return hash % NUM_BUCKETS;
+    for (std::size_t i = 0; i < group.size; ++i) {
+        const std::size_t place = slots.place(group.rows[i].hash);
+        for (std::size_t k = 0; k < i; ++k)
+            if (slots.place(group.rows[k].hash) == place)
+                return false;
+        if (!slots.slots[place].is_empty())
+            return false;
+    }
+    return true;
 }
 
-constexpr auto BUCKETS = [] {
-    using namespace XmlTagImpl;
-    std::array<bucket_t, NUM_BUCKETS> buckets{};
+constexpr void place_group(slots_t& slots, const group_t& group)
+{
+    while (!has_room(slots, group))
+        if (++slots.shift_of_group[group_of(group.rows[0].hash)] == NUM_SLOTS)
+            throw "two names always collide: take other bits of the hash, or other places of a "
+                  "name";
+    for (std::size_t i = 0; i < group.size; ++i)
+        slots.slots[slots.place(group.rows[i].hash)] = {group.rows[i].row, group.rows[i].hash};
+}
+
+// The largest groups choose first, while there is most room.
+constexpr auto SLOTS = [] {
+    std::array<group_t, NUM_GROUPS> groups{};
     for (const std::uint16_t i : SORTED_ROWS) {
         const std::uint64_t hash = hash_of_name(ROWS[i].nsid, name_of(ROWS[i]));
-        bucket_t& bucket = buckets[bucket_of(hash)];
-        bucket.rows[num_taken(bucket.checks)] = i;
-        bucket.checks = with_check(bucket.checks, check_of(hash));
+        group_t& group = groups[group_of(hash)];
+        group.rows[group.size++] = {hash, i};
     }
-    return buckets;
+    slots_t slots;
+    for (std::size_t size = group_t::LARGEST; size > 0; --size)
+        for (const group_t& group : groups)
+            if (group.size == size)
+                place_group(slots, group);
+    return slots;
 }();
 
 const XmlTag* find_row(XmlTag::NsId nsid, std::u16string_view name)
 {
-    using namespace XmlTagImpl;
     const std::uint64_t hash = hash_of_name(nsid, name);
-    const bucket_t& bucket = BUCKETS[bucket_of(hash)];
-    std::uint64_t lanes = lanes_with(bucket.checks, check_of(hash));
-    for (; lanes != 0; lanes = without_first_lane(lanes)) {
-        const std::size_t i = bucket.rows[first_lane(lanes)];
-        if (ROWS[i].nsid == nsid && equal_units(name_of(ROWS[i]), name))
-            return &g_storage.tags.value[i];
-    }
-    return nullptr;
+    const slot_t slot = SLOTS.slots[SLOTS.place(hash)];
+    if (!slot.may_be(nsid, name.size(), hash) ||
+        !XmlTagImpl::equal_units(slot.text(), name.data(), name.size()))
+        return nullptr;
+    return &g_storage.tags.value[slot.row()];
 }
 
 /// Tags that a program has added at load with create() stand in the sorted list only.
