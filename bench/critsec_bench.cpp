@@ -55,12 +55,13 @@ void nested(benchmark::State& state)
     nested_section<Family>(state);
 }
 
-/// Both threads count under one lock and have something else to do in between.
+/// Both threads count under one lock and have something else to do in between. What they count has
+/// a line of the cache of its own: some locks would otherwise share one with it, others not.
 template <class Family>
 void two_threads(benchmark::State& state)
 {
-    alignas(64) static typename Family::lock_t lock;
-    static int counter = 0;
+    alignas(128) static typename Family::lock_t lock;
+    alignas(128) static int counter = 0;
     std::uint32_t number = 1;
     for (auto _ : state) {
         {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <future>
@@ -24,6 +25,23 @@ using namespace std::chrono_literals;
 static_assert(!std::is_copy_constructible_v<CriticalSectionLock>);
 static_assert(!std::is_copy_assignable_v<CriticalSectionLock>);
 static_assert(!std::is_copy_constructible_v<CriticalSection>);
+
+// Comes first: this is the only thread of the process until now.
+TEST(CriticalSectionLock, TakenByTheOnlyThreadKeepsOutThoseThatItStarts)
+{
+    const CriticalSectionLock lock;
+    lock.lock();
+    std::atomic<bool> entered{false};
+    std::thread other([&] {
+        const CriticalSection section(lock);
+        entered = true;
+    });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(entered);
+    lock.unlock();
+    other.join();
+    EXPECT_TRUE(entered);
+}
 
 TEST(CriticalSectionNests, OnOneThreadWithoutBlocking)
 {
@@ -81,6 +99,64 @@ TEST(CriticalSectionLock, ExcludesOtherThreads)
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ(counter, 80'000);
+}
+
+// They wait long enough to sleep, and each that is woken holds the lock as long.
+TEST(CriticalSectionLock, LetsInEveryThreadThatWaits)
+{
+    const CriticalSectionLock lock;
+    int counter = 0;
+    std::vector<std::thread> threads;
+    {
+        const CriticalSection section(lock);
+        for (int i = 0; i < 8; ++i)
+            threads.emplace_back([&] {
+                const CriticalSection waits(lock);
+                std::this_thread::sleep_for(2ms);
+                ++counter;
+            });
+        std::this_thread::sleep_for(20ms);
+        EXPECT_EQ(counter, 0);
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(counter, 8);
+}
+
+TEST(CriticalSectionLock, IsNotReleasedByAThreadThatDoesNotHoldIt)
+{
+    const CriticalSectionLock lock;
+    lock.unlock();
+    std::atomic<bool> entered{false};
+    std::thread other;
+    {
+        const CriticalSection section(lock);
+        std::thread([&] { lock.unlock(); }).join();
+        other = std::thread([&] {
+            const CriticalSection waits(lock);
+            entered = true;
+        });
+        std::this_thread::sleep_for(50ms);
+        EXPECT_FALSE(entered);
+    }
+    other.join();
+    EXPECT_TRUE(entered);
+}
+
+TEST(CriticalSectionLock, LeavesErrnoAlone)
+{
+    const CriticalSectionLock lock;
+    lock.lock();
+    std::thread other([&] {
+        errno = ENOTTY;
+        const CriticalSection waits(lock);
+        EXPECT_EQ(errno, ENOTTY);
+    });
+    std::this_thread::sleep_for(50ms);
+    errno = ENOTTY;
+    lock.unlock();
+    EXPECT_EQ(errno, ENOTTY);
+    other.join();
 }
 
 TEST(CriticalSectionLock, IsReleasedWhenAnExceptionLeavesTheBlock)
@@ -192,8 +268,8 @@ TEST(ImmortalLock, LeavesItsMutexUsableWhenItIsDestroyed)
         const CriticalSectionLock lock(g_mutex);
         const CriticalSection section(lock);
     }
-    EXPECT_EQ(pthread_mutex_lock(&g_mutex.mutex), 0);
-    EXPECT_EQ(pthread_mutex_unlock(&g_mutex.mutex), 0);
+    Kvl::CriticalSectionImpl::take(g_mutex);
+    Kvl::CriticalSectionImpl::release(g_mutex);
 }
 
 TEST(ImmortalLock, IsTheSameLockThroughEveryObject)
