@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <string>
 #include <sys/mman.h>
@@ -420,6 +421,46 @@ TEST_F(CredentialsFile, StringsEndWithTheirStreamWhateverElseErrnoSays)
     UtlFileIoPtr file(fopencookie(nullptr, "r", functions));
     expect_failure<RuntimeException>([&] { Credentials::read_string(path, file); },
                                      file_failure("read", path, "Interrupted system call"));
+}
+
+/// Gives a byte at a time, each of them after a signal.
+class interrupted_stream_t {
+public:
+    explicit interrupted_stream_t(std::string content) : content_(std::move(content)) {}
+    std::FILE* open()
+    {
+        cookie_io_functions_t functions = {};
+        functions.read = [](void* self, char* byte, std::size_t) -> ssize_t {
+            return static_cast<interrupted_stream_t*>(self)->read(*byte);
+        };
+        return fopencookie(this, "r", functions);
+    }
+
+private:
+    ssize_t read(char& byte)
+    {
+        is_interrupted_ = !is_interrupted_;
+        if (is_interrupted_) {
+            errno = EINTR;
+            return -1;
+        }
+        if (next_ == content_.size())
+            return 0;
+        byte = content_[next_++];
+        return 1;
+    }
+
+    const std::string content_;
+    std::size_t next_ = 0;
+    bool is_interrupted_ = false;
+};
+
+TEST_F(CredentialsFile, StringsAreReadWholeAlthoughSignalsInterrupt)
+{
+    interrupted_stream_t stream(model::text_record("one") + model::text_record("four"));
+    UtlFileIoPtr file(stream.open());
+    EXPECT_EQ(Credentials::read_string("name", file), ustr("one"));
+    EXPECT_EQ(Credentials::read_string("name", file), ustr("four"));
 }
 
 // ---- the holder of a stream ----

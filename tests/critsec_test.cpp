@@ -343,10 +343,17 @@ void use_lock_in_handler()
         const CriticalSection section(*lock);
 }
 
-// Runs before main(), so before the library registers handlers of its own: the handler before the
-// fork then runs after the library's, and those after the fork before them.
-const int g_early_handlers =
-    pthread_atfork(use_lock_in_handler, use_lock_in_handler, use_lock_in_handler);
+int g_early_handlers = -1;
+
+void register_early_handlers()
+{
+    g_early_handlers =
+        pthread_atfork(use_lock_in_handler, use_lock_in_handler, use_lock_in_handler);
+}
+
+// Runs before the libraries are initialised, so before this one registers handlers of its own: the
+// handler before the fork then runs after the library's, and those after the fork before them.
+[[gnu::section(".preinit_array"), gnu::used]] void (*g_register_early)() = register_early_handlers;
 
 TEST(ImmortalLock, MayBeUsedByOtherForkHandlers)
 {

@@ -245,6 +245,21 @@ TEST(DavTimeOffset, IsZeroWhereTheCLibraryHasNoYear)
     EXPECT_EQ(DavTime::get_tz_offset(LONG_MIN), 0);
 }
 
+// The year of UTC is the last that the C library has, and that of the zone is the next one.
+TEST(DavTimeOffset, IsZeroWhereOnlyTheZoneHasNoYear)
+{
+    const time_zone zone("Pacific/Kiritimati");
+    std::tm last{};
+    last.tm_year = INT_MAX;
+    last.tm_mon = 11;
+    last.tm_mday = 31;
+    last.tm_hour = 23;
+    const std::time_t t = timegm(&last);
+    ASSERT_NE(t, -1);
+    EXPECT_EQ(DavTime::get_tz_offset(t), 0);
+    EXPECT_EQ(DavTime::get_tz_offset(t - 86'400), 50'400);
+}
+
 TEST(DavTimeOffset, LeavesTheSharedRecordAlone)
 {
     const time_zone zone("Asia/Kathmandu");

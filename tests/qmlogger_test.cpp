@@ -153,13 +153,14 @@ protected:
 };
 
 /// Runs `body` in a child process. @return its wait status.
+/// @param end  how it ends: where threads were left behind by the fork, with _exit()
 template <class Body>
-int status_of_child(Body body)
+int status_of_child(Body body, void (*end)(int) = _exit)
 {
     const pid_t pid = fork();
     if (pid == 0) {
         alarm(60);
-        _exit(body());
+        end(body());
     }
     int status = 0;
     waitpid(pid, &status, 0);
@@ -763,6 +764,75 @@ TEST_F(QmLoggerRotation, GoesOnInTheFileItHasWhenADirectoryIsGone)
     logger->info("text", 0);
 }
 
+/// A process that keeps others from rotating a file, as one does that is about to rotate it.
+class locking_process_t {
+public:
+    explicit locking_process_t(const fs::path& file)
+    {
+        if (pipe(locked_) != 0 || pipe(done_) != 0)
+            return;
+        pid_ = fork();
+        if (pid_ != 0)
+            return;
+        struct flock whole = {};
+        whole.l_type = F_WRLCK;
+        const int descriptor = open(file.c_str(), O_WRONLY);
+        const char has_locked = fcntl(descriptor, F_SETLK, &whole) == 0 ? 'y' : 'n';
+        char any;
+        const bool has_waited =
+            write(locked_[1], &has_locked, 1) == 1 && read(done_[0], &any, 1) == 1;
+        _exit(has_waited ? 0 : 1);
+    }
+    bool has_locked() const
+    {
+        char answer = 'n';
+        return read(locked_[0], &answer, 1) == 1 && answer == 'y';
+    }
+    /// @return  its wait status
+    int end() const
+    {
+        int status = -1;
+        if (write(done_[1], "", 1) == 1)
+            waitpid(pid_, &status, 0);
+        for (const int descriptor : {locked_[0], locked_[1], done_[0], done_[1]})
+            close(descriptor);
+        return status;
+    }
+
+private:
+    int locked_[2] = {-1, -1};
+    int done_[2] = {-1, -1};
+    pid_t pid_ = -1;
+};
+
+TEST_F(QmLoggerRotation, IsLeftToTheProcessThatHasBegunIt)
+{
+    QmLogger* const logger = initialize("", 1)->logger("Kvl");
+    const std::string half(MEGABYTE * 6 / 10, 'x');
+    logger->info(half, 0);
+    const locking_process_t other(file());
+    ASSERT_TRUE(other.has_locked());
+    logger->info(half, 0);
+    EXPECT_FALSE(fs::exists(file("server.1.log")));
+    EXPECT_THAT(texts_of(file()), ElementsAre(half, half)) << "nothing waits, and nothing is lost";
+    EXPECT_EQ(other.end(), 0);
+    logger->info("text", 0);
+    EXPECT_THAT(texts_of(file("server.1.log")), SizeIs(2));
+    EXPECT_THAT(texts_of(file()), ElementsAre("text"));
+}
+
+// As some tools do after they have copied it.
+TEST_F(QmLoggerRotation, DoesNotHappenToAFileThatWasEmptied)
+{
+    QmLogger* const logger = initialize("", 1)->logger("Kvl");
+    const std::string half(MEGABYTE * 6 / 10, 'x');
+    logger->info(half, 0);
+    fs::resize_file(file(), 0);
+    logger->info(half, 0);
+    EXPECT_FALSE(fs::exists(file("server.1.log")));
+    EXPECT_THAT(texts_of(file()), ElementsAre(half));
+}
+
 // -- failures -------------------------------------------------------------------------------------
 
 using QmLoggerFailure = QmLoggerTest;
@@ -802,11 +872,13 @@ TEST_F(QmLoggerFailure, ALineThatWasCutIsEndedBeforeTheNext)
     for (const rlim_t room_from_text : {rlim_t(-20), rlim_t(1), rlim_t(999), rlim_t(1000)}) {
         fs::remove(file());
         QmLogger* const logger = initialize()->logger("Kvl");
-        EXPECT_EQ(status_of_child([&] {
-                      logger->info("", 0);
-                      const rlim_t room_bytes = last_line().size() + room_from_text;
-                      return log_with_room_for(room_bytes, *logger, file());
-                  }),
+        EXPECT_EQ(status_of_child(
+                      [&] {
+                          logger->info("", 0);
+                          const rlim_t room_bytes = last_line().size() + room_from_text;
+                          return log_with_room_for(room_bytes, *logger, file());
+                      },
+                      std::exit),
                   0);
         const auto lines = lines_of(file());
         ASSERT_EQ(lines.size(), 5u);
@@ -815,6 +887,25 @@ TEST_F(QmLoggerFailure, ALineThatWasCutIsEndedBeforeTheNext)
         EXPECT_EQ(parts_of(lines[3]).text, "2 lines lost: EFBIG");
         EXPECT_EQ(parts_of(lines[4]).text, "last");
     }
+}
+
+TEST_F(QmLoggerFailure, LinesGoToTheMovedFileWhereNoOtherCanBeOpened)
+{
+    QmLogger* const logger = initialize("", 1)->logger("Kvl");
+    const auto log_without_descriptors = [&] {
+        logger->info(std::string(MEGABYTE * 6 / 10, 'x'), 0);
+        rlimit descriptors = {};
+        getrlimit(RLIMIT_NOFILE, &descriptors);
+        const rlimit none = {0, descriptors.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+        logger->info(std::string(MEGABYTE * 6 / 10, 'y'), 0);
+        setrlimit(RLIMIT_NOFILE, &descriptors);
+        return 0;
+    };
+    EXPECT_EQ(status_of_child(log_without_descriptors, std::exit), 0);
+    EXPECT_FALSE(fs::exists(file()));
+    EXPECT_THAT(texts_of(file("server.1.log")), SizeIs(2));
+    logger->info("text", 0);
 }
 
 TEST_F(QmLoggerFailure, ADeviceServesAsALogFile)
@@ -941,13 +1032,26 @@ void log_in_handler()
         g_logger_of_handlers->info("handler", 0);
 }
 
+int g_early_handlers = -1;
+
+void register_early_handlers()
+{
+    g_early_handlers = pthread_atfork(log_in_handler, log_in_handler, log_in_handler);
+}
+
+// Runs before the libraries are initialised: the handler before the fork then runs after the
+// library's, and those after the fork before them.
+[[gnu::section(".preinit_array"), gnu::used]] void (*g_register_early)() = register_early_handlers;
+
 TEST_F(QmLoggerThreads, ForkHandlersMayLog)
 {
+    ASSERT_EQ(g_early_handlers, 0);
     g_logger_of_handlers = initialize()->logger("Kvl");
     ASSERT_EQ(pthread_atfork(log_in_handler, log_in_handler, log_in_handler), 0);
     EXPECT_EQ(status_of_child([] { return 0; }), 0);
     g_logger_of_handlers = nullptr;
-    EXPECT_THAT(texts_of(file()), ElementsAre("handler", "handler", "handler"));
+    EXPECT_THAT(texts_of(file()), AllOf(SizeIs(6), Each("handler")))
+        << "before and after the fork in the parent, and after it in the child";
 }
 
 /// Logs when it is destroyed, that is after everything the logging library may have destroyed.

@@ -265,7 +265,7 @@ TEST(CatalogueTranslation, IsNotLookedForBeyondTheLimitsOfNamesAndNumber)
         translations.add("beyond", "$set 1\n1 eins\n");
         const bool is_plain = std::strcmp(lookup({"beyond 1", "one"}, 1), "one") == 0;
         const bool is_kept = std::strcmp(lookup({(longest + " 1").c_str(), "one"}, 1), "eins") == 0;
-        _exit(is_plain && is_kept ? 0 : 1);
+        std::exit(is_plain && is_kept ? 0 : 1);
     }
     int status = -1;
     waitpid(pid, &status, 0);

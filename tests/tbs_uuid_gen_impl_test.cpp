@@ -71,8 +71,9 @@ public:
 
     std::int64_t seconds = 1'000'000'000;
     std::int64_t microseconds = 0;
-    bool clock_runs = true;  ///< whether sleeping moves the clock
-    int interruptions = 0;   ///< of the next sleep
+    bool clock_runs = true;               ///< whether sleeping moves the clock
+    int interruptions = 0;                ///< of the next sleep
+    std::int64_t pause_microseconds = 0;  ///< after the next reading of the clock
     pid_t pid = 0x123456;
     bool has_random = true;
     std::int64_t slept_nanoseconds = 0;
@@ -92,6 +93,7 @@ private:
     {
         now->tv_sec = g_system->seconds;
         now->tv_usec = g_system->microseconds;
+        g_system->advance(1000 * std::exchange(g_system->pause_microseconds, 0));
         return 0;
     }
 
@@ -315,6 +317,21 @@ TEST(UuidGenWindow, IsSleptOutAlthoughSignalsInterrupt)
     EXPECT_EQ(system.interruptions, 0);
     EXPECT_EQ(system.window(), first + 1);
     expect_distinct(issued);
+}
+
+// As when the thread did not run for a while.
+TEST(UuidGenWindow, IsNotSleptOutWhenItIsOverMeanwhile)
+{
+    fake_system_t system;
+    const std::uint64_t first = system.window();
+    keys_t issued;
+    append_issued(issued, SEQUENCES);
+    ASSERT_EQ(issued.back() >> 18, first) << "a window that begins with sequence 0 has them all";
+    system.pause_microseconds = 1'000'000;
+    const ticket_t next = next_ticket();
+    EXPECT_EQ(next.window, system.window());
+    EXPECT_GT(next.window, first + 1);
+    EXPECT_EQ(system.slept_nanoseconds, 0);
 }
 
 TEST(UuidGenWindow, IsNotLeftWhenTheClockIsSetBack)

@@ -1,5 +1,5 @@
 // What the text type converts and searches with, against ICU. The program is built twice: with the
-// instructions of this machine, and without.
+// instructions of this machine, and without. The former also runs as if on older processors.
 #include "latin1_impl.h"
 #include "search_impl.h"
 #include "storage_impl.h"
@@ -12,9 +12,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -22,6 +24,39 @@ namespace {
 using namespace Kvl;
 
 constexpr char16_t GUARD = 0xABCD;
+
+#ifdef KVUTIL_HAVE_SIMD
+// ---- older processors ----
+
+std::string_view wanted_processor()
+{
+    const char* const name = std::getenv("KVUTIL_TEST_PROCESSOR");
+    return name == nullptr ? "" : name;
+}
+
+// Says what the processor has before it is asked: "Ssse3" has no AVX2, and "Sse2" not even SSSE3.
+class older_processor_t : public testing::Environment {
+public:
+    void SetUp() override
+    {
+        if (wanted_processor().empty())
+            return;
+        simd::g_avx2 = simd::answer_t::NO;
+        if (wanted_processor() == "Sse2")
+            simd::g_ssse3 = simd::answer_t::NO;
+    }
+};
+
+const auto* const g_older_processor = testing::AddGlobalTestEnvironment(new older_processor_t);
+
+TEST(Processor, HasWhatTheTestsSayThatItHas)
+{
+    if (wanted_processor().empty())
+        GTEST_SKIP() << "the tests run on this machine's";
+    EXPECT_FALSE(simd::has_avx2());
+    EXPECT_TRUE(wanted_processor() == "Ssse3" || !simd::has_ssse3());
+}
+#endif
 
 // ---- bytes and the units of the same numbers ----
 

@@ -333,6 +333,14 @@ TEST(UMessageArg, TextOfAResourceStaysWhileItIsTheSame)
     EXPECT_EQ(static_cast<const char*>(first.p), std::string(100, 'f'));
 }
 
+TEST(UMessageArg, TextOfAResourceIsTheNewOneWhereItHasChanged)
+{
+    const Arg arg{Counting()};
+    const std::string x(100, 'x');
+    EXPECT_EQ(static_cast<const char*>(record_of(arg).p), x + "1");
+    EXPECT_EQ(static_cast<const char*>(record_of(arg).p), x + "2");
+}
+
 // ---- copies ----
 
 /// One argument of each kind, in order. The low byte of each number is a letter, so that "%c" of it
@@ -908,6 +916,16 @@ TEST(UMessageSprintf, NeverCutsALongText)
               text.size() + std::strlen("PLXSV0663E Invalid escape sequence in URI ''"));
     EXPECT_EQ(UMessage::sprintf(text.c_str(), 1), ustr(text));
     EXPECT_EQ(UMessage::sprintf("%d %s", text, text).length(), 2 * text.size() + 1);
+}
+
+TEST(UMessageSprintf, TakesUpToTenArguments)
+{
+    const char* four[] = {"four 1", "%d%d%d%d"};
+    const char* ten[] = {"ten 1", "%d%d%d%d%d%d%d%d%d%d"};
+    EXPECT_EQ(UMessage::sprintf(four, 1, 1, 2, 3, 4), ustr("1234"));
+    EXPECT_EQ(UMessage::sprintf(ten, 1, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0), ustr("1234567890"));
+    EXPECT_EQ(UMessage::sprintf(four[1], 1, 2, 3, 4), ustr("1234"));
+    EXPECT_EQ(UMessage::sprintf(ten[1], 1, 2, 3, 4, 5, 6, 7, 8, 9, 0), ustr("1234567890"));
 }
 
 // ---- rendering: resources ----

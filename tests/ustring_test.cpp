@@ -735,6 +735,18 @@ TEST(UStringOpen, IgnoresEdits)
     EXPECT_EQ(str(s), u"abc");
 }
 
+TEST(UStringOpen, IgnoresConvertedBytes)
+{
+    UString s("abc");
+    ASSERT_NE(s.getBuffer(200), nullptr);
+    s.utf8_assign(Utf8String("x"));
+    EXPECT_EQ(s.assign(std::string("x"), "ISO-8859-1"), &s);
+    EXPECT_EQ(s.assign(std::string("\x82\xA0"), "Shift_JIS"), &s);
+    EXPECT_TRUE(s.empty());
+    s.releaseBuffer(3);
+    EXPECT_EQ(str(s), u"abc");
+}
+
 TEST(UStringEdits, AddAndReplace)
 {
     EXPECT_EQ(str(UString("abc").append('d').append(units(u"ef")).append(UString("gh"))),
@@ -1548,6 +1560,18 @@ TEST(UStringKnownCharset, ConvertsEveryLength)
 }
 
 // A string that has a converter goes on as if each conversion had one.
+// Longer names are not remembered.
+TEST(UStringKnownCharset, MayHaveAnyOtherName)
+{
+    const std::string name = "ISO-8859-1,locale=" + std::string(50, 'x');
+    for (int i = 0; i < 2; ++i) {
+        UString s;
+        ASSERT_EQ(s.assign(std::string("\xE9"), name.c_str()), &s);
+        EXPECT_EQ(str(s), u"\u00E9");
+        EXPECT_EQ(converted(s, name.c_str()), "\xE9");
+    }
+}
+
 TEST(UStringKnownCharset, DoesNotHideWhichConverterAStringHas)
 {
     const UString s(u"plain");
@@ -1916,6 +1940,30 @@ TEST(UStringStream, TellsThatItsSourceBrokeWhereAskedTo)
     Utf8String bytes("old");
     EXPECT_THROW(in >> bytes, std::logic_error);
     EXPECT_EQ(bytes, "old");
+}
+
+// Ends its thread in the middle of a word.
+class last_source : public std::streambuf {
+public:
+    last_source() { setg(text_, text_, text_ + sizeof text_); }
+
+private:
+    int_type underflow() override { pthread_exit(nullptr); }
+    char text_[3] = {'a', 'b', 'c'};
+};
+
+TEST(UStringStream, LetsItsThreadEnd)
+{
+    last_source source;
+    std::istream in(&source);
+    UString s("old");
+    std::thread([&] {
+        in >> s;
+        ADD_FAILURE() << "the thread goes on";
+    }).join();
+    EXPECT_EQ(str(s), u"old");
+    EXPECT_TRUE(in.bad());
+    EXPECT_EQ(in.exceptions(), std::ios_base::goodbit);
 }
 
 // A word that arrives in pieces, each time from its beginning.

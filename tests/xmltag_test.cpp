@@ -441,6 +441,17 @@ TEST(XmlTagNamespace, ManyAreFoundByUriAndByNumber)
     }
 }
 
+TEST(XmlTagNamespace, IsAnotherOneWithAnyOtherUnit)
+{
+    const UString known = XmlTag::ns_URI(2);
+    EXPECT_TRUE(XmlTag::is_well_known_namespace(known));
+    for (unsigned int i = 0; i < known.length(); ++i) {
+        std::u16string other(known.getBuffer(), known.length());
+        other[i] = u'~';
+        EXPECT_FALSE(XmlTag::is_well_known_namespace(UString(other))) << i;
+    }
+}
+
 TEST(XmlTagNamespace, HasAnAbbreviationOnlyWhenWellKnown)
 {
     EXPECT_EQ(XmlTag::ns_abbreviation(0), ustr("ACL:"));

@@ -127,8 +127,6 @@ private:
     bool put_in_table(char16_t unit, char byte) noexcept;
     bool is_plain(std::string_view bytes) const noexcept
     {
-        if (is_latin1())
-            return true;
         if (last_plain_ == LAST_OF_ASCII)
             return ascii_at_front(bytes) == bytes.size();
         return first_plain_ <= last_plain_ && are_between(bytes, first_plain_, last_plain_);
