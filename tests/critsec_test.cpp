@@ -268,8 +268,8 @@ TEST(ImmortalLock, LeavesItsMutexUsableWhenItIsDestroyed)
         const CriticalSectionLock lock(g_mutex);
         const CriticalSection section(lock);
     }
-    Kvl::CriticalSectionImpl::take(g_mutex);
-    Kvl::CriticalSectionImpl::release(g_mutex);
+    EXPECT_EQ(pthread_mutex_lock(&g_mutex.mutex), 0);
+    EXPECT_EQ(pthread_mutex_unlock(&g_mutex.mutex), 0);
 }
 
 TEST(ImmortalLock, IsTheSameLockThroughEveryObject)

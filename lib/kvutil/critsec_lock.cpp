@@ -1,73 +1,10 @@
 #include "critsec_lock_impl.h"
 
-#include <cerrno>
-#include <initializer_list>
-
-#include <linux/futex.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 namespace Kvl {
-
-// ---- Waiting
-
 namespace {
 
 using CriticalSectionImpl::listed_mutex_t;
 using CriticalSectionImpl::mutex_t;
-
-static_assert(sizeof(std::atomic<int>) == sizeof(int) && std::atomic<int>::is_always_lock_free,
-              "the system takes a plain number");
-
-/// errno stays what it was: locks are taken also where a caller is about to read it.
-void ask_system(const std::atomic<int>& state, int operation, int value) noexcept
-{
-    const int saved_errno = errno;
-    syscall(SYS_futex, &state, operation, value, nullptr, nullptr, 0);
-    errno = saved_errno;
-}
-
-void pause() noexcept
-{
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-}
-
-/// Whoever holds a lock holds it shortly: to look again costs less than to sleep and be woken. But
-/// each look takes the memory away from who is about to write there, so they are rare.
-bool take_soon(std::atomic<int>& state) noexcept
-{
-    for (const int pauses : {32, 64, 128}) {
-        for (int i = 0; i < pauses; ++i)
-            pause();
-        if (state.load(std::memory_order_relaxed) == mutex_t::FREE &&
-            CriticalSectionImpl::take_if_free(state))
-            return true;
-    }
-    return false;
-}
-
-}  // namespace
-
-// Who has slept cannot know whether others still do, so it leaves the mutex HELD_AND_AWAITED.
-void CriticalSectionImpl::take_when_free(mutex_t& mutex) noexcept
-{
-    if (take_soon(mutex.state))
-        return;
-    while (mutex.state.exchange(mutex_t::HELD_AND_AWAITED, std::memory_order_acquire) !=
-           mutex_t::FREE)
-        ask_system(mutex.state, FUTEX_WAIT_PRIVATE, mutex_t::HELD_AND_AWAITED);
-}
-
-void CriticalSectionImpl::wake_one(mutex_t& mutex) noexcept
-{
-    ask_system(mutex.state, FUTEX_WAKE_PRIVATE, 1);
-}
-
-// ---- Forking
-
-namespace {
 
 /// Guards the lists and their links.
 constinit pthread_mutex_t list_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -78,6 +15,19 @@ constinit listed_mutex_t* immortal_head = nullptr;
 constinit listed_mutex_t* taken_head = nullptr;
 constinit bool fork_handlers_registered = false;
 
+/// Whether this thread is between the handlers before and after its fork(). Other handlers that
+/// run meanwhile may use the library: they pass the locks that this thread has taken.
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool is_forking = false;
+
+void initialize_recursive(pthread_mutex_t& mutex)
+{
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
+
 listed_mutex_t* newest_immortal()
 {
     pthread_mutex_lock(&list_mutex);
@@ -86,41 +36,47 @@ listed_mutex_t* newest_immortal()
     return newest;
 }
 
-// The list's own mutex comes last, because whoever holds one of the others may create a lock. Other
-// handlers that run until the fork is over may use the library: this thread takes its locks again.
+// The list's own mutex comes last, because whoever holds one of the others may create a lock.
 void before_fork()
 {
     listed_mutex_t* const newest = newest_immortal();
     for (listed_mutex_t* m = newest; m != nullptr; m = m->next)
         if (m->is_held_over_fork)
-            CriticalSectionImpl::take(*m);
+            pthread_mutex_lock(&m->mutex);
     pthread_mutex_lock(&list_mutex);
     taken_head = newest;
+    is_forking = true;
 }
 
-void after_fork_in_parent()
+void unlock_taken()
 {
     listed_mutex_t* const newest = taken_head;
     pthread_mutex_unlock(&list_mutex);
     for (listed_mutex_t* m = newest; m != nullptr; m = m->next)
         if (m->is_held_over_fork)
-            CriticalSectionImpl::release(*m);
+            pthread_mutex_unlock(&m->mutex);
+}
+
+void after_fork_in_parent()
+{
+    is_forking = false;
+    unlock_taken();
 }
 
 void make_all_free(listed_mutex_t* m)
 {
-    for (; m != nullptr; m = m->next) {
-        m->holder = pthread_t();
-        m->depth = 0;
-        m->state = mutex_t::FREE;
-    }
+    for (; m != nullptr; m = m->next)
+        initialize_recursive(m->mutex);
 }
 
+// The taken ones are made anew as well, because to a recursive mutex the child's thread is not the
+// one that took it: unlocking fails. It is called for those tools that watch locks.
 void after_fork_in_child()
 {
+    is_forking = false;
+    unlock_taken();
     make_all_free(owned_head);
     make_all_free(immortal_head);
-    pthread_mutex_unlock(&list_mutex);
 }
 
 void put_in_front(listed_mutex_t*& head, listed_mutex_t& m)
@@ -139,6 +95,7 @@ void enlist(listed_mutex_t& m)
         fork_handlers_registered =
             pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
     if (!m.is_listed) {
+        initialize_recursive(m.mutex);
         put_in_front(m.is_immortal ? immortal_head : owned_head, m);
         m.is_listed = true;
     }
@@ -161,8 +118,6 @@ void delist(listed_mutex_t& m)
 
 }  // namespace
 
-// ---- The locks
-
 CriticalSectionLock::CriticalSectionLock() : mutex_(new listed_mutex_t)
 {
     enlist(listed(*mutex_));
@@ -179,7 +134,20 @@ CriticalSectionLock::~CriticalSectionLock()
     if (m.is_immortal)
         return;
     delist(m);
+    pthread_mutex_destroy(&m.mutex);
     delete &m;
+}
+
+void CriticalSectionLock::lock_held_over_fork() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (!is_forking)
+        pthread_mutex_lock(&mutex_->mutex);
+}
+
+void CriticalSectionLock::unlock_held_over_fork() const KVUTIL_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (!is_forking)
+        pthread_mutex_unlock(&mutex_->mutex);
 }
 
 }  // namespace Kvl

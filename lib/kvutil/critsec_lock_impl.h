@@ -5,21 +5,20 @@
 
 namespace Kvl::CriticalSectionImpl {
 
-/// A mutex and its place in the lists that the handlers of a fork() walk, from when the first lock
-/// refers to it.
+/// A recursive mutex and its place in the lists that the handlers of a fork() walk. The mutex is
+/// made when the first lock refers to it.
 struct listed_mutex_t : mutex_t {
     /// One that a CriticalSectionLock owns and destroys.
-    constexpr listed_mutex_t() noexcept = default;
+    constexpr listed_mutex_t() noexcept : mutex_t{{}, false} {}
 
     listed_mutex_t* next = nullptr;
     listed_mutex_t* previous = nullptr;
     const bool is_immortal = false;
-    const bool is_held_over_fork = false;  // by the forking thread, while fork handlers run
     bool is_listed = false;
 
 protected:
     constexpr explicit listed_mutex_t(bool held_over_fork) noexcept
-        : is_immortal(true), is_held_over_fork(held_over_fork)
+        : mutex_t{{}, held_over_fork}, is_immortal(true)
     {
     }
 };
