@@ -8,9 +8,6 @@
 /// Marks a class, function or variable that callers may use.
 #define KVUTIL_EXPORT __attribute__((visibility("default")))
 
-/// Keeps a private member of an exported class out of the library's interface.
-#define KVUTIL_LOCAL __attribute__((visibility("hidden")))
-
 /// An attribute of clang's lock analysis; nothing for other compilers.
 #if defined(__clang__)
 #define KVUTIL_THREAD_ANNOTATION(x) __attribute__((x))

@@ -15,6 +15,7 @@
 
 namespace Kvl {
 
+struct any_charset_t;    // private to the library
 struct constant_text_t;  // private to the library
 struct owned_text_t;     // private to the library
 class used_charset_t;    // private to the library
@@ -306,6 +307,7 @@ protected:
     void initialize() noexcept { charset_ = nullptr; }
 
 private:
+    friend struct any_charset_t;
     friend struct constant_text_t;
     friend struct owned_text_t;
     // Their constructors are explicit, so that no caller's arguments turn into one of them.
@@ -331,8 +333,6 @@ private:
     UString& decode_utf8(const std::string& bytes, std::size_t length);
     const used_charset_t* charset_for(const char* charset) const;
     UString* assign_converted(const std::string& bytes, const used_charset_t& charset);
-    KVUTIL_LOCAL UString* assign_any(const std::string& bytes, const char* charset);
-    KVUTIL_LOCAL std::string std_str_any(const char* charset, bool& failed) const;
 
     // What converted last, or null. A cache: no copy, move or swap hands it on.
     mutable const used_charset_t* charset_;

@@ -618,6 +618,15 @@ const known_charset_t* latin1_for(const used_charset_t* used, const char* charse
 
 }  // namespace
 
+// The conversions with all their questions. Not inline, so that lines of ISO-8859-1, which go ahead
+// of these, save few registers.
+struct any_charset_t {
+    [[gnu::noinline]] static UString* assign(UString& text, const std::string& bytes,
+                                             const char* charset);
+    [[gnu::noinline]] static std::string std_str(const UString& text, const char* charset,
+                                                 bool& failed);
+};
+
 // The charset used last if ICU says that its name is the wanted one, otherwise another in its
 // place.
 const used_charset_t* UString::charset_for(const char* charset) const
@@ -681,35 +690,33 @@ bool convert_in(const used_charset_t& charset, std::string_view bytes, UnicodeSt
 
 }  // namespace
 
-// Lines of ISO-8859-1 go ahead of all the questions.
 UString* UString::assign(const std::string& bytes, const char* charset)
 {
     const known_charset_t* const latin1 = latin1_for(charset_, charset);
     const std::string_view view = bytes;
     if (latin1 == nullptr || !is_new(*this) || !is_short(view.size()))
-        return assign_any(bytes, charset);
+        return any_charset_t::assign(*this, bytes, charset);
     charset_ = latin1;
     fill(*this, make_room_in_new(*this, view.size()), view.size(),
          [view](char16_t* to, const char16_t*) { widen_short(view, to); });
     return this;
 }
 
-// Not inline, so that the way ahead saves few registers.
-[[gnu::noinline]] UString* UString::assign_any(const std::string& bytes, const char* charset)
+UString* any_charset_t::assign(UString& text, const std::string& bytes, const char* charset)
 {
     if (bytes.empty())
-        return &clear();
+        return &text.clear();
     if (is_named(charset, UTF8_NAME))
-        return &decode_utf8(bytes, checked_utf16_length_of(bytes));
-    const used_charset_t* const used = charset_for(charset);
+        return &text.decode_utf8(bytes, checked_utf16_length_of(bytes));
+    const used_charset_t* const used = text.charset_for(charset);
     if (used == nullptr)
         return nullptr;
     const known_charset_t* const known = used->known();
     if (known != nullptr && known->can_decode(bytes))
-        return &overwrite(bytes.size(), [&](char16_t* to, const char16_t* limit) {
+        return &text.overwrite(bytes.size(), [&](char16_t* to, const char16_t* limit) {
             known->decode(bytes, to, limit);
         });
-    return assign_converted(bytes, *used);
+    return text.assign_converted(bytes, *used);
 }
 
 // @return  null when ICU no longer has the charset
@@ -815,31 +822,30 @@ std::string short_latin1(const known_charset_t& latin1, std::u16string_view text
 
 }  // namespace
 
-// Lines of ISO-8859-1 go ahead of all the questions.
 std::string UString::std_str(const char* charset, bool& failed) const
 {
     const known_charset_t* const latin1 = latin1_for(charset_, charset);
     const std::u16string_view text = view(*this);
     if (latin1 == nullptr || !is_short(text.size()))
-        return std_str_any(charset, failed);
+        return any_charset_t::std_str(*this, charset, failed);
     charset_ = latin1;
     return short_latin1(*latin1, text, failed);
 }
 
-[[gnu::noinline]] std::string UString::std_str_any(const char* charset, bool& failed) const
+std::string any_charset_t::std_str(const UString& text, const char* charset, bool& failed)
 {
     failed = false;
-    if (empty())
+    if (text.empty())
         return {};
     if (is_named(charset, UTF8_NAME))
-        return utf8_str();
+        return text.utf8_str();
     // Deliberate: an unknown charset gives an empty result and no failure.
-    const used_charset_t* const used = charset_for(charset);
+    const used_charset_t* const used = text.charset_for(charset);
     if (used == nullptr)
         return {};
-    const std::u16string_view text = view(*this);
-    return text.size() <= SHORT ? short_std_str(*used, text, failed)
-                                : long_std_str(*used, text, failed);
+    const std::u16string_view units = view(text);
+    return units.size() <= SHORT ? short_std_str(*used, units, failed)
+                                 : long_std_str(*used, units, failed);
 }
 
 namespace {
