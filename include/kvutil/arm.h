@@ -706,6 +706,10 @@ private:
     static arm_correlator* base_of_this_thread() noexcept;
     static int start(const arm_id& tran_id, const ArmBuffer* buffer, bool local);
     static int stop(int status, const ArmBuffer* buffer);
+    static int start_with(const arm_id& tran_id, const arm_buffer4* contents, bool local);
+    static int start_with_copy(const arm_id& tran_id, const ArmBuffer& buffer, bool local);
+    static int stop_with(int status, const arm_buffer4* contents);
+    static int stop_with_copy(int status, const ArmBuffer& buffer);
     static const stack_entry_t* top_of_this_thread() noexcept;
     static ArmPerThreadOperationStack* of_this_thread() noexcept;
     static ArmPerThreadOperationStack* create() noexcept;

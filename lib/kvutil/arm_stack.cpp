@@ -32,14 +32,9 @@ struct own_stack_t {
 };
 [[gnu::tls_model("initial-exec")]] constinit thread_local own_stack_t own_stack{};
 
-/// Gives ARM a copy of a buffer, and nothing when there is nothing in it.
-template <class Call>
-int call_with(const ArmBuffer* buffer, Call call)
+bool has_contents(const ArmBuffer* buffer)
 {
-    if (buffer == nullptr || buffer->count() == 0)
-        return call(nullptr);
-    const arm_buffer4 copy = *buffer->buffer4();
-    return call(&copy);
+    return buffer != nullptr && buffer->count() != 0;
 }
 
 /// A run-time that stores no correlator would leave the one of an earlier operation.
@@ -123,19 +118,31 @@ const Stack::stack_entry_t* Stack::top_of_this_thread() noexcept
 
 // ---- Operations ----
 
+// ARM gets a copy of a buffer, and nothing when there is nothing in it. Who has a copy is a
+// function of its own: most operations have none and need no guarded room for it.
 int Stack::start(const arm_id& tran_id, const ArmBuffer* buffer, bool local)
+{
+    return has_contents(buffer) ? start_with_copy(tran_id, *buffer, local)
+                                : start_with(tran_id, nullptr, local);
+}
+
+[[gnu::noinline]] int Stack::start_with_copy(const arm_id& tran_id, const ArmBuffer& buffer,
+                                             bool local)
+{
+    const arm_buffer4 copy = *buffer.buffer4();
+    return start_with(tran_id, &copy, local);
+}
+
+inline int Stack::start_with(const arm_id& tran_id, const arm_buffer4* contents, bool local)
 {
     Stack* const stack = of_this_thread();
     stack_entry_t* const entry = stack != nullptr ? stack->entry_above() : nullptr;
     if (entry == nullptr)
         return ArmApplication::UNAVAILABLE;
     forget(entry->correlator);
-    const int flags = local ? LOCAL_START_FLAGS : START_FLAGS;
-    const int code = call_with(buffer, [&](const arm_buffer4* contents) {
-        return ArmRuntimeLoader::g_fnc_arm_start_transaction(ArmApplication::g_app_handle, &tran_id,
-                                                             &stack->parent(), flags, contents,
-                                                             &entry->handle, &entry->correlator);
-    });
+    const int code = ArmRuntimeLoader::g_fnc_arm_start_transaction(
+        ArmApplication::g_app_handle, &tran_id, &stack->parent(),
+        local ? LOCAL_START_FLAGS : START_FLAGS, contents, &entry->handle, &entry->correlator);
     if (code >= 0)
         stack->current_ = entry;
     return code;
@@ -158,15 +165,24 @@ const arm_correlator& Stack::parent() const noexcept
 
 int Stack::stop(int status, const ArmBuffer* buffer)
 {
+    return has_contents(buffer) ? stop_with_copy(status, *buffer) : stop_with(status, nullptr);
+}
+
+[[gnu::noinline]] int Stack::stop_with_copy(int status, const ArmBuffer& buffer)
+{
+    const arm_buffer4 copy = *buffer.buffer4();
+    return stop_with(status, &copy);
+}
+
+inline int Stack::stop_with(int status, const arm_buffer4* contents)
+{
     Stack* const stack = of_this_thread();
     if (stack == nullptr || stack->current_ == nullptr)
         return ArmApplication::UNAVAILABLE;
     const stack_entry_t* const entry = stack->current_;
     stack->current_ = static_cast<const linked_entry_t*>(entry)->below;
-    return call_with(buffer, [&](const arm_buffer4* contents) {
-        return ArmRuntimeLoader::g_fnc_arm_stop_transaction(entry->handle, status, ARM_FLAG_NONE,
-                                                            contents);
-    });
+    return ArmRuntimeLoader::g_fnc_arm_stop_transaction(entry->handle, status, ARM_FLAG_NONE,
+                                                        contents);
 }
 
 }  // namespace Kvl

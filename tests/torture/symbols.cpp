@@ -93,6 +93,8 @@ const char* const PRIVATE[] = {
     "ArmPerThreadOperationStack::entry_above(",
     "ArmPerThreadOperationStack::of_this_thread(",
     "ArmPerThreadOperationStack::parent(",
+    "ArmPerThreadOperationStack::start_with_copy(",
+    "ArmPerThreadOperationStack::stop_with_copy(",
     "CriticalSectionLock::CriticalSectionLock(CriticalSectionImpl::",
     "CriticalSectionLock::lock_held_over_fork(",
     "CriticalSectionLock::unlock_held_over_fork(",
