@@ -133,7 +133,7 @@ int Stack::start(const arm_id& tran_id, const ArmBuffer* buffer, bool local)
     return start_with(tran_id, &copy, local);
 }
 
-inline int Stack::start_with(const arm_id& tran_id, const arm_buffer4* contents, bool local)
+int Stack::start_with(const arm_id& tran_id, const arm_buffer4* contents, bool local)
 {
     Stack* const stack = of_this_thread();
     stack_entry_t* const entry = stack != nullptr ? stack->entry_above() : nullptr;
@@ -174,7 +174,7 @@ int Stack::stop(int status, const ArmBuffer* buffer)
     return stop_with(status, &copy);
 }
 
-inline int Stack::stop_with(int status, const arm_buffer4* contents)
+int Stack::stop_with(int status, const arm_buffer4* contents)
 {
     Stack* const stack = of_this_thread();
     if (stack == nullptr || stack->current_ == nullptr)
