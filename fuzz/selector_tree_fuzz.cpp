@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <string>
 #include <utility>
@@ -41,14 +42,12 @@ std::vector<UString> split(const UString& text)
 
 const std::map<XmlTag::Id, UString>& tag_names()
 {
-    // One by one: a list of them all would stand on the stack.
-    static const std::map<XmlTag::Id, UString> names = [] {
-        std::map<XmlTag::Id, UString> all;
-#define KVUTIL_WK_TAG(id, constant, abbreviation, name) all.emplace(id, u##name);
+    static const std::pair<XmlTag::Id, const char16_t*> TAGS[] = {
+#define KVUTIL_WK_TAG(id, constant, abbreviation, name) {id, u##name},
 #include <kvutil/xmltag_wk.def>
 #undef KVUTIL_WK_TAG
-        return all;
-    }();
+    };
+    static const std::map<XmlTag::Id, UString> names(std::begin(TAGS), std::end(TAGS));
     return names;
 }
 

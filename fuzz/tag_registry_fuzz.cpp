@@ -13,6 +13,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
@@ -30,6 +31,18 @@ std::u16string units_of(const UString& text)
     return {text.getBuffer(), text.length()};
 }
 
+struct well_known_t {
+    XmlTag::Id id;
+    const char16_t* abbreviation;
+    const char16_t* name;
+};
+
+const well_known_t WELL_KNOWN[] = {
+#define KVUTIL_WK_TAG(id, constant, abbreviation, name) {id, u##abbreviation, u##name},
+#include <kvutil/xmltag_wk.def>
+#undef KVUTIL_WK_TAG
+};
+
 // ---- The model. ----
 
 class model_t {
@@ -40,25 +53,14 @@ public:
             uris_.push_back(units_of(XmlTag::ns_URI(nsid)));
             nsids_[uris_.back()] = nsid;
         }
-#define KVUTIL_WK_TAG(id, constant, abbreviation, name)                                            \
-    add_well_known(id, u##abbreviation, u##name);
-#include <kvutil/xmltag_wk.def>
-#undef KVUTIL_WK_TAG
+        for (const well_known_t& tag : WELL_KNOWN)
+            add_well_known(tag.id, tag.abbreviation, tag.name);
         next_id_ = XmlTag::NUM_WK_IDS;
     }
 
-    XmlTag::Id next_id() const
-    {
-        return next_id_;
-    }
-    int num_namespaces() const
-    {
-        return static_cast<int>(uris_.size());
-    }
-    bool is_namespace(XmlTag::NsId nsid) const
-    {
-        return nsid >= 0 && nsid < num_namespaces();
-    }
+    XmlTag::Id next_id() const { return next_id_; }
+    int num_namespaces() const { return static_cast<int>(uris_.size()); }
+    bool is_namespace(XmlTag::NsId nsid) const { return nsid >= 0 && nsid < num_namespaces(); }
     const std::u16string& uri(XmlTag::NsId nsid) const
     {
         return uris_[static_cast<std::size_t>(nsid)];
@@ -84,10 +86,7 @@ public:
         return known == ids_.end() ? 0 : known->second;
     }
 
-    void add_tag(XmlTag::NsId nsid, const std::u16string& name)
-    {
-        ids_[{nsid, name}] = next_id_++;
-    }
+    void add_tag(XmlTag::NsId nsid, const std::u16string& name) { ids_[{nsid, name}] = next_id_++; }
 
     bool is_assigned(XmlTag::Id id) const
     {
@@ -120,15 +119,6 @@ private:
 
 // ---- What an input chooses from. ----
 
-std::vector<std::u16string> well_known_names()
-{
-    return {
-#define KVUTIL_WK_TAG(id, constant, abbreviation, name) u##name,
-#include <kvutil/xmltag_wk.def>
-#undef KVUTIL_WK_TAG
-    };
-}
-
 std::u16string numbered(const char16_t* before, unsigned int number)
 {
     std::u16string text(before);
@@ -139,18 +129,18 @@ std::u16string numbered(const char16_t* before, unsigned int number)
 
 std::u16string name_of(input_t& input)
 {
-    static const auto& known = *new std::vector<std::u16string>(well_known_names());
     const unsigned int kind = input.byte();
     const unsigned int number = input.byte() + 256u * (kind % 8);
     switch (kind / 8 % 4) {
     case 0:
-        return known[number % known.size()];
+        return WELL_KNOWN[number % std::size(WELL_KNOWN)].name;
     case 1:
         return numbered(u"name-", number);
     case 2:
         return std::u16string(number % 64, static_cast<char16_t>(0xD7F0 + kind % 32));
     default:
-        return known[number % known.size()] + static_cast<char16_t>(number % 4 == 0 ? 0 : u'x');
+        return std::u16string(WELL_KNOWN[number % std::size(WELL_KNOWN)].name) +
+               static_cast<char16_t>(number % 4 == 0 ? 0 : u'x');
     }
 }
 

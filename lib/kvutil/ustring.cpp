@@ -93,6 +93,8 @@ UString::UString() noexcept
     initialize();
 }
 
+// The base is copied in the body.
+// NOLINTNEXTLINE(bugprone-copy-constructor-init)
 UString::UString(const UString& o) : icu::UnicodeString()
 {
     initialize();
