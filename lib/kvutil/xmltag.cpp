@@ -61,7 +61,7 @@ typedef XmlTagImpl::name_index_t<const XmlTag, tag_traits_t> index_t;
 
 /// A namespace, the string that its `uri` refers to, and its tags.
 struct runtime_namespace_t {
-    runtime_namespace_t(kept_text_t own_uri, XmlTag::NsId id)
+    runtime_namespace_t(const kept_text_t& own_uri, XmlTag::NsId id)
         : uri(own_uri), ns(uri, id, false, false)
     {
         uri.c_str();
