@@ -19,13 +19,16 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
+#include <new>
 #include <pthread.h>
 #include <sched.h>
 #include <string>
+#include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <thread>
@@ -518,30 +521,72 @@ TEST_F(CredentialsFiles, OnABrokenPipeFail)
 
 // ---- signals ----
 
-std::atomic<int> alarms{0};
-
-/// Signals that interrupt system calls, many a second, to this thread's process.
+/// Signals to this process while it waits in a system call. A child of it sends them, one at a
+/// time, and learns that each was handled.
 class interruptions {
 public:
     interruptions()
     {
-        alarms = 0;
+        handled = new (mmap(nullptr, sizeof *handled, PROT_READ | PROT_WRITE,
+                            MAP_SHARED | MAP_ANONYMOUS, -1, 0)) std::atomic<int>(0);
         struct sigaction action = {};
-        action.sa_handler = [](int) { ++alarms; };
+        action.sa_handler = [](int) { ++*handled; };
         action.sa_flags = 0;  // no SA_RESTART
-        sigaction(SIGALRM, &action, nullptr);
-        const itimerval often = {{0, 500}, {0, 500}};
-        setitimer(ITIMER_REAL, &often, nullptr);
+        sigaction(SIGUSR1, &action, nullptr);
     }
     ~interruptions()
     {
-        const itimerval never = {};
-        setitimer(ITIMER_REAL, &never, nullptr);
-        signal(SIGALRM, SIG_DFL);
+        signal(SIGUSR1, SIG_IGN);
+        munmap(handled, sizeof *handled);
     }
+    interruptions(const interruptions&) = delete;
+    interruptions& operator=(const interruptions&) = delete;
+
+    /// Interrupts the call in which the process waits, or will wait. To be called by the child.
+    void send() const
+    {
+        const int before = *handled;
+        while (!waits() && lives())
+            usleep(100);
+        kill(process_, SIGUSR1);
+        while (*handled == before && lives())
+            usleep(100);
+    }
+
+    int count() const { return *handled; }
+
+private:
+    bool lives() const { return kill(process_, 0) == 0; }
+    bool waits() const
+    {
+        std::ifstream status("/proc/" + std::to_string(process_) + "/stat");
+        std::string number, name, state;
+        return status >> number >> name >> state && state == "S";
+    }
+
+    static inline std::atomic<int>* handled = nullptr;
+    const pid_t process_ = getpid();
 };
 
-// The peer is slow to open, and slow to take or give more.
+/// fork() for a child that does not outlive its parent, which may fail to open what it waits for.
+pid_t fork_companion()
+{
+    const pid_t child = fork();
+    if (child == 0)
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+    return child;
+}
+
+/// The status with which a child ends, however many signals arrive meanwhile.
+int status_at_end(pid_t child)
+{
+    int status = -1;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
+// The peer opens, and takes or gives more, only when the process waits for it and was interrupted.
 TEST_F(CredentialsFiles, AreReadThroughAPipeAlthoughSignalsArrive)
 {
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
@@ -549,29 +594,25 @@ TEST_F(CredentialsFiles, AreReadThroughAPipeAlthoughSignalsArrive)
         model::text_record("1") + model::text_record("3") + model::text_record("2");
     const std::string whole = model::file(large_sample()) + texts;
     in_restricted_child([&] {
-        const pid_t writer = fork();
+        const interruptions signals;
+        const pid_t writer = fork_companion();
         if (writer == 0) {
-            usleep(20000);
+            signals.send();
             const int pipe = open(path.c_str(), O_WRONLY);
             for (std::size_t at = 0; at < whole.size(); at += 5000) {
-                usleep(3000);
-                if (write(pipe, whole.data() + at, std::min<std::size_t>(5000, whole.size() - at)) <
-                    0)
+                signals.send();
+                const std::string piece = whole.substr(at, 5000);
+                if (write(pipe, piece.data(), piece.size()) < 0)
                     _exit(1);
             }
             _exit(0);
         }
         Credentials read;
-        {
-            const interruptions on;
-            read.read_from_file(path, true);
-        }
-        EXPECT_GT(alarms, 10);
+        read.read_from_file(path, true);
+        EXPECT_GT(signals.count(), 10);
         EXPECT_TRUE(read.groups == large_sample().groups);
         EXPECT_EQ(read.text2, ustr("2"));
-        int status = -1;
-        waitpid(writer, &status, 0);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(status_at_end(writer), 0);
         return 0;
     });
 }
@@ -582,14 +623,15 @@ TEST_F(CredentialsFiles, AreWrittenThroughAPipeAlthoughSignalsArrive)
     Credentials large = large_sample();
     large.groups.resize(20, large.groups[0]);
     in_restricted_child([&] {
-        const pid_t reader = fork();
+        const interruptions signals;
+        const pid_t reader = fork_companion();
         if (reader == 0) {
-            usleep(20000);
+            signals.send();
             const int pipe = open(path.c_str(), O_RDONLY);
             std::string content_read;
             char bytes[20000];
             for (;;) {
-                usleep(1500);
+                signals.send();
                 const ssize_t n = read(pipe, bytes, sizeof bytes);
                 if (n <= 0)
                     break;
@@ -597,14 +639,9 @@ TEST_F(CredentialsFiles, AreWrittenThroughAPipeAlthoughSignalsArrive)
             }
             _exit(content_read == model::file(large) ? 0 : 1);
         }
-        {
-            const interruptions on;
-            large.write_to_file(path);
-        }
-        EXPECT_GT(alarms, 10);
-        int status = -1;
-        waitpid(reader, &status, 0);
-        EXPECT_EQ(status, 0);
+        large.write_to_file(path);
+        EXPECT_GT(signals.count(), 10);
+        EXPECT_EQ(status_at_end(reader), 0);
         return 0;
     });
 }
@@ -616,10 +653,11 @@ TEST_F(CredentialsFiles, StringsAreReadAlthoughSignalsArrive)
     ASSERT_EQ(pipe(ends), 0);
     const std::string text(3000, 't');
     in_restricted_child([&] {
-        const pid_t writer = fork();
+        const interruptions signals;
+        const pid_t writer = fork_companion();
         if (writer == 0) {
             for (const char byte : model::text_record(text).substr(0, 30)) {
-                usleep(1500);
+                signals.send();
                 if (write(ends[1], &byte, 1) != 1)
                     _exit(1);
             }
@@ -627,13 +665,10 @@ TEST_F(CredentialsFiles, StringsAreReadAlthoughSignalsArrive)
             _exit(write(ends[1], rest.data(), rest.size()) < 0 ? 1 : 0);
         }
         Kvl::UtlFileIoPtr file(fdopen(ends[0], "rb"));
-        {
-            const interruptions on;
-            EXPECT_EQ(Credentials::read_string("pipe", file), ustr(text));
-        }
+        EXPECT_EQ(Credentials::read_string("pipe", file), ustr(text));
         EXPECT_EQ(std::ferror(file.get()), 0);
-        EXPECT_GT(alarms, 10);
-        waitpid(writer, nullptr, 0);
+        EXPECT_EQ(signals.count(), 30);
+        EXPECT_EQ(status_at_end(writer), 0);
         return 0;
     });
     close(ends[0]);
