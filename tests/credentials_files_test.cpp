@@ -11,6 +11,7 @@
 #include "support/sanitizer.h"
 #include "support/scratch.h"
 #include "support/text.h"
+#include "support/watched_thread.h"
 
 #include <gtest/gtest.h>
 
@@ -677,18 +678,23 @@ TEST_F(CredentialsFiles, StringsAreReadAlthoughSignalsArrive)
 
 // ---- cancellation ----
 
-/// Cancels a thread that `operation` holds up, once it has had time to get there.
+/// Cancels a thread that `operation` holds up, once it is there.
 template <class Operation>
 void cancel_while_waiting(Operation operation)
 {
     const auto descriptors = open_descriptors();
+    watched_t watched;
+    auto watched_operation = [&] {
+        watched.watch_me();
+        operation();
+    };
     const auto run = [](void* argument) -> void* {
-        (*static_cast<Operation*>(argument))();
+        (*static_cast<decltype(watched_operation)*>(argument))();
         return nullptr;
     };
     pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, nullptr, run, &operation), 0);
-    usleep(20000);
+    ASSERT_EQ(pthread_create(&thread, nullptr, run, &watched_operation), 0);
+    EXPECT_TRUE(watched.falls_asleep());
     pthread_cancel(thread);
     void* result = nullptr;
     pthread_join(thread, &result);

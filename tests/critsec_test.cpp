@@ -2,6 +2,7 @@
 
 #include "critsec_lock_impl.h"
 #include "support/sanitizer.h"
+#include "support/watched_thread.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -9,9 +10,10 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <future>
+#include <list>
+#include <optional>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -20,7 +22,6 @@ namespace {
 
 using Kvl::CriticalSection;
 using Kvl::CriticalSectionLock;
-using namespace std::chrono_literals;
 
 static_assert(!std::is_copy_constructible_v<CriticalSectionLock>);
 static_assert(!std::is_copy_assignable_v<CriticalSectionLock>);
@@ -32,11 +33,11 @@ TEST(CriticalSectionLock, TakenByTheOnlyThreadKeepsOutThoseThatItStarts)
     const CriticalSectionLock lock;
     lock.lock();
     std::atomic<bool> entered{false};
-    std::thread other([&] {
+    watched_thread_t other([&] {
         const CriticalSection section(lock);
         entered = true;
     });
-    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(other.falls_asleep());
     EXPECT_FALSE(entered);
     lock.unlock();
     other.join();
@@ -54,20 +55,20 @@ TEST(CriticalSectionNests, AndLetsAnotherThreadInOnlyAfterTheOutermostEnds)
 {
     const CriticalSectionLock lock;
     std::atomic<bool> entered{false};
-    std::thread other;
+    std::optional<watched_thread_t> other;
     {
         const CriticalSection outer(lock);
         {
             const CriticalSection inner(lock);
-            other = std::thread([&] {
+            other.emplace([&] {
                 const CriticalSection section(lock);
                 entered = true;
             });
         }
-        std::this_thread::sleep_for(50ms);
+        EXPECT_TRUE(other->falls_asleep());
         EXPECT_FALSE(entered);
     }
-    other.join();
+    other->join();
     EXPECT_TRUE(entered);
 }
 
@@ -101,24 +102,24 @@ TEST(CriticalSectionLock, ExcludesOtherThreads)
     EXPECT_EQ(counter, 80'000);
 }
 
-// They wait long enough to sleep, and each that is woken holds the lock as long.
+// All of them sleep before the first is let in, which may let in the next by itself.
 TEST(CriticalSectionLock, LetsInEveryThreadThatWaits)
 {
     const CriticalSectionLock lock;
     int counter = 0;
-    std::vector<std::thread> threads;
+    std::list<watched_thread_t> threads;
     {
         const CriticalSection section(lock);
         for (int i = 0; i < 8; ++i)
             threads.emplace_back([&] {
                 const CriticalSection waits(lock);
-                std::this_thread::sleep_for(2ms);
                 ++counter;
             });
-        std::this_thread::sleep_for(20ms);
+        for (const watched_thread_t& thread : threads)
+            EXPECT_TRUE(thread.falls_asleep());
         EXPECT_EQ(counter, 0);
     }
-    for (std::thread& thread : threads)
+    for (watched_thread_t& thread : threads)
         thread.join();
     EXPECT_EQ(counter, 8);
 }
@@ -130,18 +131,18 @@ TEST(CriticalSectionLock, IsNotReleasedByAThreadThatDoesNotHoldIt)
     const CriticalSectionLock lock;
     lock.unlock();
     std::atomic<bool> entered{false};
-    std::thread other;
+    std::optional<watched_thread_t> other;
     {
         const CriticalSection section(lock);
         std::thread([&] { lock.unlock(); }).join();
-        other = std::thread([&] {
+        other.emplace([&] {
             const CriticalSection waits(lock);
             entered = true;
         });
-        std::this_thread::sleep_for(50ms);
+        EXPECT_TRUE(other->falls_asleep());
         EXPECT_FALSE(entered);
     }
-    other.join();
+    other->join();
     EXPECT_TRUE(entered);
 }
 
@@ -149,12 +150,12 @@ TEST(CriticalSectionLock, LeavesErrnoAlone)
 {
     const CriticalSectionLock lock;
     lock.lock();
-    std::thread other([&] {
+    watched_thread_t other([&] {
         errno = ENOTTY;
         const CriticalSection waits(lock);
         EXPECT_EQ(errno, ENOTTY);
     });
-    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(other.falls_asleep());
     errno = ENOTTY;
     lock.unlock();
     EXPECT_EQ(errno, ENOTTY);
@@ -175,13 +176,13 @@ TEST(CriticalSectionLock, IsReleasedWhenAnExceptionLeavesTheBlock)
                 }).get());
 }
 
-/// Runs `body` in a child process; the child's alarm ends it when it blocks.
+/// Runs `body` in a child process; the child's alarm ends it when it blocks for ever.
 template <class Body>
 int exit_status_of_child(Body body)
 {
     const pid_t pid = fork();
     if (pid == 0) {
-        alarm(10);
+        alarm(200);
         _exit(body());
     }
     int status = 0;
@@ -249,18 +250,18 @@ TEST(ImmortalLock, NestsAndExcludesOtherThreads)
 {
     const CriticalSectionLock lock(g_mutex);
     std::atomic<bool> entered{false};
-    std::thread other;
+    std::optional<watched_thread_t> other;
     {
         const CriticalSection outer(lock);
         const CriticalSection inner(lock);
-        other = std::thread([&] {
+        other.emplace([&] {
             const CriticalSection section(lock);
             entered = true;
         });
-        std::this_thread::sleep_for(50ms);
+        EXPECT_TRUE(other->falls_asleep());
         EXPECT_FALSE(entered);
     }
-    other.join();
+    other->join();
     EXPECT_TRUE(entered);
 }
 
@@ -278,12 +279,11 @@ TEST(ImmortalLock, IsTheSameLockThroughEveryObject)
 {
     const CriticalSectionLock one(g_mutex);
     const CriticalSectionLock other(g_mutex);
-    const CriticalSection section(one);
-    auto waiting = std::async(std::launch::async, [&] { const CriticalSection waits(other); });
-    EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
-    one.unlock();
-    waiting.wait();
     one.lock();
+    watched_thread_t waiting([&] { const CriticalSection waits(other); });
+    EXPECT_TRUE(waiting.falls_asleep());
+    one.unlock();
+    waiting.join();
 }
 
 /// Two numbers that are equal whenever nobody holds the lock.
@@ -291,29 +291,30 @@ struct guarded_pair_t {
     std::atomic<int> first{0}, second{0};
 };
 
+// The fork() comes while the numbers differ. It waits for them to be equal, or for its child.
 TEST(ImmortalLock, GuardsWhatIsWholeInTheChildOfAFork)
 {
     const CriticalSectionLock lock(g_mutex);
     const CriticalSectionLock newer(g_second_mutex);
     guarded_pair_t pair;
-    std::atomic<bool> done{false};
+    watched_t forking;
+    std::promise<void> is_begun;
     std::thread writer([&] {
-        while (!done) {
-            const CriticalSection newest_first(newer);
-            const CriticalSection section(lock);
-            ++pair.first;
-            std::this_thread::sleep_for(1ms);
-            ++pair.second;
-        }
+        const CriticalSection newest_first(newer);
+        const CriticalSection section(lock);
+        ++pair.first;
+        is_begun.set_value();
+        EXPECT_TRUE(forking.falls_asleep());
+        ++pair.second;
     });
-    for (int i = 0; i < 20; ++i)
-        EXPECT_EQ(exit_status_of_child([&] {
-                      const CriticalSection outer(newer);
-                      const CriticalSection inner(lock);
-                      return pair.first == pair.second ? 0 : 1;
-                  }),
-                  0);
-    done = true;
+    is_begun.get_future().wait();
+    forking.watch_me();
+    EXPECT_EQ(exit_status_of_child([&] {
+                  const CriticalSection outer(newer);
+                  const CriticalSection inner(lock);
+                  return pair.first == 1 && pair.second == 1 ? 0 : 1;
+              }),
+              0);
     writer.join();
 }
 
@@ -371,19 +372,40 @@ TEST(ImmortalLock, MayBeUsedByOtherForkHandlers)
     g_lock_of_handlers = nullptr;
 }
 
+/// How often a thread has used the lock that is destroyed meanwhile.
+std::atomic<unsigned long> g_uses{0};
+
+void await_two_more_uses()
+{
+    const unsigned long before = g_uses;
+    while (g_uses < before + 2)
+        std::this_thread::yield();
+}
+
+/// Destroyed after the lock; lets the process end when the lock has been used without its object.
+struct awaits_uses_t {
+    ~awaits_uses_t()
+    {
+        if (is_on)
+            await_two_more_uses();
+    }
+    bool is_on = false;
+};
+awaits_uses_t g_awaits_uses;
 const CriticalSectionLock g_destroyed_at_exit(g_mutex);
 
 TEST(ImmortalLock, MayBeUsedByThreadsThatStillRunAtExit)
 {
     const pid_t pid = fork();
     if (pid == 0) {
-        alarm(20);
+        alarm(200);
         std::thread([] {
             const CriticalSectionLock& lock = g_destroyed_at_exit;
-            for (;;)
+            for (;; ++g_uses)
                 const CriticalSection section(lock);
         }).detach();
-        std::atexit([] { std::this_thread::sleep_for(20ms); });
+        await_two_more_uses();
+        g_awaits_uses.is_on = true;
         std::exit(0);
     }
     int status = 0;

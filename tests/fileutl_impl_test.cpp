@@ -12,6 +12,7 @@
 #include "support/recording_logger.h"
 #include "support/scratch.h"
 #include "support/text.h"
+#include "support/watched_thread.h"
 
 #include <gmock/gmock.h>
 #include <unicode/ucnv.h>
@@ -20,10 +21,10 @@
 #include <pthread.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <deque>
 #include <future>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -37,7 +38,6 @@ using Kvl::UString;
 using Kvl::FileutlImpl::change_lock;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using namespace std::chrono_literals;
 using namespace std::string_literals;
 
 /// What the replaced calls were asked for, in order, and what they are to answer.
@@ -478,13 +478,13 @@ TEST(ChangeLock, IsHeldWhileAnEntryComesOrGoes)
     in_child([] {
         Fileutl::set_file_id(u"/old", 1);
         const auto expect_to_wait = [](auto change) {
-            std::future<void> changed;
+            std::optional<watched_thread_t> changing;
             {
                 const CriticalSection section(change_lock);
-                changed = std::async(std::launch::async, change);
-                EXPECT_EQ(changed.wait_for(30ms), std::future_status::timeout);
+                changing.emplace(change);
+                EXPECT_TRUE(changing->falls_asleep());
             }
-            changed.get();
+            changing->join();
         };
         expect_to_wait([] { Fileutl::set_file_id(u"/new", 2); });
         expect_to_wait([] { Fileutl::delete_tmp_file(u"/old"); });
@@ -497,18 +497,20 @@ TEST(ChangeLock, IsWaitedForByAFork)
 {
     in_child([] {
         static bool is_changed = false;
+        watched_t forking;
         std::promise<void> held;
         std::promise<void> done;
         std::thread changer([&] {
             {
                 const CriticalSection section(change_lock);
                 held.set_value();
-                std::this_thread::sleep_for(30ms);
+                EXPECT_TRUE(forking.falls_asleep());
                 is_changed = true;
             }
             done.get_future().wait();
         });
         held.get_future().wait();
+        forking.watch_me();
         in_child(
             [] {
                 EXPECT_TRUE(is_changed);

@@ -3,6 +3,7 @@
 #include "support/child.h"
 #include "support/sanitizer.h"
 #include "support/small_stack.h"
+#include "support/watched_thread.h"
 #include "sys_calls_impl.h"
 
 #include <gtest/gtest.h>
@@ -20,6 +21,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <future>
+#include <list>
 #include <map>
 #include <set>
 #include <string>
@@ -468,26 +471,41 @@ TEST(HostIdCache, KeepsEachFailure)
     }
 }
 
+std::list<watched_thread_t> g_others;
+std::atomic<int> g_right{0};
+
+void ask()
+{
+    const answer_t answer = cached_answer();
+    g_right += answer.status == 0 && answer.address == A ? 1 : 0;
+}
+
+/// Seven other threads ask, and wait for the answer.
+void let_others_ask()
+{
+    if (!g_others.empty())
+        return;
+    for (int i = 0; i < 7; ++i)
+        g_others.emplace_back(ask);
+    for (const watched_thread_t& other : g_others)
+        EXPECT_TRUE(other.falls_asleep());
+}
+
 TEST(HostIdCache, IsFilledByOneOfManyThreads)
 {
     fake_kernel_t kernel;
     kernel.content += line("eth0");
     kernel.interfaces = {{"eth0", {A}}};
-    kernel.while_reading = [] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); };
-    std::vector<std::thread> threads;
-    std::atomic<int> right{0};
-    for (int i = 0; i < 8; ++i)
-        threads.emplace_back([&] {
-            const answer_t answer = cached_answer();
-            right += answer.status == 0 && answer.address == A ? 1 : 0;
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(right, 8);
+    kernel.while_reading = let_others_ask;
+    ask();
+    for (watched_thread_t& other : g_others)
+        other.join();
+    EXPECT_EQ(g_right, 8);
     EXPECT_EQ(kernel.paths.size(), 1u);
 }
 
 std::atomic<int> g_readers{0};
+std::promise<void> g_child_has_ended;
 
 // The child's thread is not the one that looks, and that one is not there.
 TEST(HostIdCache, IsFilledByTheChildOfAForkWhileAnotherThreadLooks)
@@ -497,15 +515,15 @@ TEST(HostIdCache, IsFilledByTheChildOfAForkWhileAnotherThreadLooks)
     fake_kernel_t kernel;
     kernel.content += line("eth0");
     kernel.interfaces = {{"eth0", {A}}};
-    g_readers = 0;
     kernel.while_reading = [] {
         if (g_readers++ == 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            g_child_has_ended.get_future().wait();
     };
-    std::thread looking([] { cached_answer(); });
-    while (g_readers == 0)
-        std::this_thread::yield();
+    watched_thread_t looking([] { cached_answer(); });
+    EXPECT_TRUE(looking.falls_asleep());
+    EXPECT_EQ(g_readers, 1);
     in_child([] { EXPECT_EQ(cached_answer().address, A); }, _exit);
+    g_child_has_ended.set_value();
     looking.join();
 }
 
