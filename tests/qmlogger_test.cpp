@@ -1,19 +1,20 @@
 #include <qmlogger/qmlogger.h>
 
 #include "support/memory_fault.h"
+#include "support/sanitizer.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -24,11 +25,28 @@
 #include <limits>
 #include <map>
 #include <numeric>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
+
+namespace {
+
+/// What the clock on the wall shows to the whole program, while a test has set it.
+std::optional<timespec> g_wall_clock;
+
+}  // namespace
+
+/// Comes before the C library's own.
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    if (clock != CLOCK_REALTIME || !g_wall_clock)
+        return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    *time = *g_wall_clock;
+    return 0;
+}
 
 namespace {
 
@@ -152,6 +170,17 @@ protected:
     fs::path directory;
 };
 
+/// Stops the clock on the wall while it lives, and sets it on.
+class wall_clock_t {
+public:
+    wall_clock_t() { g_wall_clock = timespec{784111777, 42'000}; }  // 1994-11-06T08:49:37Z
+    ~wall_clock_t() { g_wall_clock.reset(); }
+    wall_clock_t(const wall_clock_t&) = delete;
+    wall_clock_t& operator=(const wall_clock_t&) = delete;
+
+    void set_on_by_a_second() const { ++g_wall_clock->tv_sec; }
+};
+
 /// Runs `body` in a child process. @return its wait status.
 /// @param end  how it ends: where threads were left behind by the fork, with _exit()
 template <class Body>
@@ -159,7 +188,7 @@ int status_of_child(Body body, void (*end)(int) = _exit)
 {
     const pid_t pid = fork();
     if (pid == 0) {
-        alarm(60);
+        alarm(200);
         end(body());
     }
     int status = 0;
@@ -274,6 +303,7 @@ TEST_F(QmLogManagerInitialize, AppendsToAFileThatIsThere)
 
 TEST_F(QmLogManagerInitialize, IsIndependentOfTheWorkingDirectory)
 {
+    const wall_clock_t clock;
     EXPECT_EQ(status_of_child([&] {
                   if (chdir(directory.c_str()) != 0)
                       return 2;
@@ -281,7 +311,7 @@ TEST_F(QmLogManagerInitialize, IsIndependentOfTheWorkingDirectory)
                   if (chdir("/") != 0 || manager == nullptr)
                       return 3;
                   fs::rename(file(), file("moved"));
-                  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+                  clock.set_on_by_a_second();
                   manager->logger("Kvl")->info("text", 0);
                   return 0;
               }),
@@ -433,26 +463,16 @@ TEST_F(QmLoggerTest, WritesItsLevelsFromTheThresholdUp)
 
 TEST_F(QmLoggerTest, WritesTimeLevelNameProcessThreadAndText)
 {
-    using namespace std::chrono;
     setenv("TZ", "Asia/Kathmandu", 1);  // 5:45 h from UTC, in which lines are
     tzset();
-    QmLogger* const logger = initialize()->logger("Kvl");
-    const auto before = floor<microseconds>(system_clock::now());
-    logger->warning("PLXSV0651E text", 0);
-    const auto after = system_clock::now();
+    const wall_clock_t clock;
+    initialize()->logger("Kvl")->warning("PLXSV0651E text", 0);
     const parts_t parts = parts_of(last_line());
+    EXPECT_EQ(parts.time, "1994-11-06T08:49:37.000042Z");
     EXPECT_EQ(parts.level, "warning");
     EXPECT_EQ(parts.logger, "Kvl");
     EXPECT_EQ(parts.ids, std::to_string(getpid()) + ":" + std::to_string(gettid()));
     EXPECT_EQ(parts.text, "PLXSV0651E text");
-
-    std::tm utc = {};
-    const char* const rest = strptime(parts.time.c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
-    ASSERT_NE(rest, nullptr);
-    const auto written =
-        system_clock::from_time_t(timegm(&utc)) + microseconds(std::stol(rest + 1));
-    EXPECT_LE(before, written);
-    EXPECT_LE(written, after);
 }
 
 TEST_F(QmLoggerTest, WritesACodeOnlyWhenThereIsOne)
@@ -726,7 +746,7 @@ TEST_F(QmLoggerRotation, LosesNothingWhenManyProcessesWrite)
     for (int writer = 0; writer < 3; ++writer) {
         const pid_t pid = fork();
         if (pid == 0) {
-            alarm(60);
+            alarm(200);
             QmLogger* const logger = initialize("", 1)->logger("Kvl");
             for (int i = 0; i < 1000; ++i)
                 logger->info(numbered(writer, i), 0);
@@ -746,20 +766,23 @@ TEST_F(QmLoggerRotation, LosesNothingWhenManyProcessesWrite)
 
 TEST_F(QmLoggerRotation, FollowsAFileThatWasMovedWithinASecond)
 {
+    const wall_clock_t clock;
     QmLogger* const logger = initialize()->logger("Kvl");
     logger->info("before", 0);
     fs::rename(file(), file("moved"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    logger->info("in the same second", 0);
+    clock.set_on_by_a_second();
     logger->info("after", 0);
-    EXPECT_THAT(texts_of(file("moved")), ElementsAre("before"));
+    EXPECT_THAT(texts_of(file("moved")), ElementsAre("before", "in the same second"));
     EXPECT_THAT(texts_of(file()), ElementsAre("after"));
 }
 
 TEST_F(QmLoggerRotation, GoesOnInTheFileItHasWhenADirectoryIsGone)
 {
+    const wall_clock_t clock;
     QmLogger* const logger = initialize("", 1)->logger("Kvl");
     fs::remove_all(directory);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    clock.set_on_by_a_second();
     logger->info(std::string(2 * MEGABYTE, 'x'), 0);
     logger->info("text", 0);
 }
@@ -986,24 +1009,30 @@ TEST_F(QmLoggerThreads, WriteTheirOwnThreadIds)
 
 TEST_F(QmLoggerThreads, AChildLogsWhileItsParentsThreadsDo)
 {
+    if (HAS_ADDRESS_SANITIZER)
+        GTEST_SKIP() << "its allocator may stay locked in the child";
     QmLogManager* const manager = initialize();
     QmLogger* const logger = manager->logger("Kvl");
     std::atomic<bool> done{false};
+    std::atomic<int> lines{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 2; ++t)
         threads.emplace_back([&] {
-            for (int i = 0; !done; ++i) {
+            for (int i = 0; !done; ++i, ++lines) {
                 logger->info("parent", 0);
                 manager->logger("logger" + std::to_string(i % 100));
             }
         });
-    for (int i = 0; i < 50; ++i)
-        ASSERT_EQ(status_of_child([&] {
+    for (int i = 0; i < 50; ++i) {
+        while (lines < i)  // they are at work
+            std::this_thread::yield();
+        EXPECT_EQ(status_of_child([&] {
                       logger->info("child", 0);
                       manager->logger("logger of the child")->info("child", 0);
                       return 0;
                   }),
                   0);
+    }
     done = true;
     for (auto& thread : threads)
         thread.join();
@@ -1073,14 +1102,17 @@ TEST_F(QmLoggerThreads, MayLogWhileTheProcessEnds)
 {
     const pid_t pid = fork();
     if (pid == 0) {
-        alarm(60);
+        alarm(200);
         QmLogger* const logger = initialize()->logger("Kvl");
         g_thread_logs_when_destroyed.logger = logger;
         g_logs_when_destroyed.logger = logger;
-        std::thread([logger] {
-            for (;;)
+        std::atomic<bool> has_begun{false};
+        std::thread([logger, &has_begun] {
+            for (;; has_begun = true)
                 logger->info("thread", 0);
         }).detach();
+        while (!has_begun)
+            std::this_thread::yield();
         std::exit(0);
     }
     int status = -1;
