@@ -1486,14 +1486,17 @@ TEST(ArmThreads, HaveAWholePoolInTheChildOfAFork)
         GTEST_SKIP() << "its allocator may stay locked in the child";
     in_child([] {
         std::atomic<bool> stop{false};
+        std::atomic<int> pooled{0};
         std::vector<std::thread> threads;
         for (int t = 1; t <= 2; ++t) {
             threads.emplace_back([&, t] {
-                for (int n = 0; !stop; ++n)
+                for (int n = 0; !stop; ++n, ++pooled)
                     ArmBuffer::pool_string(nullptr, numbered(t * 1000000 + n % 10000));
             });
         }
         for (int i = 0; i < 10; ++i) {
+            while (pooled < i * 100)  // they are at work
+                std::this_thread::yield();
             in_child([] {
                 const UString* former = nullptr;
                 for (const auto& [text, string] : ArmBuffer::g_str_pool) {

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <cstring>
 #include <iterator>
 #include <random>
@@ -466,11 +467,16 @@ TEST(ArmStack, GivesEveryOperationOfManyThreadsItsOwnParent)
     in_child([] {
         const measured_t m;
         m.runtime.record(0);
+        constexpr int threads_at_once = 8;
         std::atomic<int> wrong{0};
-        const auto measure = [&m, &wrong] {
+        // All are there before any of them ends: what the C library keeps for each is then the same
+        // next time.
+        std::barrier all_there(threads_at_once);
+        const auto measure = [&m, &wrong, &all_there] {
             constexpr int operations = 100'000 / SCALE;
             constexpr int deepest = 10;
             Stack::get_base_correlator();
+            all_there.arrive_and_wait();
             long long handles[deepest + 1] = {};
             for (int i = 0, depth = 0; i < operations; ++i) {
                 wrong += m.start() != 0;
@@ -484,7 +490,7 @@ TEST(ArmStack, GivesEveryOperationOfManyThreadsItsOwnParent)
         };
         const auto all_measure = [&measure] {
             std::vector<std::thread> threads;
-            for (int i = 0; i < 8; ++i)
+            for (int i = 0; i < threads_at_once; ++i)
                 threads.emplace_back(measure);
             for (std::thread& thread : threads)
                 thread.join();

@@ -274,12 +274,16 @@ TEST(DavTimeOffset, CanBeAskedInTheChildOfAFork)
 {
     const time_zone zone("Asia/Kathmandu");
     std::atomic<bool> done{false};
+    std::atomic<int> asked{0};
     std::thread asking([&] {
-        while (!done)
+        for (; !done; ++asked)
             DavTime::get_tz_offset(NOVEMBER_1994);
     });
-    for (int i = 0; i < 20; ++i)
+    for (int i = 0; i < 20; ++i) {
+        while (asked < i * 100)  // it is at work
+            std::this_thread::yield();
         in_child([] { EXPECT_EQ(DavTime::get_tz_offset(NOVEMBER_1994), 20700); }, _exit);
+    }
     done = true;
     asking.join();
 }

@@ -1077,10 +1077,11 @@ TEST_F(Tmp, HasAWholeTableInTheChildOfAFork)
         GTEST_SKIP() << "its allocator may stay locked in the child";
     in_new_process([&] {
         std::atomic<bool> stop{false};
+        std::atomic<int> changes{0};
         std::vector<std::thread> threads;
         for (unsigned int id = 1; id <= 2; ++id) {
             threads.emplace_back([&, id] {
-                for (unsigned int n = 0; !stop; ++n)
+                for (unsigned int n = 0; !stop; ++n, ++changes)
                     if (n % 64 == 63)
                         Fileutl::delete_tmp_files(id);
                     else
@@ -1088,6 +1089,8 @@ TEST_F(Tmp, HasAWholeTableInTheChildOfAFork)
             });
         }
         for (int i = 0; i < 20; ++i) {
+            while (changes < i * 100)  // they are at work
+                std::this_thread::yield();
             in_child(
                 [] {
                     // A map that is not whole does not end, crashes, or is out of order.

@@ -60,7 +60,7 @@ int in_new_network(const std::vector<std::string>& ip_commands, const std::funct
 {
     const pid_t pid = fork();
     if (pid == 0) {
-        alarm(30);
+        alarm(200);
         if (!enter_new_network())
             _exit(NOT_PERMITTED);
         if (!run("ip link show lo"))
