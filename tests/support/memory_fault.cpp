@@ -60,11 +60,13 @@ thread_local unsigned long countdown = 0;
 thread_local bool keep_failing = false;
 thread_local bool has_struck = false;
 thread_local unsigned long allocations = 0;
+thread_local unsigned long bytes = 0;
 thread_local long live_blocks = 0;
 
-bool fails_now()
+bool fails_now(std::size_t size)
 {
     ++allocations;
+    bytes += size;
     if (has_struck && keep_failing)
         return true;
     if (countdown == 0 || --countdown != 0)
@@ -81,14 +83,14 @@ void* counted(void* memory)
 
 void* counted_allocate(std::size_t size)
 {
-    return fails_now() ? nullptr : counted(heap_allocate(size));
+    return fails_now(size) ? nullptr : counted(heap_allocate(size));
 }
 
 void* counted_reallocate(void* memory, std::size_t size)
 {
     if (memory == nullptr)
         return counted_allocate(size);
-    return fails_now() ? nullptr : heap_reallocate(memory, size);
+    return fails_now(size) ? nullptr : heap_reallocate(memory, size);
 }
 
 void counted_free(void* memory)
@@ -149,6 +151,11 @@ bool memory_fault::struck() const
 unsigned long allocations_of_this_thread()
 {
     return icu_is_hooked ? allocations : 0;
+}
+
+unsigned long bytes_asked_for_by_this_thread()
+{
+    return icu_is_hooked ? bytes : 0;
 }
 
 long live_blocks_of_this_thread()
@@ -212,7 +219,7 @@ void* malloc(std::size_t size) noexcept
 
 void* calloc(std::size_t count, std::size_t size) noexcept
 {
-    void* const memory = fails_now() ? nullptr : counted(__libc_calloc(count, size));
+    void* const memory = fails_now(count * size) ? nullptr : counted(__libc_calloc(count, size));
     if (memory == nullptr)
         errno = ENOMEM;
     return memory;
@@ -228,7 +235,7 @@ void* realloc(void* memory, std::size_t size) noexcept
 
 void* memalign(std::size_t alignment, std::size_t size) noexcept
 {
-    void* const memory = fails_now() ? nullptr : counted(__libc_memalign(alignment, size));
+    void* const memory = fails_now(size) ? nullptr : counted(__libc_memalign(alignment, size));
     if (memory == nullptr)
         errno = ENOMEM;
     return memory;

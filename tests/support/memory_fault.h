@@ -23,6 +23,19 @@ public:
 /// Allocations of this thread so far, those of ICU included, since the first use of this header.
 unsigned long allocations_of_this_thread();
 
+/// Bytes that those allocations have asked for.
+unsigned long bytes_asked_for_by_this_thread();
+
+/// @return  how many bytes `operation` asks for: a measure of its work that does not depend on the
+///          machine, as everything that is copied has to be put somewhere
+template <class Operation>
+unsigned long bytes_asked_for(Operation operation)
+{
+    const unsigned long before = bytes_asked_for_by_this_thread();
+    operation();
+    return bytes_asked_for_by_this_thread() - before;
+}
+
 /// How many more blocks this thread has allocated than freed, of those that can be made to fail.
 long live_blocks_of_this_thread();
 
