@@ -21,7 +21,7 @@ struct tag_access_t;
 /// The names that both sides of the protocol know in advance have fixed Ids (see WkTag and
 /// WkTagId); every other name gets the next free Id when lookup() first meets it. An Id stands for
 /// one pair of namespace and local name until the process ends, so Ids may be kept and compared
-/// instead of texts. The registry never forgets: each registered name keeps about 300 bytes, and
+/// instead of texts. The registry never forgets: each registered name keeps about 320 bytes, and
 /// one of more than 26 units its text, so names from the wire that need no identity are better left
 /// unregistered.
 ///

@@ -3,6 +3,7 @@
 #include "ustring_impl.h"
 #include "xmltag_impl.h"
 #include "xmltag_index_impl.h"
+#include "xmltag_order_impl.h"
 
 #include <algorithm>
 #include <atomic>
@@ -59,6 +60,13 @@ struct tag_traits_t {
 /// many names others have.
 typedef XmlTagImpl::name_index_t<const XmlTag, tag_traits_t> index_t;
 
+/// How the run-time tags of one namespace are found: by readers without the lock, and where a new
+/// one belongs in its `tags` by who holds it.
+struct names_t {
+    index_t index;
+    XmlTagImpl::name_order_t order;
+};
+
 /// A namespace, the string that its `uri` refers to, and its tags.
 struct runtime_namespace_t {
     runtime_namespace_t(const kept_text_t& own_uri, XmlTag::NsId id)
@@ -68,7 +76,7 @@ struct runtime_namespace_t {
     }
     const UString uri;
     Namespace ns;
-    index_t tags_by_name;
+    names_t names;
 };
 
 struct namespace_traits_t {
@@ -81,7 +89,7 @@ struct namespace_traits_t {
 typedef XmlTagImpl::name_index_t<runtime_namespace_t, namespace_traits_t> namespace_index_t;
 constinit namespace_index_t namespaces_by_uri;
 constinit XmlTagImpl::parted_list_t<runtime_namespace_t*> namespaces_by_nsid;
-constinit index_t run_time_tags_of_well_known[XmlTag::NUM_WK_NAMESPACES];
+constinit names_t run_time_names_of_well_known[XmlTag::NUM_WK_NAMESPACES];
 
 bool is_well_known(XmlTag::NsId nsid)
 {
@@ -105,13 +113,13 @@ Namespace* find_namespace(XmlTag::NsId nsid)
     return created != nullptr ? &created->ns : nullptr;
 }
 
-/// The run-time tags of the namespace with a number, or null when there is no such namespace.
-index_t* find_index(XmlTag::NsId nsid)
+/// The run-time names of the namespace with a number, or null when there is no such namespace.
+names_t* find_names(XmlTag::NsId nsid)
 {
     if (is_well_known(nsid))
-        return &run_time_tags_of_well_known[nsid];
+        return &run_time_names_of_well_known[nsid];
     runtime_namespace_t* const created = find_created(nsid);
-    return created != nullptr ? &created->tags_by_name : nullptr;
+    return created != nullptr ? &created->names : nullptr;
 }
 
 Namespace* find_namespace(std::u16string_view uri)
@@ -123,14 +131,14 @@ Namespace* find_namespace(std::u16string_view uri)
 }
 
 /// The tag with a name, or null.
-/// @param index  of the namespace; null when there is no such namespace
-[[gnu::always_inline]] inline const XmlTag* find_tag(XmlTag::NsId nsid, const index_t* index,
+/// @param names  of the namespace; null when there is no such namespace
+[[gnu::always_inline]] inline const XmlTag* find_tag(XmlTag::NsId nsid, const names_t* names,
                                                      std::u16string_view name)
 {
     if (is_well_known(nsid))
         if (const XmlTag* const wk = XmlTagImpl::find_well_known(nsid, name.data(), name.size()))
             return wk;
-    return index != nullptr ? index->find(name) : nullptr;
+    return names != nullptr ? names->index.find(name) : nullptr;
 }
 
 // ---- Registration: everything that can fail comes before the first change
@@ -194,8 +202,8 @@ private:
 };
 
 /// Registers a name that `ns` does not have. The lock is held.
-/// @param index  of `ns`, with room
-const XmlTag* register_tag(Namespace& ns, index_t& index, const index_t::hashed_t& name)
+/// @param names  of `ns`, with room in the index
+const XmlTag* register_tag(Namespace& ns, names_t& names, const index_t::hashed_t& name)
     KVUTIL_REQUIRES(dynamic_tags_lock)
 {
     const XmlTag::Id id = XmlTag::g_num_defined_tags;
@@ -203,17 +211,18 @@ const XmlTag* register_tag(Namespace& ns, index_t& index, const index_t::hashed_
         throw std::bad_alloc();
     memory_with_text_t<XmlTag> memory(name.name);
     const XmlTag*& entry = all_dynamic_tags[id];
-    // Names often come in order; the hint then saves the search and otherwise costs one comparison.
-    const auto in_order = ns.tags.emplace_hint(ns.tags.end(), memory.text(), nullptr);
-    in_order->first.c_str();
+    const auto place = names.order.find(ns.tags, name.name);
+    const auto element = ns.tags.emplace_hint(place.hint, memory.text(), nullptr);
+    names.order.add(place, element);
+    element->first.c_str();
     const XmlTag* const tag = tag_access_t::construct(memory.object(), &ns, memory.text(), id);
-    in_order->second = tag;
+    element->second = tag;
     memory.keep();
     entry = tag;
     XmlTag::g_num_defined_tags = id + 1;
     // The Id before the name: who finds the tag by name may ask for its Id at once.
     tag_access_t::publish_last(all_dynamic_tags);
-    index.add(name, tag);
+    names.index.add(name, tag);
     return tag;
 }
 
@@ -250,15 +259,15 @@ Namespace* create_namespace(std::u16string_view uri) KVUTIL_REQUIRES(dynamic_tag
 /// What a look-up without the lock has not found. Another thread may have been first.
 /// @param when_new  (const XmlTag&): called with the tag when it is registered now
 template <class WhenNew>
-const XmlTag* find_or_register(Namespace& ns, index_t& index, std::u16string_view name,
+const XmlTag* find_or_register(Namespace& ns, names_t& names, std::u16string_view name,
                                WhenNew when_new)
 {
     const CriticalSection section(dynamic_tags_lock);
-    index.make_room();
+    names.index.make_room();
     const index_t::hashed_t hashed(name);
-    if (const XmlTag* const known = index.find(hashed))
+    if (const XmlTag* const known = names.index.find(hashed))
         return known;
-    const XmlTag* const registered = register_tag(ns, index, hashed);
+    const XmlTag* const registered = register_tag(ns, names, hashed);
     when_new(*registered);
     return registered;
 }
@@ -266,10 +275,10 @@ const XmlTag* find_or_register(Namespace& ns, index_t& index, std::u16string_vie
 /// Out of line, so that look-ups that find carry nothing of it.
 [[gnu::noinline]] const XmlTag* register_now(XmlTag::NsId nsid, std::u16string_view name)
 {
-    index_t* const index = find_index(nsid);
-    if (index == nullptr)
+    names_t* const names = find_names(nsid);
+    if (names == nullptr)
         throw_illegal_arg(MSG_ILLEGAL_NAMESPACE_ID);
-    return find_or_register(*find_namespace(nsid), *index, name, [](const XmlTag&) {});
+    return find_or_register(*find_namespace(nsid), *names, name, [](const XmlTag&) {});
 }
 
 Namespace* find_or_create_namespace(std::u16string_view uri)
@@ -390,7 +399,7 @@ const XmlTag* XmlTag::reject(Id id)
 
 const XmlTag* XmlTag::lookup(NsId nsid, const UString& name)
 {
-    const XmlTag* const known = find_tag(nsid, find_index(nsid), view_of(name));
+    const XmlTag* const known = find_tag(nsid, find_names(nsid), view_of(name));
     return known != nullptr ? known : register_now(nsid, view_of(name));
 }
 
@@ -399,10 +408,10 @@ const XmlTag* XmlTag::lookup(XmlTag& tag)
     if (tag.ns_ == nullptr)
         throw_illegal_arg(MSG_ILLEGAL_NAMESPACE_ID);
     const std::u16string_view name = view_of(tag.simple_name_);
-    index_t* const index = find_index(tag.ns_->id);
-    if (const XmlTag* const known = find_tag(tag.ns_->id, index, name))
+    names_t* const names = find_names(tag.ns_->id);
+    if (const XmlTag* const known = find_tag(tag.ns_->id, names, name))
         return known;
-    return find_or_register(*tag.ns_, *index, name, [&](const XmlTag& registered) {
+    return find_or_register(*tag.ns_, *names, name, [&](const XmlTag& registered) {
         tag_access_t::set_id(tag, registered.id());
     });
 }
