@@ -30,25 +30,38 @@ TEST(SelectorMaps, HoldEveryTextOnceBothWays)
 
 TEST(SelectorMaps, AreOrderedByText)
 {
-    EXPECT_EQ(g_namespace_id_map.values.begin()->first, ustr("DEFAULT"));
-    EXPECT_EQ(g_namespace_id_map.values.rbegin()->first, ustr("workspace"));
+    const auto are_ordered = [](const auto& values) {
+        return std::ranges::is_sorted(
+            values, [](const auto& a, const auto& b) { return a.first < b.first; });
+    };
+    EXPECT_TRUE(are_ordered(g_namespace_id_map.values));
+    EXPECT_TRUE(are_ordered(g_provider_domain_string.values));
+    EXPECT_EQ(g_namespace_id_map.values.front().first, ustr("DEFAULT"));
+    EXPECT_EQ(g_namespace_id_map.values.back().first, ustr("workspace"));
 }
 
-TEST(SelectorMaps, AreSearchedExactly)
+template <class Values>
+auto find(const Values& values, const UString& text)
 {
-    EXPECT_EQ(g_namespace_id_map.values.at(ustr("repo")), 38);
-    EXPECT_EQ(g_namespace_id_map.values.count(ustr("Repo")), 0u);
-    EXPECT_EQ(g_namespace_id_map.values.count(ustr("default")), 0u);
-    EXPECT_EQ(g_namespace_id_map.values.count(ustr("")), 0u);
-    EXPECT_EQ(g_provider_domain_string.values.at(ustr("")), 3);
-    EXPECT_EQ(g_provider_domain_string.values.at(ustr("<invalid>")), 2);
-    EXPECT_EQ(g_provider_domain_string.values.count(ustr("VD")), 0u);
+    return std::ranges::find(values, text, &Values::value_type::first);
+}
+
+TEST(SelectorMaps, HoldTextsExactly)
+{
+    const auto& namespaces = g_namespace_id_map.values;
+    EXPECT_EQ(find(namespaces, ustr("repo"))->second, 38);
+    for (const char* const text : {"Repo", "default", ""})
+        EXPECT_EQ(find(namespaces, ustr(text)), namespaces.end()) << text;
+    const auto& domains = g_provider_domain_string.values;
+    EXPECT_EQ(find(domains, ustr(""))->second, 3);
+    EXPECT_EQ(find(domains, ustr("<invalid>"))->second, 2);
+    EXPECT_EQ(find(domains, ustr("VD")), domains.end());
 }
 
 template <class Values, class Found>
 void expect_same(const Values& values, const UString& text, const Found* found)
 {
-    const auto in_map = values.find(text);
+    const auto in_map = find(values, text);
     ASSERT_EQ(found != nullptr, in_map != values.end()) << text.utf8_str();
     if (found != nullptr) {
         EXPECT_EQ(*found, in_map->second);

@@ -3,9 +3,10 @@
 
 #include <kvutil/selector.h>
 
+#include <array>
 #include <cstddef>
-#include <map>
 #include <string_view>
+#include <utility>
 
 namespace Kvl {
 namespace SelectorImpl {
@@ -32,10 +33,11 @@ inline constexpr std::size_t NUM_DOMAINS = 0
 #undef KVUTIL_SELECTOR_DOMAIN
     ;
 
-/// A closed vocabulary, both ways: the values by text, ordered by text, and the texts by value.
+/// A closed vocabulary, both ways: the values by text, ordered by text, and the texts by value. In
+/// one piece, because to allocate and link the nodes of a std::map takes its time at load.
 template <class Value, std::size_t size>
 struct vocabulary_t {
-    std::map<UString, Value> values;
+    std::array<std::pair<UString, Value>, size> values;
     UString texts[size];
 };
 

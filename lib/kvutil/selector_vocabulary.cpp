@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <iterator>
+#include <numeric>
 
 namespace Kvl {
 namespace SelectorImpl {
@@ -42,16 +43,24 @@ constexpr bool values_are_indexes(const Row (&rows)[size])
 static_assert(values_are_indexes(NAMESPACES) && values_are_indexes(DOMAINS));
 static_assert(NUM_NAMESPACES == 52 && NUM_DOMAINS == 4);
 
-template <class Vocabulary, class Row, std::size_t size>
-void fill(Vocabulary& vocabulary, const Row (&rows)[size])
+template <class Row, std::size_t size>
+constexpr std::array<std::size_t, size> rows_by_text(const Row (&rows)[size])
 {
-    for (std::size_t i = 0; i < size; ++i) {
-        const auto text = [&row = rows[i].text] {
-            return constant_text_t::make(row.data(), static_cast<int>(row.size()));
-        };
-        // The rows are nearly in the order of their texts, so most belong at the end.
-        vocabulary.values.emplace_hint(vocabulary.values.end(), text(), rows[i].value);
-        vocabulary.texts[i] = text();
+    std::array<std::size_t, size> order{};
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::ranges::sort(order, {}, [&](std::size_t i) { return rows[i].text; });
+    return order;
+}
+
+template <const auto& rows, class Vocabulary>
+void fill(Vocabulary& vocabulary)
+{
+    static constexpr auto BY_TEXT = rows_by_text(rows);
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+        stand_on(vocabulary.texts[i], rows[i].text);
+        auto& [text, value] = vocabulary.values[i];
+        stand_on(text, rows[BY_TEXT[i]].text);
+        value = rows[BY_TEXT[i]].value;
     }
 }
 
@@ -103,8 +112,8 @@ bool is_same(std::u16string_view a, std::u16string_view b)
 
 InitMaps::InitMaps()
 {
-    fill(g_namespace_id_map, NAMESPACES);
-    fill(g_provider_domain_string, DOMAINS);
+    fill<NAMESPACES>(g_namespace_id_map);
+    fill<DOMAINS>(g_provider_domain_string);
 }
 
 const Selector::namespace_t* find_namespace(std::u16string_view text) noexcept

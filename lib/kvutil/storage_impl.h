@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <new>
+#include <string_view>
 
 namespace Kvl {
 
@@ -27,6 +28,9 @@ struct is_buffer_writable_t {
 };
 struct set_length_t {
     friend constexpr auto member_named_by(set_length_t);
+};
+struct set_array_t {
+    friend constexpr auto member_named_by(set_array_t);
 };
 struct allocate_t {
     friend constexpr auto member_named_by(allocate_t);
@@ -49,8 +53,12 @@ struct in_itself_t {
 struct counted_t {
     friend constexpr auto member_named_by(counted_t);
 };
+struct elsewhere_t {
+    friend constexpr auto member_named_by(elsewhere_t);
+};
 template struct private_member_t<is_buffer_writable_t, &icu::UnicodeString::isBufferWritable>;
 template struct private_member_t<set_length_t, &icu::UnicodeString::setLength>;
+template struct private_member_t<set_array_t, &icu::UnicodeString::setArray>;
 template struct private_member_t<allocate_t, &icu::UnicodeString::allocate>;
 template struct private_member_t<copy_from_t, &icu::UnicodeString::copyFrom>;
 template struct private_member_t<add_ref_t, &icu::UnicodeString::addRef>;
@@ -58,6 +66,7 @@ template struct private_member_t<storage_t, &icu::UnicodeString::fUnion>;
 template struct private_member_t<storage_flags_t, icu::UnicodeString::kAllStorageFlags>;
 template struct private_member_t<in_itself_t, icu::UnicodeString::kShortString>;
 template struct private_member_t<counted_t, icu::UnicodeString::kLongString>;
+template struct private_member_t<elsewhere_t, icu::UnicodeString::kReadonlyAlias>;
 
 /// ICU's own limit of a capacity, of which it makes no constant.
 constexpr int MAX_CAPACITY = INT_MAX - 10;
@@ -156,6 +165,17 @@ inline bool is_new(const icu::UnicodeString& text)
     // One comparison of what holds the length and all that ICU knows about the storage.
     return (text.*member_named_by(storage_t())).fFields.fLengthAndFlags ==
            member_named_by(in_itself_t());
+}
+
+/// Lets a text stand on constant units, as ICU's constructor for that does, but without its call
+/// and its questions about them.
+/// @param text   is_new()
+/// @param units  with a U+0000 behind them; outlive the text and everything moved from it
+inline void stand_on(icu::UnicodeString& text, std::u16string_view units)
+{
+    (text.*member_named_by(storage_t())).fFields.fLengthAndFlags = member_named_by(elsewhere_t());
+    const auto length = static_cast<std::int32_t>(units.size());
+    (text.*member_named_by(set_array_t()))(const_cast<char16_t*>(units.data()), length, length + 1);
 }
 
 /// Makes the capacity at least `units`, without ICU's questions about what there is.

@@ -170,12 +170,6 @@ UString::UString(const std::wstring& w) : UString()
     });
 }
 
-UString::UString(alias_t, const char16_t* text, int length_units) noexcept
-    : icu::UnicodeString(true, text, length_units)
-{
-    initialize();
-}
-
 UString& UString::operator=(const UString& o)
 {
     if (this == &o)

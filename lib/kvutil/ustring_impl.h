@@ -10,6 +10,13 @@
 
 namespace Kvl {
 
+// Inline, because more than a thousand are made while the library is loaded.
+inline UString::UString(alias_t, const char16_t* text, int length_units) noexcept
+{
+    initialize();
+    stand_on(*this, {text, static_cast<std::size_t>(length_units)});
+}
+
 /// Makes texts that stand on constant storage of the library: nothing is allocated, c_str() only
 /// reads, and a copy owns its units. The result is a prvalue, so it is built where it is to live.
 struct constant_text_t {

@@ -338,11 +338,6 @@ XmlTag::XmlTag(const UString& ns_uri, const UString& name)
     ns_ = find_or_create_namespace(view_of(ns_uri));
 }
 
-XmlTag::XmlTag(Namespace* ns, const char16_t* simple_name, int length_units, Id id) noexcept
-    : ns_(ns), simple_name_(constant_text_t::make(simple_name, length_units)), id_(id)
-{
-}
-
 XmlTag::XmlTag(Namespace* ns, const XmlTagImpl::kept_text_t& name, Id id) noexcept
     : ns_(ns), simple_name_(name), id_(id)
 {
@@ -504,12 +499,6 @@ bool sort_namespaces_sorted_wk_tag_vectors()
 // ---- Private machinery
 
 namespace XmlTagImpl {
-
-XmlTag* tag_access_t::construct(void* place, XmlTag::Namespace* ns, std::u16string_view name,
-                                XmlTag::Id id) noexcept
-{
-    return ::new (place) XmlTag(ns, name.data(), static_cast<int>(name.size()), id);
-}
 
 XmlTag* tag_access_t::construct(void* place, XmlTag::Namespace* ns, const kept_text_t& name,
                                 XmlTag::Id id) noexcept

@@ -13,6 +13,12 @@
 #include <string_view>
 
 namespace Kvl {
+
+inline XmlTag::XmlTag(Namespace* ns, const char16_t* simple_name, int length_units, Id id) noexcept
+    : ns_(ns), simple_name_(constant_text_t::make(simple_name, length_units)), id_(id)
+{
+}
+
 namespace XmlTagImpl {
 
 /// The well-known tag with a name, or null; nothing is registered. Takes no lock, allocates
@@ -127,7 +133,10 @@ struct kept_text_t {
 struct tag_access_t {
     /// Constructs a tag whose local name aliases `name`, which is terminated and outlives it.
     static XmlTag* construct(void* place, XmlTag::Namespace* ns, std::u16string_view name,
-                             XmlTag::Id id) noexcept;
+                             XmlTag::Id id) noexcept
+    {
+        return ::new (place) XmlTag(ns, name.data(), static_cast<int>(name.size()), id);
+    }
     /// The same with a name that is not short only where it is terminated and outlives the tag.
     static XmlTag* construct(void* place, XmlTag::Namespace* ns, const kept_text_t& name,
                              XmlTag::Id id) noexcept;

@@ -1,4 +1,3 @@
-#include "sys_calls_impl.h"
 #include "ustring_impl.h"
 #include "xmltag_hash_impl.h"
 #include "xmltag_impl.h"
@@ -7,9 +6,6 @@
 #include <array>
 #include <functional>
 #include <new>
-
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace Kvl {
 
@@ -308,19 +304,6 @@ bool has_uri(const namespace_row_t& row, std::u16string_view uri)
 
 // ---- Load
 
-/// Asks for all pages of the storage at once, which costs half of what a page fault for each does.
-/// Where the system has no such call, or no memory now, the faults come one by one.
-void populate_storage() noexcept
-{
-#ifdef MADV_POPULATE_WRITE
-    const auto page = static_cast<std::uintptr_t>(getpagesize());
-    const auto first = reinterpret_cast<std::uintptr_t>(&g_storage) / page * page;
-    const auto end = reinterpret_cast<std::uintptr_t>(&g_storage + 1);
-    static_cast<void>(
-        sys_calls.madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE));
-#endif
-}
-
 void construct_wk_namespaces_array()
 {
     const auto text = [](std::u16string_view view) {
@@ -353,11 +336,12 @@ void construct_wk_tags()
 
 void fill_wk_tags_of_namespaces()
 {
-    for (std::size_t i = 0; i < NUM_WK_NAMESPACES; ++i)
-        XmlTag::g_namespace_array[i]->wk_tags.reserve(NUM_TAGS_OF_NAMESPACE[i]);
-    for (const std::uint16_t i : SORTED_ROWS)
-        XmlTag::g_namespace_array[static_cast<std::size_t>(ROWS[i].nsid)]->wk_tags.push_back(
-            &g_storage.tags.value[i]);
+    auto row = SORTED_ROWS.begin();
+    for (std::size_t i = 0; i < NUM_WK_NAMESPACES; ++i) {
+        XmlTag::g_namespace_array[i]->wk_tags.resize(NUM_TAGS_OF_NAMESPACE[i]);
+        for (const XmlTag*& tag : XmlTag::g_namespace_array[i]->wk_tags)
+            tag = &g_storage.tags.value[*row++];
+    }
 }
 
 }  // namespace
@@ -386,7 +370,6 @@ XmlTag::Namespace* find_well_known_namespace(std::u16string_view uri) noexcept
 
 bool load()
 {
-    populate_storage();
     construct_wk_namespaces_array();
     ::new (&g_storage.dynamic_tags.value) IdToTagMap;
     XmlTag::create_wk_namespaces();
