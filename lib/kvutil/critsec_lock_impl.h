@@ -7,7 +7,10 @@ namespace Kvl::CriticalSectionImpl {
 
 /// A recursive mutex and its place in the lists that the handlers of a fork() walk. The mutex is
 /// made when the first lock refers to it.
-struct listed_mutex_t : mutex_t {
+///
+/// It has a line of the cache to itself: threads that contend for the lock move that line to and
+/// fro, neither two lines nor what happens to lie beside it.
+struct alignas(64) listed_mutex_t : mutex_t {
     /// One that a CriticalSectionLock owns and destroys.
     constexpr listed_mutex_t() noexcept : mutex_t{{}, false} {}
 
