@@ -11,8 +11,10 @@
 #include <unicode/ustring.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -431,12 +433,78 @@ icu::UnicodeString plain(const std::u16string& text)
     return icu::UnicodeString(text.data(), static_cast<int>(text.size()));
 }
 
-// All texts of up to seven units over an alphabet with both halves of a pair.
 TEST(Storage, KnowsWhatFitsIntoATextObject)
 {
     EXPECT_EQ(static_cast<std::size_t>(icu::UnicodeString().getCapacity()), INLINE_UNITS);
 }
 
+// ICU goes on with the memory: it writes a terminator, shares it and frees it.
+TEST(Storage, AllocatesAsIcuDoes)
+{
+    for (std::int32_t units = INLINE_UNITS + 1; units < 3000; ++units) {
+        icu::UnicodeString text;
+        const unit_room_t room = make_room_in_new(text, static_cast<std::size_t>(units));
+        ASSERT_EQ(text.getCapacity(), icu::UnicodeString(units, 0, 0).getCapacity()) << units;
+        ASSERT_EQ(room.end - room.begin, text.getCapacity());
+        std::fill(room.begin, room.end, u'x');
+        set_length(text, room, static_cast<std::size_t>(text.getCapacity()));
+        ASSERT_EQ(text.getTerminatedBuffer()[text.length()], 0);
+        const icu::UnicodeString shared(text);
+        ASSERT_EQ(shared.getBuffer(), text.getBuffer());
+    }
+}
+
+/// A text made, shared and destroyed by us or by ICU.
+class counted_text_t {
+public:
+    explicit counted_text_t(bool is_ours) : is_ours_(is_ours), text_(u"a text beyond the object, ")
+    {
+        text_.append(u"which is in memory of its own");
+    }
+    counted_text_t(const counted_text_t& from, bool is_ours) : is_ours_(is_ours)
+    {
+        if (is_ours)
+            copy_into_new(text_, from.text_);
+        else
+            text_ = from.text_;
+    }
+    counted_text_t(const counted_text_t&) = delete;
+    counted_text_t& operator=(const counted_text_t&) = delete;
+    ~counted_text_t()
+    {
+        if (is_ours_)
+            release_counted(text_);
+    }
+    bool is_whole() const
+    {
+        return text_ == u"a text beyond the object, which is in memory of its own";
+    }
+    bool is_alone() const { return is_exclusive(text_); }
+
+private:
+    const bool is_ours_;
+    icu::UnicodeString text_;
+};
+
+// Three that share one memory, each of them ours or ICU's, destroyed in every order.
+TEST(Storage, IsSharedWithIcuAndFreedByTheLast)
+{
+    std::array<std::size_t, 3> order = {0, 1, 2};
+    do {
+        for (unsigned int ours = 0; ours < 8; ++ours) {
+            std::array<std::unique_ptr<counted_text_t>, 3> texts;
+            texts[0] = std::make_unique<counted_text_t>((ours & 1) != 0);
+            texts[1] = std::make_unique<counted_text_t>(*texts[0], (ours & 2) != 0);
+            texts[2] = std::make_unique<counted_text_t>(*texts[1], (ours & 4) != 0);
+            texts[order[0]].reset();
+            EXPECT_TRUE(texts[order[1]]->is_whole() && !texts[order[1]]->is_alone());
+            texts[order[1]].reset();
+            EXPECT_TRUE(texts[order[2]]->is_whole() && texts[order[2]]->is_alone());
+        }
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+// All texts of up to seven units over an alphabet with both halves of a pair.
 TEST(Search, AgreesWithIcu)
 {
     const std::u16string alphabet = u"ab\xD83D\xDE00";

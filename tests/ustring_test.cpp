@@ -2214,6 +2214,26 @@ TEST(UStringConstruction, OfACopyLeavesTheOriginalAlone)
     }
 }
 
+TEST(UStringConstruction, CopiesOneTextInManyThreads)
+{
+    const std::u16string text(60, u'x');
+    const UString original(text);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 2000; ++i) {
+                const UString first(original);
+                UString second(first);
+                second.set_at(0, 'y');
+                EXPECT_EQ(str(first), text);
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(str(original), text);
+    EXPECT_EQ(UString(original).getBuffer(), original.getBuffer());
+}
+
 TEST(UStringMemory, ExhaustedInAnEditLeavesTheTextAsItWas)
 {
     int struck = 0;

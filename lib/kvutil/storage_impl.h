@@ -4,12 +4,18 @@
 #include <unicode/unistr.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <new>
 #include <string_view>
+
+/// ICU's own malloc() and free(), which a program may replace. They are in no header for users,
+/// though among the names that each version of ICU renames.
+extern "C" void* uprv_malloc(std::size_t size);
+extern "C" void uprv_free(void* memory);
 
 namespace Kvl {
 
@@ -32,14 +38,8 @@ struct set_length_t {
 struct set_array_t {
     friend constexpr auto member_named_by(set_array_t);
 };
-struct allocate_t {
-    friend constexpr auto member_named_by(allocate_t);
-};
 struct copy_from_t {
     friend constexpr auto member_named_by(copy_from_t);
-};
-struct add_ref_t {
-    friend constexpr auto member_named_by(add_ref_t);
 };
 struct storage_t {
     friend constexpr auto member_named_by(storage_t);
@@ -59,9 +59,7 @@ struct elsewhere_t {
 template struct private_member_t<is_buffer_writable_t, &icu::UnicodeString::isBufferWritable>;
 template struct private_member_t<set_length_t, &icu::UnicodeString::setLength>;
 template struct private_member_t<set_array_t, &icu::UnicodeString::setArray>;
-template struct private_member_t<allocate_t, &icu::UnicodeString::allocate>;
 template struct private_member_t<copy_from_t, &icu::UnicodeString::copyFrom>;
-template struct private_member_t<add_ref_t, &icu::UnicodeString::addRef>;
 template struct private_member_t<storage_t, &icu::UnicodeString::fUnion>;
 template struct private_member_t<storage_flags_t, icu::UnicodeString::kAllStorageFlags>;
 template struct private_member_t<in_itself_t, icu::UnicodeString::kShortString>;
@@ -178,6 +176,31 @@ inline void stand_on(icu::UnicodeString& text, std::u16string_view units)
     (text.*member_named_by(set_array_t()))(const_cast<char16_t*>(units.data()), length, length + 1);
 }
 
+/// How many texts share units that are not in the text object itself. ICU counts them in front of
+/// the units.
+typedef std::atomic<std::int32_t> sharers_t;
+
+inline sharers_t& sharers(char16_t* counted_units)
+{
+    return reinterpret_cast<sharers_t*>(counted_units)[-1];
+}
+
+/// What ICU's allocation makes: whole blocks of 16 bytes for the count, the units and a terminator.
+/// @param units  a capacity that is_new() has not
+/// @throws std::bad_alloc there is no memory
+inline void allocate(icu::UnicodeString& text, std::int32_t units)
+{
+    const std::size_t size = sizeof(sharers_t) + (std::size_t(units) + 1) * sizeof(char16_t);
+    const std::size_t whole = (size + 15) / 16 * 16;
+    void* const memory = uprv_malloc(whole);
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    auto& fields = (text.*member_named_by(storage_t())).fFields;
+    fields.fArray = reinterpret_cast<char16_t*>(new (memory) sharers_t(1) + 1);
+    fields.fCapacity = static_cast<std::int32_t>((whole - sizeof(sharers_t)) / sizeof(char16_t));
+    fields.fLengthAndFlags = member_named_by(counted_t());
+}
+
 /// Makes the capacity at least `units`, without ICU's questions about what there is.
 /// @param text  is_new(); its length is to be set
 /// @return      its units and the room behind them
@@ -187,8 +210,7 @@ inline unit_room_t make_room_in_new(icu::UnicodeString& text, std::size_t units)
     auto& storage = text.*member_named_by(storage_t());
     if (units <= INLINE_UNITS)
         return {storage.fStackFields.fBuffer, INLINE_UNITS};
-    if ((text.*member_named_by(allocate_t()))(checked_capacity(units)) == 0)
-        throw_no_memory(text);
+    allocate(text, checked_capacity(units));
     return {storage.fFields.fArray, static_cast<std::size_t>(storage.fFields.fCapacity)};
 }
 
@@ -229,13 +251,31 @@ inline void copy_into_new(icu::UnicodeString& to, const icu::UnicodeString& from
     const bool has_units = flags != kind;
     if (kind == member_named_by(counted_t()) && has_units) {
         copy.fFields = storage.fFields;
-        return (to.*member_named_by(add_ref_t()))();
+        sharers(copy.fFields.fArray).fetch_add(1, std::memory_order_relaxed);
+        return;
     }
     if (kind == member_named_by(in_itself_t()))
         copy.fStackFields = storage.fStackFields;
     else
         (to.*member_named_by(copy_from_t()))(from, false);
     terminate_inline(to);
+}
+
+/// What ICU's destructor does with counted units, without its calls, and without its locked
+/// instruction where nobody shares them: that one waits for all that was written before, a quarter
+/// of the life of a line of text.
+/// @param text  about to be destroyed
+inline void release_counted(icu::UnicodeString& text) noexcept
+{
+    auto& fields = (text.*member_named_by(storage_t())).fFields;
+    const int kind = fields.fLengthAndFlags & member_named_by(storage_flags_t());
+    if (kind != member_named_by(counted_t()))
+        return;
+    sharers_t& count = sharers(fields.fArray);
+    if (count.load(std::memory_order_acquire) == 1 ||
+        count.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        uprv_free(&count);
+    fields.fLengthAndFlags = member_named_by(in_itself_t());
 }
 
 }  // namespace Kvl

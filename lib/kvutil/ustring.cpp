@@ -592,6 +592,7 @@ UString::~UString()
 {
     if (charset_ != nullptr)
         give_back_charset(charset_);
+    release_counted(*this);
 }
 
 namespace {
