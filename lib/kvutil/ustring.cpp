@@ -603,7 +603,8 @@ bool is_short(std::size_t length)
 }
 
 // What a look-up would find for a string that has used no other charset, if it is asked for
-// ISO-8859-1 by the name that most callers give it.
+// ISO-8859-1 by the name that most callers give it. No string remembers it: to find it again costs
+// as much as to remember.
 // @param used  what the string has used last, or null
 const known_charset_t* latin1_for(const used_charset_t* used, const char* charset)
 {
@@ -693,7 +694,6 @@ UString* UString::assign(const std::string& bytes, const char* charset)
     const std::string_view view = bytes;
     if (latin1 == nullptr || !is_new(*this) || !is_short(view.size()))
         return any_charset_t::assign(*this, bytes, charset);
-    charset_ = latin1;
     fill(*this, make_room_in_new(*this, view.size()), view.size(),
          [view](char16_t* to, const char16_t*) { widen_short(view, to); });
     return this;
@@ -825,7 +825,6 @@ std::string UString::std_str(const char* charset, bool& failed) const
     const std::u16string_view text = view(*this);
     if (latin1 == nullptr || !is_short(text.size()))
         return any_charset_t::std_str(*this, charset, failed);
-    charset_ = latin1;
     return short_latin1(*latin1, text, failed);
 }
 
