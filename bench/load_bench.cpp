@@ -19,10 +19,7 @@ namespace {
 /// A library that is open as long as this lives.
 class opened_t {
 public:
-    explicit opened_t(const char* path, int binding = RTLD_NOW)
-        : handle_(dlopen(path, binding | RTLD_LOCAL))
-    {
-    }
+    explicit opened_t(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {}
     ~opened_t()
     {
         if (handle_ != nullptr)
@@ -78,11 +75,11 @@ void count_relocations(benchmark::State& state, const opened_t& library)
     state.counters["symbols, functions"] = entries(DT_PLTRELSZ);
 }
 
-void load(benchmark::State& state, const char* path, int binding, bool has_all_tags)
+void load(benchmark::State& state, const char* path, bool has_all_tags)
 {
     require_agreement(state, has_all_tags && can_be_loaded_again(path));
     for (auto _ : state) {
-        const opened_t library(path, binding);
+        const opened_t library(path);
         benchmark::DoNotOptimize(library.is_open());
     }
     count_relocations(state, opened_t(path));
@@ -120,37 +117,32 @@ bool holds_dependencies(const char* logging_library)
     return holds;
 }
 
-void load_kvutil(benchmark::State& state, int binding)
+void load_kvutil(benchmark::State& state)
 {
     require_agreement(state, holds_dependencies(LOGGING_LIBRARY));
-    load(state, RELOADABLE_KVUTIL, binding, kvutil_has_tags(RELOADABLE_KVUTIL));
+    load(state, RELOADABLE_KVUTIL, kvutil_has_tags(RELOADABLE_KVUTIL));
 }
 
-void load_strings(benchmark::State& state, int binding)
+void load_strings(benchmark::State& state)
 {
-    load(state, STRINGS, binding, strings_have_tags<std::string>(STRINGS, "acl-entry"));
+    load(state, STRINGS, strings_have_tags<std::string>(STRINGS, "acl-entry"));
 }
 
-void load_wide_strings(benchmark::State& state, int binding)
+void load_wide_strings(benchmark::State& state)
 {
-    load(state, WIDE_STRINGS, binding,
-         strings_have_tags<std::u16string>(WIDE_STRINGS, u"acl-entry"));
+    load(state, WIDE_STRINGS, strings_have_tags<std::u16string>(WIDE_STRINGS, u"acl-entry"));
 }
 
-void load_empty(benchmark::State& state, int binding)
+void load_empty(benchmark::State& state)
 {
-    load(state, EMPTY, binding, true);
+    load(state, EMPTY, true);
 }
 
-#define KVUTIL_LOAD(case, binding)                                                                 \
-    BENCHMARK_CAPTURE(load_kvutil, binding, binding)->Name(case "/kvutil");                        \
-    BENCHMARK_CAPTURE(load_strings, binding, binding)->Name(case "/1143 static std::string");      \
-    BENCHMARK_CAPTURE(load_wide_strings, binding, binding)                                         \
-        ->Name(case "/1143 static std::u16string");                                                \
-    BENCHMARK_CAPTURE(load_empty, binding, binding)->Name(case "/floor")
-
-// As programs are linked unless they ask for the other, and as hardened ones are.
-KVUTIL_LOAD("load of the library: functions bound when called", RTLD_LAZY);
-KVUTIL_LOAD("load of the library: everything bound at once", RTLD_NOW);
+// One case only: a hardened library is bound at once, whatever the program asks for.
+#define KVUTIL_LOAD_CASE "load of the library: everything bound at once"
+BENCHMARK(load_kvutil)->Name(KVUTIL_LOAD_CASE "/kvutil");
+BENCHMARK(load_strings)->Name(KVUTIL_LOAD_CASE "/1143 static std::string");
+BENCHMARK(load_wide_strings)->Name(KVUTIL_LOAD_CASE "/1143 static std::u16string");
+BENCHMARK(load_empty)->Name(KVUTIL_LOAD_CASE "/floor");
 
 }  // namespace
