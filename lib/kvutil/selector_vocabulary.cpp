@@ -1,12 +1,12 @@
 #include "selector_impl.h"
 
+#include "undying_impl.h"
 #include "ustring_impl.h"
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <iterator>
-#include <numeric>
 
 namespace Kvl {
 namespace SelectorImpl {
@@ -17,25 +17,36 @@ template <class Value>
 struct row_t {
     Value value;
     std::u16string_view text;
+    std::size_t place = 0;  // among the rows in order of their texts
 };
 
-constexpr row_t<Selector::namespace_t> NAMESPACES[] = {
+template <class Row, std::size_t size>
+consteval std::array<Row, size> with_places(const Row (&rows)[size])
+{
+    std::array<Row, size> placed = std::to_array(rows);
+    for (Row& row : placed)
+        for (const Row& other : rows)
+            row.place += other.text < row.text;
+    return placed;
+}
+
+constexpr auto NAMESPACES = with_places<row_t<Selector::namespace_t>>({
 #define KVUTIL_SELECTOR_NAMESPACE(value, enumerator, text) {Selector::enumerator, u"" text},
 #include <kvutil/selector_namespaces.def>
 #undef KVUTIL_SELECTOR_NAMESPACE
-};
+});
 
-constexpr row_t<Selector::provider_domain_t> DOMAINS[] = {
+constexpr auto DOMAINS = with_places<row_t<Selector::provider_domain_t>>({
 #define KVUTIL_SELECTOR_DOMAIN(value, enumerator, text) {Selector::enumerator, u"" text},
 #include <kvutil/selector_domains.def>
 #undef KVUTIL_SELECTOR_DOMAIN
-};
+});
 
 /// Whether row i has value i, so that a value is the index of its row.
-template <class Row, std::size_t size>
-constexpr bool values_are_indexes(const Row (&rows)[size])
+template <class Rows>
+constexpr bool values_are_indexes(const Rows& rows)
 {
-    for (std::size_t i = 0; i < size; ++i)
+    for (std::size_t i = 0; i < rows.size(); ++i)
         if (static_cast<std::size_t>(rows[i].value) != i)
             return false;
     return true;
@@ -43,24 +54,14 @@ constexpr bool values_are_indexes(const Row (&rows)[size])
 static_assert(values_are_indexes(NAMESPACES) && values_are_indexes(DOMAINS));
 static_assert(NUM_NAMESPACES == 52 && NUM_DOMAINS == 4);
 
-template <class Row, std::size_t size>
-constexpr std::array<std::size_t, size> rows_by_text(const Row (&rows)[size])
+template <class Vocabulary, class Rows>
+void fill(Vocabulary& vocabulary, const Rows& rows)
 {
-    std::array<std::size_t, size> order{};
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::ranges::sort(order, {}, [&](std::size_t i) { return rows[i].text; });
-    return order;
-}
-
-template <const auto& rows, class Vocabulary>
-void fill(Vocabulary& vocabulary)
-{
-    static constexpr auto BY_TEXT = rows_by_text(rows);
-    for (std::size_t i = 0; i < std::size(rows); ++i) {
+    for (std::size_t i = 0; i < rows.size(); ++i) {
         stand_on(vocabulary.texts[i], rows[i].text);
-        auto& [text, value] = vocabulary.values[i];
-        stand_on(text, rows[BY_TEXT[i]].text);
-        value = rows[BY_TEXT[i]].value;
+        auto& [text, value] = vocabulary.values[rows[i].place];
+        stand_on(text, rows[i].text);
+        value = rows[i].value;
     }
 }
 
@@ -110,10 +111,10 @@ bool is_same(std::u16string_view a, std::u16string_view b)
 
 }  // namespace
 
-InitMaps::InitMaps()
+KVUTIL_AT_LOAD InitMaps::InitMaps()
 {
-    fill<NAMESPACES>(g_namespace_id_map);
-    fill<DOMAINS>(g_provider_domain_string);
+    fill(g_namespace_id_map, NAMESPACES);
+    fill(g_provider_domain_string, DOMAINS);
 }
 
 const Selector::namespace_t* find_namespace(std::u16string_view text) noexcept
@@ -121,9 +122,10 @@ const Selector::namespace_t* find_namespace(std::u16string_view text) noexcept
     if (text.empty())
         return nullptr;
     const int index = HASH.slots[slot_of(text, HASH.factor)];
-    if (index == FREE || !is_same(NAMESPACES[index].text, text))
+    if (index == FREE)
         return nullptr;
-    return &NAMESPACES[index].value;
+    const auto& row = NAMESPACES[static_cast<std::size_t>(index)];
+    return is_same(row.text, text) ? &row.value : nullptr;
 }
 
 const Selector::provider_domain_t* find_domain(std::u16string_view text) noexcept

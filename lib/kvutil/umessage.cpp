@@ -3,6 +3,7 @@
 #include "copy_bytes_impl.h"
 #include "latin1_impl.h"
 #include "message_format_impl.h"
+#include "undying_impl.h"
 #include "ustring_impl.h"
 #include "utf8_impl.h"
 
@@ -305,7 +306,7 @@ std::vector<UMessage::Arg> moved(std::size_t room, std::initializer_list<UMessag
 
 }  // namespace
 
-UMessage::UMessage() : catalogue_(nullptr), index_(-1) {}
+KVUTIL_AT_LOAD UMessage::UMessage() : catalogue_(nullptr), index_(-1) {}
 
 UMessage::UMessage(const char** catalogue, int index, const Arg& a1, const Arg& a2)
     : catalogue_(catalogue), index_(index), arguments_(copies(FEW_ARGUMENTS, {&a1, &a2}))

@@ -457,7 +457,8 @@ bool XmlTag::operator!=(const XmlTag& o) const noexcept
     return !(*this == o);
 }
 
-XmlTag::Namespace::Namespace(const UString& uri_, NsId id_, bool has_wk_tags_, bool open_names_)
+KVUTIL_AT_LOAD XmlTag::Namespace::Namespace(const UString& uri_, NsId id_, bool has_wk_tags_,
+                                            bool open_names_)
     : uri(uri_), id(id_), has_wk_tags(has_wk_tags_), open_names(open_names_)
 {
 }

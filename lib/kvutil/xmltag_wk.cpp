@@ -36,14 +36,6 @@ static_assert(std::size(NAMESPACES) == NUM_WK_NAMESPACES);
 
 constexpr std::size_t BASE_LENGTH = std::size(u"" KVUTIL_XML_NS_BASE) - 1;
 
-constexpr auto NAMESPACES_BY_URI = [] {
-    std::array<std::uint8_t, NUM_WK_NAMESPACES> order{};
-    for (std::size_t i = 0; i < order.size(); ++i)
-        order[i] = static_cast<std::uint8_t>(i);
-    std::ranges::sort(order, {}, [](std::size_t i) { return NAMESPACES[i].uri; });
-    return order;
-}();
-
 // ---- Tags
 
 /// The local names one behind the other, each terminated. One array instead of 1,143 pointers
@@ -368,7 +360,7 @@ XmlTag::Namespace* find_well_known_namespace(std::u16string_view uri) noexcept
     return nullptr;
 }
 
-bool load()
+KVUTIL_AT_LOAD bool load()
 {
     construct_wk_namespaces_array();
     ::new (&g_storage.dynamic_tags.value) IdToTagMap;
@@ -380,7 +372,15 @@ bool load()
 
 }  // namespace XmlTagImpl
 
-std::vector<XmlTag::Namespace*>* XmlTag::create_wk_namespaces()
+constexpr auto NAMESPACES_BY_URI = [] {
+    std::array<std::uint8_t, NUM_WK_NAMESPACES> order{};
+    for (std::size_t i = 0; i < order.size(); ++i)
+        order[i] = static_cast<std::uint8_t>(i);
+    std::ranges::sort(order, {}, [](std::size_t i) { return NAMESPACES[i].uri; });
+    return order;
+}();
+
+KVUTIL_AT_LOAD std::vector<XmlTag::Namespace*>* XmlTag::create_wk_namespaces()
 {
     if (g_sorted_namespace_vector != nullptr)
         return g_sorted_namespace_vector;
