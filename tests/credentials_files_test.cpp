@@ -20,7 +20,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
 #include <new>
 #include <pthread.h>
 #include <sched.h>
@@ -547,7 +546,7 @@ public:
     void send() const
     {
         const int before = *handled;
-        while (!waits() && lives())
+        while (state_of_process(process_) != 'S' && lives())
             usleep(100);
         kill(process_, SIGUSR1);
         while (*handled == before && lives())
@@ -558,13 +557,6 @@ public:
 
 private:
     bool lives() const { return kill(process_, 0) == 0; }
-    bool waits() const
-    {
-        std::ifstream status("/proc/" + std::to_string(process_) + "/stat");
-        std::string number, name, state;
-        return status >> number >> name >> state && state == "S";
-    }
-
     static inline std::atomic<int>* handled = nullptr;
     const pid_t process_ = getpid();
 };

@@ -8,13 +8,14 @@
 #include <thread>
 #include <unistd.h>
 
-/// What a thread of this process does, as the kernel says it in one letter: 'S' while it sleeps.
+/// What a process or a thread does, as the kernel says it in one letter: 'S' while it sleeps.
 /// Allocates nothing, as others may fork at that moment.
-/// @return 'X' when it has ended
-inline char state_of_thread(pid_t id)
+/// @param format  of the file that says it, for the number
+/// @return        'X' when it has ended
+[[gnu::format(printf, 1, 0)]] inline char state_in(const char* format, pid_t id)
 {
     char path[64];
-    std::snprintf(path, sizeof path, "/proc/self/task/%d/stat", static_cast<int>(id));
+    std::snprintf(path, sizeof path, format, static_cast<int>(id));
     const int file = open(path, O_RDONLY | O_CLOEXEC);
     char text[128] = {};
     const bool is_there = file >= 0 && read(file, text, sizeof text - 1) > 0;
@@ -22,6 +23,17 @@ inline char state_of_thread(pid_t id)
         close(file);
     const char* const end_of_name = is_there ? std::strrchr(text, ')') : nullptr;
     return end_of_name == nullptr ? 'X' : end_of_name[2];
+}
+
+inline char state_of_process(pid_t id)
+{
+    return state_in("/proc/%d/stat", id);
+}
+
+/// @param id  of a thread of this process
+inline char state_of_thread(pid_t id)
+{
+    return state_in("/proc/self/task/%d/stat", id);
 }
 
 /// A thread that is expected to wait for a lock, a pipe, or another process: tests look until they
