@@ -102,10 +102,14 @@ TEST(XmlTagHash, ComparesUnitsOfAnyLength)
         const std::u16string text(length, u'x');
         EXPECT_TRUE(equal_units(text, std::u16string(length, u'x')));
         EXPECT_FALSE(equal_units(text, text + u'x'));
+        EXPECT_TRUE(equal_hashed_units(text, std::u16string(length, u'x')));
+        EXPECT_FALSE(equal_hashed_units(text, text + u'x'));
+        EXPECT_FALSE(equal_hashed_units(text + u'x', text));
         for (std::size_t i = 0; i < length; ++i) {
             std::u16string other = text;
             other[i] = u'y';
             EXPECT_FALSE(equal_units(text, other));
+            EXPECT_FALSE(equal_hashed_units(text, other));
         }
     }
 }

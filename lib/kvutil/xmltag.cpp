@@ -4,6 +4,7 @@
 #include "xmltag_impl.h"
 #include "xmltag_index_impl.h"
 #include "xmltag_order_impl.h"
+#include "xmltag_wk_table_impl.h"
 
 #include <algorithm>
 #include <atomic>
@@ -128,17 +129,6 @@ Namespace* find_namespace(std::u16string_view uri)
         return wk;
     runtime_namespace_t* const created = namespaces_by_uri.find(uri);
     return created != nullptr ? &created->ns : nullptr;
-}
-
-/// The tag with a name, or null.
-/// @param names  of the namespace; null when there is no such namespace
-[[gnu::always_inline]] inline const XmlTag* find_tag(XmlTag::NsId nsid, const names_t* names,
-                                                     std::u16string_view name)
-{
-    if (is_well_known(nsid))
-        if (const XmlTag* const wk = XmlTagImpl::find_well_known(nsid, name.data(), name.size()))
-            return wk;
-    return names != nullptr ? names->index.find(name) : nullptr;
 }
 
 // ---- Registration: everything that can fail comes before the first change
@@ -281,6 +271,14 @@ const XmlTag* find_or_register(Namespace& ns, names_t& names, std::u16string_vie
     return find_or_register(*find_namespace(nsid), *names, name, [](const XmlTag&) {});
 }
 
+/// Out of line, so that look-ups of well-known names carry nothing of it either.
+[[gnu::noinline]] const XmlTag* find_or_register_now(XmlTag::NsId nsid, std::u16string_view name)
+{
+    const names_t* const names = find_names(nsid);
+    const XmlTag* const known = names != nullptr ? names->index.find(name) : nullptr;
+    return known != nullptr ? known : register_now(nsid, name);
+}
+
 Namespace* find_or_create_namespace(std::u16string_view uri)
 {
     if (Namespace* const known = find_namespace(uri))
@@ -394,8 +392,10 @@ const XmlTag* XmlTag::reject(Id id)
 
 const XmlTag* XmlTag::lookup(NsId nsid, const UString& name)
 {
-    const XmlTag* const known = find_tag(nsid, find_names(nsid), view_of(name));
-    return known != nullptr ? known : register_now(nsid, view_of(name));
+    if (is_well_known(nsid))
+        if (const XmlTag* const tag = XmlTagImpl::find_well_known(nsid, view_of(name)))
+            return tag;
+    return find_or_register_now(nsid, view_of(name));
 }
 
 const XmlTag* XmlTag::lookup(XmlTag& tag)
@@ -403,10 +403,13 @@ const XmlTag* XmlTag::lookup(XmlTag& tag)
     if (tag.ns_ == nullptr)
         throw_illegal_arg(MSG_ILLEGAL_NAMESPACE_ID);
     const std::u16string_view name = view_of(tag.simple_name_);
-    names_t* const names = find_names(tag.ns_->id);
-    if (const XmlTag* const known = find_tag(tag.ns_->id, names, name))
+    if (tag.is_well_known_namespace())
+        if (const XmlTag* const well_known = XmlTagImpl::find_well_known(tag.ns_id(), name))
+            return well_known;
+    names_t& names = *find_names(tag.ns_id());
+    if (const XmlTag* const known = names.index.find(name))
         return known;
-    return find_or_register(*tag.ns_, *names, name, [&](const XmlTag& registered) {
+    return find_or_register(*tag.ns_, names, name, [&](const XmlTag& registered) {
         tag_access_t::set_id(tag, registered.id());
     });
 }

@@ -106,6 +106,18 @@ inline bool equal_units(std::u16string_view a, std::u16string_view b)
     return a.size() == b.size() && equal_units(a.data(), b.data(), a.size());
 }
 
+/// The same for a text that has just been hashed: whether it is longer than 16 units has been seen
+/// there already, so here a branch on it is foreseen, and two blocks are enough for most names.
+inline bool equal_hashed_units(std::u16string_view a, std::u16string_view b)
+{
+    const std::size_t length = b.size();
+    if (a.size() != length || length < 8 || length > 16)
+        return equal_units(a, b);
+    const eight_units_t differ =
+        differ_8(a.data(), b.data()) | differ_8(a.data() + length - 8, b.data() + length - 8);
+    return (differ[0] | differ[1]) == 0;
+}
+
 }  // namespace XmlTagImpl
 }  // namespace Kvl
 

@@ -111,7 +111,7 @@ private:
             for (; lanes != 0; lanes = without_first_lane(lanes)) {
                 Entry* const entry =
                     bucket.entries[first_lane(lanes)].load(std::memory_order_relaxed);
-                if (equal_units(Traits::name(*entry), name)) [[likely]]
+                if (equal_hashed_units(Traits::name(*entry), name)) [[likely]]
                     return entry;
             }
             if (!is_full(checks))

@@ -1,6 +1,6 @@
 #include "ustring_impl.h"
-#include "xmltag_hash_impl.h"
 #include "xmltag_impl.h"
+#include "xmltag_wk_table_impl.h"
 
 #include <algorithm>
 #include <array>
@@ -38,24 +38,34 @@ constexpr std::size_t BASE_LENGTH = std::size(u"" KVUTIL_XML_NS_BASE) - 1;
 
 // ---- Tags
 
+}  // namespace
+
+namespace XmlTagImpl {
+
 /// The local names one behind the other, each terminated. One array instead of 1,143 pointers
 /// leaves the loader nothing to relocate.
-constexpr char16_t NAMES[] =
+constexpr char16_t wk_names[] =
 #define KVUTIL_WK_TAG(id, constant, abbreviation, name) u"" name u"\0"
 #include <kvutil/xmltag_wk.def>
 #undef KVUTIL_WK_TAG
     ;
 
+}  // namespace XmlTagImpl
+
+namespace {
+
+using XmlTagImpl::wk_names;
+
 struct row_t {
     std::int16_t id;
     std::int8_t nsid;
     std::uint8_t length;
-    std::uint16_t offset;  // in NAMES
+    std::uint16_t offset;  // in wk_names
 };
 
 constexpr std::u16string_view name_of(const row_t& row)
 {
-    return {NAMES + row.offset, row.length};
+    return {wk_names + row.offset, row.length};
 }
 
 /// -1 for a row without a name and for an abbreviation that names no namespace.
@@ -89,7 +99,7 @@ constexpr auto ROWS = [] {
     return rows;
 }();
 static_assert(ROWS.size() == NUM_WK_TAGS, "1142 tags and the nil tag");
-static_assert(std::size(NAMES) < 0x10000, "offsets are 16 bits");
+static_assert(std::size(wk_names) < 0x10000, "offsets are 16 bits");
 static_assert(ROWS.front().id == 0 && ROWS.back().id == XmlTag::NUM_WK_IDS - 1);
 static_assert(std::ranges::adjacent_find(ROWS, std::greater_equal<>{}, &row_t::id) == ROWS.end(),
               "ids rise, each once");
@@ -137,82 +147,14 @@ static_assert(std::ranges::adjacent_find(SORTED_ROWS, std::not_fn(by_namespace_a
                   SORTED_ROWS.end(),
               "sorted, and a name stands once in its namespace");
 
-// ---- Names to rows: a table without collisions, made at compile time
+// ---- Names to rows: the tables of xmltag_wk_table_impl.h, made at compile time
 
-/// The rows never change, so it is enough to look at four places of a name and at its length:
-/// whatever the length, the same few steps. Where two names differ in none of those places, the
-/// table does not compile.
-constexpr std::uint64_t hash_of_name(XmlTag::NsId nsid, std::u16string_view name)
+using XmlTagImpl::wk_slots_t;
+
+constexpr std::uint64_t hash_of_row(const row_t& row)
 {
-    using namespace XmlTagImpl;
-    const std::size_t length = name.size();
-    // Where letters have no bits.
-    const std::uint64_t context = static_cast<std::uint64_t>(nsid) << 24 ^ length << 8;
-    if (length < 4)
-        return fold_multiply(few_units(name) ^ context * ODD, ODD);
-    const char16_t* const first = name.data();
-    const std::size_t last = length - 4;
-    return fold_multiply(four_units(first) ^ four_units(first + last / 3) * ODD,
-                         four_units(first + last) ^
-                             (four_units(first + last - last / 4) ^ context) * ODD);
+    return XmlTagImpl::hash_of_wk(name_of(row), XmlTagImpl::ends_of(row.nsid, name_of(row)));
 }
-
-/// All that a look-up needs of a row, in one word: what must agree with the name that is looked
-/// for, which in its lower bits only one row has, and behind it where the row and its text are.
-class slot_t {
-public:
-    constexpr slot_t() = default;
-    constexpr slot_t(std::size_t row, std::uint64_t hash)
-        : word_(agreeing(ROWS[row].nsid, ROWS[row].length, hash) | row << ROW_BITS_FROM |
-                ROWS[row].offset)
-    {
-    }
-    constexpr bool is_empty() const { return word_ == 0; }
-    constexpr bool may_be(XmlTag::NsId nsid, std::size_t length, std::uint64_t hash) const
-    {
-        return length <= LONGEST &&
-               ((word_ ^ agreeing(nsid, length, hash)) & ~std::uint64_t{0} << AGREEING_FROM) == 0;
-    }
-    constexpr const char16_t* text() const { return NAMES + word_ % 0x10000; }
-    constexpr std::size_t row() const { return word_ >> ROW_BITS_FROM & 0x7FF; }
-
-private:
-    static constexpr std::size_t LONGEST = 0xFF;
-    static constexpr int ROW_BITS_FROM = 16;
-    static constexpr int AGREEING_FROM = 27;
-    // 5 bits for the namespace, 8 for the length and 24 of the hash. A namespace counts from 1, so
-    // that no row is an empty slot.
-    static constexpr std::uint64_t agreeing(XmlTag::NsId nsid, std::size_t length,
-                                            std::uint64_t hash)
-    {
-        return (static_cast<std::uint64_t>(nsid + 1) | std::uint64_t{length} << 5 |
-                (hash & 0xFFFFFF) << 13)
-               << AGREEING_FROM;
-    }
-
-    std::uint64_t word_ = 0;
-};
-static_assert(NUM_WK_TAGS <= 0x800);
-
-constexpr std::size_t NUM_SLOTS = 2048;
-constexpr std::size_t NUM_GROUPS = 512;
-
-constexpr std::size_t group_of(std::uint64_t hash)
-{
-    return hash >> 24 & (NUM_GROUPS - 1);
-}
-
-/// Names that have some bits of their hashes in common are a group. Each group is shifted to where
-/// all its names have a slot of their own.
-struct slots_t {
-    std::uint16_t shift_of_group[NUM_GROUPS] = {};
-    slot_t slots[NUM_SLOTS];
-
-    constexpr std::size_t place(std::uint64_t hash) const
-    {
-        return ((hash >> 48) + shift_of_group[group_of(hash)]) % NUM_SLOTS;
-    }
-};
 
 struct hashed_row_t {
     std::uint64_t hash = 0;
@@ -225,7 +167,7 @@ struct group_t {
     std::size_t size = 0;
 };
 
-constexpr bool has_room(const slots_t& slots, const group_t& group)
+constexpr bool has_room(const wk_slots_t& slots, const group_t& group)
 {
     for (std::size_t i = 0; i < group.size; ++i) {
         const std::size_t place = slots.place(group.rows[i].hash);
@@ -238,50 +180,47 @@ constexpr bool has_room(const slots_t& slots, const group_t& group)
     return true;
 }
 
-constexpr void place_group(slots_t& slots, const group_t& group)
+constexpr XmlTagImpl::wk_slot_t slot_of(const hashed_row_t& hashed)
+{
+    const row_t& row = ROWS[hashed.row];
+    return {{hashed.row, row.offset, row.nsid, row.length}, hashed.hash};
+}
+
+constexpr void place_group(wk_slots_t& slots, const group_t& group)
 {
     while (!has_room(slots, group))
-        if (++slots.shift_of_group[group_of(group.rows[0].hash)] == NUM_SLOTS)
+        if (++slots.shift_of_group[wk_slots_t::group_of(group.rows[0].hash)] ==
+            wk_slots_t::NUM_SLOTS)
             throw "two names always collide: take other bits of the hash, or other places of a "
                   "name";
     for (std::size_t i = 0; i < group.size; ++i)
-        slots.slots[slots.place(group.rows[i].hash)] = {group.rows[i].row, group.rows[i].hash};
+        slots.slots[slots.place(group.rows[i].hash)] = slot_of(group.rows[i]);
 }
 
 // The largest groups choose first, while there is most room.
-constexpr auto SLOTS = [] {
-    std::array<group_t, NUM_GROUPS> groups{};
+constexpr wk_slots_t slots_of_rows()
+{
+    std::array<group_t, wk_slots_t::NUM_GROUPS> groups{};
     for (const std::uint16_t i : SORTED_ROWS) {
-        const std::uint64_t hash = hash_of_name(ROWS[i].nsid, name_of(ROWS[i]));
-        group_t& group = groups[group_of(hash)];
+        const std::uint64_t hash = hash_of_row(ROWS[i]);
+        group_t& group = groups[wk_slots_t::group_of(hash)];
         group.rows[group.size++] = {hash, i};
     }
-    slots_t slots;
+    wk_slots_t slots;
     for (std::size_t size = group_t::LARGEST; size > 0; --size)
         for (const group_t& group : groups)
             if (group.size == size)
                 place_group(slots, group);
     return slots;
-}();
-
-const XmlTag* find_row(XmlTag::NsId nsid, std::u16string_view name)
-{
-    const std::uint64_t hash = hash_of_name(nsid, name);
-    const slot_t slot = SLOTS.slots[SLOTS.place(hash)];
-    if (!slot.may_be(nsid, name.size(), hash) ||
-        !XmlTagImpl::equal_units(slot.text(), name.data(), name.size()))
-        return nullptr;
-    return &g_storage.tags.value[slot.row()];
 }
 
-/// Tags that a program has added at load with create() stand in the sorted list only.
-[[gnu::noinline]] const XmlTag* find_added(const XmlTag::Namespace& ns, std::u16string_view name)
+constexpr XmlTagImpl::wk_filter_t filter_of_rows()
 {
-    const auto name_of_tag = [](const XmlTag* tag) { return view_of(tag->simple_name()); };
-    const auto found = std::ranges::lower_bound(ns.wk_tags, name, {}, name_of_tag);
-    if (!ns.has_wk_tags || found == ns.wk_tags.end() || name_of_tag(*found) != name)
-        return nullptr;
-    return *found;
+    XmlTagImpl::wk_filter_t filter;
+    for (const row_t& row : ROWS)
+        if (has_namespace(row))
+            filter.add(XmlTagImpl::ends_of(row.nsid, name_of(row)));
+    return filter;
 }
 
 // ---- URIs to namespaces: few enough to be told apart by the path's length and text
@@ -342,14 +281,25 @@ namespace XmlTagImpl {
 
 constinit bool tags_were_added = false;
 
+constexpr wk_filter_t wk_filter = filter_of_rows();
+constexpr wk_slots_t wk_slots = slots_of_rows();
+
 constinit const wk_namespace_t (&wk_namespaces_array)[XmlTag::NUM_WK_NAMESPACES] =
     g_storage.wk_namespaces.value;
 
+const XmlTag* find_added(XmlTag::NsId nsid, std::u16string_view name) noexcept
+{
+    const auto name_of_tag = [](const XmlTag* tag) { return view_of(tag->simple_name()); };
+    const XmlTag::Namespace& ns = *XmlTag::g_namespace_array[nsid];
+    const auto found = std::ranges::lower_bound(ns.wk_tags, name, {}, name_of_tag);
+    if (!ns.has_wk_tags || found == ns.wk_tags.end() || name_of_tag(*found) != name)
+        return nullptr;
+    return *found;
+}
+
 const XmlTag* find_well_known(XmlTag::NsId nsid, const char16_t* name, std::size_t length) noexcept
 {
-    if (const XmlTag* const tag = find_row(nsid, {name, length}))
-        return tag;
-    return tags_were_added ? find_added(*XmlTag::g_namespace_array[nsid], {name, length}) : nullptr;
+    return find_well_known(nsid, {name, length});
 }
 
 XmlTag::Namespace* find_well_known_namespace(std::u16string_view uri) noexcept
