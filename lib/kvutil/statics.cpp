@@ -23,19 +23,19 @@
 
 // The linker's names for the ends of what is zero until the library is loaded.
 extern "C" {
-// NOLINTBEGIN(bugprone-reserved-identifier)
+// NOLINTBEGIN(bugprone-reserved-identifier,clang-diagnostic-reserved-identifier)
 [[gnu::visibility("hidden")]] extern char __bss_start[];
 [[gnu::visibility("hidden")]] extern char _end[];
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier,clang-diagnostic-reserved-identifier)
 }
 
 namespace Kvl {
 
 // NOLINTBEGIN(cert-err58-cpp): a program whose libraries get no memory at load cannot start.
 
-// Nearly all of it is written now, the tags alone are 25 pages. To ask for all pages at once costs
-// half of what a page fault for each does. Where the system has no such call, or no memory now, the
-// faults come one by one.
+// Nearly all of that is written now, the tags alone are 25 pages. To ask for all pages at once
+// costs half of what a page fault for each does. Where the system has no such call, or no memory
+// now, the faults come one by one.
 [[maybe_unused]] static const bool pages_are_there = [] {
 #ifdef MADV_POPULATE_WRITE
     const auto page = static_cast<std::uintptr_t>(getpagesize());
