@@ -147,7 +147,7 @@ UMessage::Arg& UMessage::Arg::operator=(Arg&& o) noexcept
     return *this;
 }
 
-UMessage::Arg::~Arg()
+KVUTIL_AT_LOAD UMessage::Arg::~Arg()
 {
     if (kind_ == 9)
         delete value_.res;
@@ -358,7 +358,7 @@ UMessage& UMessage::operator=(UMessage&& o) noexcept
     return *this;
 }
 
-UMessage::~UMessage() = default;
+KVUTIL_AT_LOAD UMessage::~UMessage() = default;
 
 bool UMessage::is_nil() const
 {

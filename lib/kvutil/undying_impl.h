@@ -1,8 +1,8 @@
 #ifndef KVUTIL_UNDYING_IMPL_H
 #define KVUTIL_UNDYING_IMPL_H
 
-/// For functions that run while the library is loaded: their code lies together, so that fewer of
-/// its pages come in.
+/// For functions that run while the library is loaded or unloaded: their code lies together, so
+/// that fewer of its pages come in.
 #define KVUTIL_AT_LOAD [[gnu::section(".text.startup")]]
 
 namespace Kvl {
