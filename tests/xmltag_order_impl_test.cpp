@@ -24,7 +24,8 @@ struct ordered_t {
     name_order_t::map_t map;
     name_order_t& order = *new name_order_t;  // never freed, as in the registry
 
-    static inline std::vector<name_order_t*> reachable;
+    // For the leak checker, which comes after all destructors.
+    static inline std::vector<name_order_t*>& reachable = *new std::vector<name_order_t*>;
     ordered_t() { reachable.push_back(&order); }
 
     void add(const name_order_t::place_t& place, const UString& name)
