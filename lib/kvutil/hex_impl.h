@@ -117,7 +117,8 @@ void print_block(const unsigned char* bytes, Unit* to)
         print_byte(bytes[i], to + 2 * i);
 }
 
-inline bool read_block(const char16_t* digits, unsigned char* to)
+template <class Unit>
+bool read_block(const Unit* digits, unsigned char* to)
 {
     unsigned int all = 0;
     for (std::size_t i = 0; i < BLOCK; ++i) {
