@@ -28,6 +28,13 @@ inline constexpr bool HAS_THREAD_SANITIZER = KVUTIL_TESTS_UNDER_TSAN;
 /// Instrumented code is an order of magnitude slower.
 inline constexpr bool IS_SANITIZED = HAS_ADDRESS_SANITIZER || HAS_THREAD_SANITIZER;
 
+/// Code is as it is written where executed lines are counted.
+#ifdef KVUTIL_COVERAGE
+inline constexpr bool IS_COUNTED = true;
+#else
+inline constexpr bool IS_COUNTED = false;
+#endif
+
 /// Of many cases that are alike, one in so many is tried: all of them where nothing slows them
 /// down.
 inline constexpr int ONE_IN = IS_SANITIZED ? 11 : 1;
