@@ -7,12 +7,9 @@ namespace Kvl::CriticalSectionImpl {
 
 /// A recursive mutex and its place in the lists that the handlers of a fork() walk. The mutex is
 /// made when the first lock refers to it.
-///
-/// It has a line of the cache to itself: threads that contend for the lock move that line to and
-/// fro, neither two lines nor what happens to lie beside it.
-struct alignas(64) listed_mutex_t : mutex_t {
+struct listed_mutex_t : mutex_t {
     /// One that a CriticalSectionLock owns and destroys.
-    constexpr listed_mutex_t() noexcept : mutex_t{{}, false} {}
+    constexpr listed_mutex_t() noexcept : mutex_t{false, {}} {}
 
     listed_mutex_t* next = nullptr;
     listed_mutex_t* previous = nullptr;
@@ -21,7 +18,7 @@ struct alignas(64) listed_mutex_t : mutex_t {
 
 protected:
     constexpr explicit listed_mutex_t(bool held_over_fork) noexcept
-        : mutex_t{{}, held_over_fork}, is_immortal(true)
+        : mutex_t{held_over_fork, {}}, is_immortal(true)
     {
     }
 };
