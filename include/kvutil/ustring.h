@@ -319,7 +319,7 @@ private:
         std::size_t units;
     };
 
-    UString(alias_t, const char16_t* text, int length_units) noexcept;
+    inline UString(alias_t, const char16_t* text, int length_units) noexcept;  // the library's own
     explicit UString(room_t room);
     UString(room_t length, const char16_t* units);
     UString(room_t length, const Utf8String& u);

@@ -210,7 +210,7 @@ public:
 private:
     friend class XmlTagImpl::IdToTagMap;
     friend struct XmlTagImpl::tag_access_t;
-    XmlTag(Namespace* ns, const char16_t* simple_name, int length_units, Id id) noexcept;
+    inline XmlTag(Namespace* ns, const char16_t* simple_name, int length_units, Id id) noexcept;
     XmlTag(Namespace* ns, const XmlTagImpl::kept_text_t& name, Id id) noexcept;
 
     /// The run-time tag with Id NUM_WK_IDS + `index`, or null. Takes no lock.
