@@ -16,12 +16,9 @@ namespace CriticalSectionImpl {
 
 /// What a lock refers to; the library's own are more than this. Inline functions of programs look
 /// into it: its members stay as they are.
-///
-/// Each has a line of the cache to itself: threads that contend for the mutex take its line from
-/// one another, and who reads the other member must not wait for it.
 struct mutex_t {
-    alignas(64) const bool is_held_over_fork;  ///< by the forking thread, while fork handlers run
-    alignas(64) pthread_mutex_t mutex;         ///< recursive
+    pthread_mutex_t mutex;         ///< recursive
+    const bool is_held_over_fork;  ///< by the forking thread, while fork handlers run
 };
 
 }  // namespace CriticalSectionImpl

@@ -9,7 +9,7 @@ namespace Kvl::CriticalSectionImpl {
 /// made when the first lock refers to it.
 struct listed_mutex_t : mutex_t {
     /// One that a CriticalSectionLock owns and destroys.
-    constexpr listed_mutex_t() noexcept : mutex_t{false, {}} {}
+    constexpr listed_mutex_t() noexcept : mutex_t{{}, false} {}
 
     listed_mutex_t* next = nullptr;
     listed_mutex_t* previous = nullptr;
@@ -18,7 +18,7 @@ struct listed_mutex_t : mutex_t {
 
 protected:
     constexpr explicit listed_mutex_t(bool held_over_fork) noexcept
-        : mutex_t{held_over_fork, {}}, is_immortal(true)
+        : mutex_t{{}, held_over_fork}, is_immortal(true)
     {
     }
 };
