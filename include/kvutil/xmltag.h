@@ -216,11 +216,11 @@ private:
     /// The run-time tag with Id NUM_WK_IDS + `index`, or null. Takes no lock.
     static const XmlTag* find_run_time(unsigned int index)
     {
-        if (index >= num_run_time_tags.load(std::memory_order_acquire))
+        if (index >= run_time_tags.count.load(std::memory_order_acquire))
             return nullptr;
         // Acquired in its own right: it may be a directory of a tag later than the number says.
         const void* const chunk =
-            run_time_chunks.load(std::memory_order_acquire)[index / CHUNK_SIZE];
+            run_time_tags.chunks.load(std::memory_order_acquire)[index / CHUNK_SIZE];
         return static_cast<const XmlTag* const*>(chunk)[index % CHUNK_SIZE];
     }
     [[noreturn]] static const XmlTag* reject(Id id);
@@ -230,8 +230,11 @@ private:
 
     // The run-time tags for readers without the lock: so many are complete, in these chunks.
     static constexpr unsigned int CHUNK_SIZE = 128;
-    static std::atomic<unsigned int> num_run_time_tags;
-    static std::atomic<const void* const*> run_time_chunks;
+    struct run_time_tags_t {
+        std::atomic<unsigned int> count;
+        std::atomic<const void* const*> chunks;
+    };
+    static run_time_tags_t run_time_tags;
 
     Namespace* ns_;
     UString simple_name_;

@@ -19,8 +19,7 @@ namespace Kvl {
 
 constinit XmlTag::Namespace* XmlTag::g_namespace_array[21] = {};
 constinit const XmlTag* XmlTag::lookup_table[XmlTag::NUM_WK_IDS] = {};
-constinit std::atomic<unsigned int> XmlTag::num_run_time_tags{0};
-constinit std::atomic<const void* const*> XmlTag::run_time_chunks{nullptr};
+constinit XmlTag::run_time_tags_t XmlTag::run_time_tags{{0}, {nullptr}};
 constinit XmlTag::Id XmlTag::g_num_defined_tags = XmlTag::NUM_WK_IDS;
 constinit std::vector<XmlTag::Namespace*>* XmlTag::g_sorted_namespace_vector = nullptr;
 constinit std::vector<XmlTag::Namespace*>* XmlTag::g_nsid_to_namespace_map = nullptr;

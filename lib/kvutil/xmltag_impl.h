@@ -149,10 +149,10 @@ struct tag_access_t {
     /// Lets readers without the lock find one tag more, the last one of `map`.
     static void publish_last(const IdToTagMap& map) noexcept
     {
-        XmlTag::run_time_chunks.store(map.directory_, std::memory_order_release);
+        XmlTag::run_time_tags.chunks.store(map.directory_, std::memory_order_release);
         // One thread at a time comes here.
-        const unsigned int count = XmlTag::num_run_time_tags.load(std::memory_order_relaxed);
-        XmlTag::num_run_time_tags.store(count + 1, std::memory_order_release);
+        const unsigned int count = XmlTag::run_time_tags.count.load(std::memory_order_relaxed);
+        XmlTag::run_time_tags.count.store(count + 1, std::memory_order_release);
     }
 };
 
