@@ -60,7 +60,7 @@ public:
     static constexpr unsigned int npos = 0xFFFFFFFFu;
 
     /// The empty text. Never throws.
-    UString() noexcept;
+    UString() noexcept { initialize(); }
 
     /// A copy of the units. The converter of `o` is not copied.
     UString(const UString& o);

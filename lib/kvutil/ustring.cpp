@@ -88,11 +88,6 @@ int find_view(std::u16string_view text, std::u16string_view wanted, unsigned int
 
 // ---- construction ----
 
-UString::UString() noexcept
-{
-    initialize();
-}
-
 // The base is copied in the body.
 // NOLINTNEXTLINE(bugprone-copy-constructor-init)
 UString::UString(const UString& o) : icu::UnicodeString()
