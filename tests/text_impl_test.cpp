@@ -454,6 +454,20 @@ TEST(Storage, AllocatesAsIcuDoes)
     }
 }
 
+TEST(Storage, AllocatesALineOfKnownLength)
+{
+    for (std::size_t units = INLINE_UNITS + 1; units <= MAX_SHORT_LENGTH; ++units) {
+        icu::UnicodeString text;
+        char16_t* const line = allocate_line(text, units);
+        std::fill_n(line, units, u'x');
+        const icu::UnicodeString wanted = plain(std::u16string(units, u'x'));
+        ASSERT_EQ(text, wanted) << units;
+        ASSERT_EQ(text.getBuffer()[units], 0);
+        text.append(u'y');
+        ASSERT_EQ(text.length(), static_cast<std::int32_t>(units + 1));
+    }
+}
+
 /// A text made, shared and destroyed by us or by ICU.
 class counted_text_t {
 public:

@@ -56,6 +56,12 @@ struct counted_t {
 struct elsewhere_t {
     friend constexpr auto member_named_by(elsewhere_t);
 };
+struct length_shift_t {
+    friend constexpr auto member_named_by(length_shift_t);
+};
+struct max_short_length_t {
+    friend constexpr auto member_named_by(max_short_length_t);
+};
 template struct private_member_t<is_buffer_writable_t, &icu::UnicodeString::isBufferWritable>;
 template struct private_member_t<set_length_t, &icu::UnicodeString::setLength>;
 template struct private_member_t<set_array_t, &icu::UnicodeString::setArray>;
@@ -65,9 +71,14 @@ template struct private_member_t<storage_flags_t, icu::UnicodeString::kAllStorag
 template struct private_member_t<in_itself_t, icu::UnicodeString::kShortString>;
 template struct private_member_t<counted_t, icu::UnicodeString::kLongString>;
 template struct private_member_t<elsewhere_t, icu::UnicodeString::kReadonlyAlias>;
+template struct private_member_t<length_shift_t, icu::UnicodeString::kLengthShift>;
+template struct private_member_t<max_short_length_t, icu::UnicodeString::kMaxShortLength>;
 
 /// ICU's own limit of a capacity, of which it makes no constant.
 constexpr int MAX_CAPACITY = INT_MAX - 10;
+
+/// Up to here ICU keeps a length and its flags in one number.
+constexpr std::size_t MAX_SHORT_LENGTH = member_named_by(max_short_length_t());
 
 /// What fits into a text object itself, of which ICU makes no constant either.
 constexpr std::size_t INLINE_UNITS = (UNISTR_OBJECT_SIZE - sizeof(void*) - 2) / sizeof(char16_t);
@@ -214,7 +225,23 @@ inline unit_room_t make_room_in_new(icu::UnicodeString& text, std::size_t units)
     return {storage.fFields.fArray, static_cast<std::size_t>(storage.fFields.fCapacity)};
 }
 
-/// The same in place of a buffer, by ICU's public way.
+/// The same, and the length and its terminator at once.
+/// @param text    is_new()
+/// @param length  beyond INLINE_UNITS, up to MAX_SHORT_LENGTH
+/// @return        where the units are to be written
+/// @throws std::bad_alloc there is no memory
+inline char16_t* allocate_line(icu::UnicodeString& text, std::size_t length)
+{
+    allocate(text, static_cast<std::int32_t>(length));
+    auto& fields = (text.*member_named_by(storage_t())).fFields;
+    const std::size_t flags =
+        length << member_named_by(length_shift_t()) | member_named_by(counted_t());
+    fields.fLengthAndFlags = static_cast<std::int16_t>(flags);
+    fields.fArray[length] = 0;
+    return fields.fArray;
+}
+
+/// Makes the capacity at least `units` in place of a buffer, by ICU's public way.
 /// @param text  empty and exclusive
 /// @throws std::bad_alloc there is no memory, or a text cannot be so long
 inline void make_room_in_empty(icu::UnicodeString& text, std::size_t units)

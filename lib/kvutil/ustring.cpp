@@ -592,6 +592,8 @@ UString::~UString()
 
 namespace {
 
+static_assert(SHORT <= MAX_SHORT_LENGTH);
+
 bool is_short(std::size_t length)
 {
     return length >= FEW && length <= SHORT;
@@ -689,8 +691,11 @@ UString* UString::assign(const std::string& bytes, const char* charset)
     const std::string_view view = bytes;
     if (latin1 == nullptr || !is_new(*this) || !is_short(view.size()))
         return any_charset_t::assign(*this, bytes, charset);
-    fill(*this, make_room_in_new(*this, view.size()), view.size(),
-         [view](char16_t* to, const char16_t*) { widen_short(view, to); });
+    if (view.size() > INLINE_UNITS)
+        widen_short(view, allocate_line(*this, view.size()));
+    else
+        fill(*this, make_room_in_new(*this, view.size()), view.size(),
+             [view](char16_t* to, const char16_t*) { widen_short(view, to); });
     return this;
 }
 
