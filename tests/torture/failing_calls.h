@@ -65,12 +65,30 @@ public:
         return hit;
     }
 
-    static inline const Kvl::sys_calls_t g_real = Kvl::sys_calls;
+    static inline Kvl::sys_calls_t g_real = Kvl::sys_calls;  // as far as an operation can tell
     static inline call_fault_t g_fault;
     static inline int g_written = -1;  // the descriptor
 
 private:
     static inline int g_faults = 0;
+};
+
+/// While it lives, the calls that do not fail are those of another system.
+class other_system {
+public:
+    /// @param change  (Kvl::sys_calls_t& calls): puts the other ones in the place of this system's
+    template <class Change>
+    explicit other_system(Change change)
+    {
+        change(failing_calls::g_real);
+        Kvl::sys_calls = failing_calls::g_real;
+    }
+    ~other_system() { Kvl::sys_calls = failing_calls::g_real = real_; }
+    other_system(const other_system&) = delete;
+    other_system& operator=(const other_system&) = delete;
+
+private:
+    const Kvl::sys_calls_t real_ = failing_calls::g_real;
 };
 
 // ---- how a function says that it has failed ----
