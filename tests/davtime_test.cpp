@@ -322,7 +322,9 @@ TEST(DavTimeParse, GivesZeroForAnyOtherText)
              "1994-11-06T 8 :49:37Z",  // no blank before a literal
              "1994 -11-06T08:49:37Z",
              "19941106T084937Z",
-             "01994-11-06T08:49:37Z",  // the fifth digit is no "-"
+             "1994/11/06 08.49.37X",           // only the digits are where they belong
+             "Sun;_06_Nov_1994_08.49.37_BST",  // and the letters
+             "01994-11-06T08:49:37Z",          // the fifth digit is no "-"
              "1994-011-06T08:49:37Z",
              "\u00a01994-11-06T08:49:37Z",  // a space, but not of the "C" locale
              "1994\u201311\u201306T08:49:37Z",
