@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <unicode/ucnv.h>
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -115,10 +116,15 @@ struct closing_t {
     void operator()(UConverter* converter) const { ucnv_close(converter); }
 };
 
-TEST(KnownCharset, GivesBackWhatItHasLearned)
+std::unique_ptr<UConverter, closing_t> open_converter(const char* name)
 {
     UErrorCode status = U_ZERO_ERROR;
-    const std::unique_ptr<UConverter, closing_t> converter(ucnv_open(ANY_CHARSET, &status));
+    return std::unique_ptr<UConverter, closing_t>(ucnv_open(name, &status));
+}
+
+TEST(KnownCharset, GivesBackWhatItHasLearned)
+{
+    const auto converter = open_converter(ANY_CHARSET);
     ASSERT_NE(converter, nullptr);
     leave_idle_converters(1);
     const long blocks = live_blocks_of_this_thread();
@@ -133,6 +139,54 @@ TEST(KnownCharset, GivesBackWhatItHasLearned)
         EXPECT_EQ(unit, u'\u3042');
     }
     EXPECT_EQ(live_blocks_of_this_thread(), blocks);
+}
+
+TEST(KnownCharset, KnowsTextsThatNeedNoConverter)
+{
+    struct texts_t {
+        const char* charset;
+        std::string known, unknown;
+    };
+    const std::string none;
+    for (const auto& [charset, known_text, unknown_text] :
+         std::initializer_list<texts_t>{{"ISO-8859-1", std::string("all\0\x7F\x80\xFF", 7), none},
+                                        {"windows-1252", std::string("all\0\x80\xE9", 6), none},
+                                        {"US-ASCII", "all\x80", none},
+                                        {"KOI8-R", "all\xC1", none},
+                                        {"Shift_JIS", "a line", "\x82\xA0"},
+                                        {"EUC-JP", std::string("a\0\x1B line", 8), "\xA4\xA2"},
+                                        {"ISO-2022-JP", "a line ~", "\x1B$B$\"\x1B(B"},
+                                        {"UTF-7", none, "+MEI-"},
+                                        {"UTF-16LE", none, "a "}}) {
+        SCOPED_TRACE(charset);
+        const auto converter = open_converter(charset);
+        ASSERT_NE(converter, nullptr);
+        const known_charset_t known(charset, charset, converter.get());
+        EXPECT_EQ(known.is_latin1(), charset == std::string("ISO-8859-1"));
+        EXPECT_TRUE(known_text.empty() || known.can_decode(known_text));
+        EXPECT_FALSE(!unknown_text.empty() && known.can_decode(unknown_text));
+    }
+}
+
+TEST(KnownCharset, KnowsBytesOfUnitsOtherThanTheirNumbers)
+{
+    struct bytes_t {
+        const char* charset;
+        std::u16string text;
+        std::string bytes;
+    };
+    for (const auto& [charset, text, bytes] :
+         std::initializer_list<bytes_t>{{"windows-1252", u"a\u20AC\u0153", "a\x80\x9C"},
+                                        {"windows-1252", u"a\u0430", ""},
+                                        {"KOI8-R", u"\u0430b",
+                                         "\xC1"
+                                         "b"}}) {
+        const auto converter = open_converter(charset);
+        ASSERT_NE(converter, nullptr);
+        std::string known;
+        known_charset_t(charset, charset, converter.get()).encode(text, known);
+        EXPECT_EQ(known, bytes) << charset;
+    }
 }
 
 TEST(KnownCharset, HasANameThatThereIsRoomFor)
