@@ -3,7 +3,8 @@
 A benchmark is named "<row>: <case>/<contestant>". The contestant "kvutil" is ours, "floor" is the
 least work that gives the same result, every other one is a peer. A figure is the median over the
 repetitions, which Google Benchmark runs in random order, so that a machine's changes of pace meet
-every contestant alike.
+every contestant alike. They are those of several rounds of all programs, because where the system
+happens to put a process's code and memory favours one contestant or another for its whole life.
 """
 
 import argparse
@@ -78,8 +79,7 @@ def read_sections(path):
 
 
 def run_program(program, options):
-    """The results of one program, an entry a contestant and repetition."""
-    print(f"bench: {program.name}", file=sys.stderr)
+    """The results of one process, an entry a contestant and repetition."""
     command = [program, "--benchmark_format=json", "--benchmark_enable_random_interleaving=true",
                f"--benchmark_repetitions={options.repetitions}",
                f"--benchmark_min_time={options.min_time}"]
@@ -124,18 +124,25 @@ def expected_cases(programs, known_rows):
     return dict(sorted(cases.items(), key=lambda item: known_rows.index(item[1].row)))
 
 
+def results_of_rounds(programs, options):
+    """The results of every program in every round."""
+    for number in range(1, options.rounds + 1):
+        for program in programs:
+            print(f"bench: {program.name}, round {number} of {options.rounds}", file=sys.stderr)
+            yield from run_program(program, options)
+
+
 def collect(programs, known_rows, options):
     """The cases with their times."""
     cases = expected_cases(programs, known_rows)
-    for program in programs:
-        for entry in run_program(program, options):
-            if entry.get("error_occurred"):
-                raise Failure(f'{entry["name"]}: {entry["error_message"]}')
-            row, name, contestant = parse_name(entry["name"], known_rows)
-            case = cases[row, name]
-            case.times[contestant].append(nanoseconds(entry))
-            if contestant == OURS:
-                case.notes.update(counters(entry))
+    for entry in results_of_rounds(programs, options):
+        if entry.get("error_occurred"):
+            raise Failure(f'{entry["name"]}: {entry["error_message"]}')
+        row, name, contestant = parse_name(entry["name"], known_rows)
+        case = cases[row, name]
+        case.times[contestant].append(nanoseconds(entry))
+        if contestant == OURS:
+            case.notes.update(counters(entry))
     return list(cases.values())
 
 
@@ -232,7 +239,8 @@ def machine_lines(machine, options):
             f"kernel {machine['kernel']}, load at the start {machine['load']}",
             f"compiler: {machine['compiler']}, -O3", f"packages: {packages}",
             f"commit: {machine['commit']}",
-            f"each figure: the median of {options.repetitions} repetitions in random order"]
+            f"each figure: the median of {options.rounds * options.repetitions} repetitions in random order, "
+            f"in {options.rounds} processes"]
 
 
 def as_json(cases, machine, missing, options):
@@ -243,7 +251,7 @@ def as_json(cases, machine, missing, options):
                 "ours_to_peer": case.ratio_to_peer(), "ours_to_floor": case.ratio_to(FLOOR),
                 "peers": case.peers(), "notes": case.notes}
     return {"machine": machine, "command": options.command, "unit": "ns",
-            "repetitions": options.repetitions, "missing_peers": missing,
+            "rounds": options.rounds, "repetitions": options.repetitions, "missing_peers": missing,
             "cases": [entry(case) for case in cases]}
 
 
@@ -298,8 +306,10 @@ def parse_arguments():
         "Times the library against what a caller would use instead and prints a table of medians."))
     parser.add_argument("--only", action="append", metavar="STEM",
                         help="run <STEM>_bench only (may be repeated)")
-    parser.add_argument("--repetitions", type=int, default=9, metavar="N",
-                        help="how often each benchmark is run (9)")
+    parser.add_argument("--rounds", type=int, default=5, metavar="N",
+                        help="how often each program is run (5)")
+    parser.add_argument("--repetitions", type=int, default=3, metavar="N",
+                        help="how often a program runs each benchmark (3)")
     parser.add_argument("--min-time", type=float, default=0.02, metavar="SECONDS",
                         help="how long each repetition takes at least (0.02)")
     parser.add_argument("--json", type=Path, metavar="FILE",
