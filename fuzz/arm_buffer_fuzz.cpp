@@ -25,9 +25,9 @@ using namespace Kvl;
 namespace {
 
 /// Few enough that names come twice; of every length of UTF-8.
-std::string text_of(std::uint8_t byte)
+const std::string& text_of(std::uint8_t byte)
 {
-    const std::array<std::string, 8> texts = {
+    static const std::array<std::string, 8> texts = {
         "", "a", "b", "c", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9D\x84\x9E", std::string(300, 'x')};
     return texts[byte % texts.size()];
 }

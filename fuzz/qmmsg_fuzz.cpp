@@ -16,14 +16,23 @@ namespace {
 
 constexpr std::size_t LARGEST_RECORD = 4096;
 
+/// So many at least, which stay zero. Kept, because to make them takes longer than to use them.
+cxPrintfArgVal* zero_records(std::size_t count)
+{
+    static std::vector<cxPrintfArgVal> records;
+    if (records.size() >= count)
+        return records.data();
+    records.resize(count);
+    // All bytes: an initialisation reaches the first member, which is the shorter one.
+    std::memset(records.data(), 0, count * sizeof records[0]);
+    return records.data();
+}
+
 std::string filled(const std::string& format)
 {
     // A width, a precision and a value for every "%", and the highest record that `n$` names.
-    std::vector<cxPrintfArgVal> records(
-        std::max(LARGEST_RECORD, 3 * static_cast<std::size_t>(std::ranges::count(format, '%'))));
-    // All bytes: an initialisation reaches the first member, which is the shorter one.
-    std::memset(records.data(), 0, records.size() * sizeof records[0]);
-    return Log::QmMsg::format(format.c_str(), records.data());
+    const auto percents = static_cast<std::size_t>(std::ranges::count(format, '%'));
+    return Log::QmMsg::format(format.c_str(), zero_records(std::max(LARGEST_RECORD, 3 * percents)));
 }
 
 std::string doubled_percents(const std::string& text)
