@@ -225,7 +225,7 @@ inline unit_room_t make_room_in_new(icu::UnicodeString& text, std::size_t units)
     return {storage.fFields.fArray, static_cast<std::size_t>(storage.fFields.fCapacity)};
 }
 
-/// The same, and the length and its terminator at once.
+/// The same, and the length and its terminator at once, which saves a twentieth of such a line.
 /// @param text    is_new()
 /// @param length  beyond INLINE_UNITS, up to MAX_SHORT_LENGTH
 /// @return        where the units are to be written
