@@ -797,6 +797,19 @@ TEST_F(CredentialsFiles, ThatAreMountPointsAreWrittenInPlace)
         GTEST_SKIP() << "cannot mount a file";
 }
 
+// In /proc are regular files of ours, beside which no other can be made.
+TEST_F(CredentialsFiles, OfTheKernelAreWrittenInPlace)
+{
+    const std::string name_of_this_thread = "/proc/thread-self/comm";
+    char former[16] = {};
+    ASSERT_EQ(prctl(PR_GET_NAME, former), 0);
+    Credentials credentials;
+    credentials.groups.resize('k');
+    credentials.write_to_file(name_of_this_thread);
+    EXPECT_EQ(content_of(name_of_this_thread), "k\n");  // it ends at the first zero byte
+    EXPECT_EQ(prctl(PR_SET_NAME, former), 0);
+}
+
 // ---- killed ----
 
 /// Kills a child that writes `credentials` at its nth stop: before or after a system call.

@@ -207,11 +207,12 @@ bool take_rights(const descriptor_t& descriptor, const target_t& target)
 }
 
 /// Whether `errno` says that here no file can be replaced, although it may be written: the
-/// directory is not ours, the path is too long for another name, or the file is a mount point.
+/// directory is not ours, the path is too long for another name, the file is a mount point, or the
+/// file system does not do such things.
 bool is_not_allowed_here(int error)
 {
     return error == EACCES || error == EPERM || error == ENAMETOOLONG || error == EBUSY ||
-           error == EROFS || error == EXDEV;
+           error == EROFS || error == EXDEV || error == ENOSYS || error == EOPNOTSUPP;
 }
 
 /// @return whether it could be done; otherwise the file is to be written where it is
@@ -220,7 +221,8 @@ bool replace(const std::string& path, const target_t& target, const write_conten
     temporary_t temporary(path);
     descriptor_t descriptor = temporary.create();
     if (!descriptor.is_open() || !take_rights(descriptor, target)) {
-        if (is_not_allowed_here(errno))
+        // In /proc, whose names cannot be added to, a new one is said not to exist.
+        if (is_not_allowed_here(errno) || errno == ENOENT)
             return false;
         fail_on_file(MSG_FILE_NOT_OPENED, path, errno);
     }
