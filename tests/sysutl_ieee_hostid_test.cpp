@@ -186,6 +186,7 @@ TEST(RandomBytes, AreGivenUpTo32)
     EXPECT_EQ(brenner_sysutl_get_random_bytes(bytes.data(), 33), 1);
     EXPECT_EQ(bytes, (std::array<unsigned char, 33>{}));
     EXPECT_EQ(brenner_sysutl_get_random_bytes(bytes.data(), 0), 0);
+    EXPECT_EQ(brenner_sysutl_get_random_bytes(nullptr, 0), 0);
     EXPECT_EQ(brenner_sysutl_get_random_bytes(nullptr, 1), 1);
 }
 

@@ -21,9 +21,11 @@ extern "C" {
 KVUTIL_EXPORT int brenner_sysutl_my_ieee_hostid(unsigned char addr[6]);
 
 /// Random bytes of the kernel, from /dev/urandom. There is no other source.
-/// @param buf  `n` bytes to be filled; on failure they may have been written in part
+/// @param buf  `n` bytes to be filled; on failure they may have been written in part. May be null
+///             when `n` is 0
 /// @param n    how many, 0..32. More are refused before anything is read
-/// @return     0, or 1 when `n` exceeds 32, `buf` is null, or the source cannot be read
+/// @return     0, or 1 when `n` exceeds 32, there is no `buf` for them, or the source cannot be
+///             read
 /// @par Thread-safety
 /// May be called from any number of threads at once. Not a cancellation point.
 KVUTIL_EXPORT int brenner_sysutl_get_random_bytes(unsigned char* buf, unsigned int n);

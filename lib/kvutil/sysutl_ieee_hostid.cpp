@@ -150,7 +150,7 @@ int brenner_sysutl_my_ieee_hostid(unsigned char addr[6])
 
 int brenner_sysutl_get_random_bytes(unsigned char* buf, unsigned int n)
 {
-    if (n > 32 || buf == nullptr)
+    if (n > 32 || (n > 0 && buf == nullptr))
         return 1;
     const uncancelled_t whole;
     const descriptor_t source = open_file("/dev/urandom", O_RDONLY);
