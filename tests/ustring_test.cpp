@@ -1378,6 +1378,23 @@ TEST(UStringConverter, ReusedGivesWhatAFreshOneGives)
         }
 }
 
+// This one starts each text in the character set in which its converter ended the last.
+TEST(UStringConverter, ThatIcuCannotResetConvertsOneTextOnly)
+{
+    constexpr const char* COMPOUND_TEXT = "x11-compound-text";
+    const std::string cyrillic = "\x1B-L\xD0";
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(converted(UString(u"\u0430"), COMPOUND_TEXT), cyrillic) << "another string's";
+    const UString s(u"\u0430");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(converted(s, COMPOUND_TEXT), cyrillic) << "its own";
+    UString decoded(cyrillic.c_str(), COMPOUND_TEXT);
+    EXPECT_EQ(str(decoded), u"\u0430");
+    decoded.assign(std::string("\xE9"), COMPOUND_TEXT);
+    EXPECT_EQ(str(decoded), u"\u00E9") << "of Latin-1, in which every text starts";
+    EXPECT_EQ(str(UString("\xE9", COMPOUND_TEXT)), u"\u00E9");
+}
+
 // A charset that has converted once is known: what its converter makes of each byte by itself then
 // converts most texts. They must come out as the converter makes them, whatever stands side by
 // side.

@@ -58,7 +58,8 @@ const charset_converter_t* take_idle(std::string_view name)
 }  // namespace
 
 charset_converter_t::charset_converter_t(const char* name)
-    : used_charset_t(false), requested_name(name), handle(ucnv_open(name, &open_status))
+    : used_charset_t(false), requested_name(name), handle(ucnv_open(name, &open_status)),
+      is_reusable(handle != nullptr && ucnv_getType(handle) != UCNV_COMPOUND_TEXT)
 {
 }
 
@@ -69,7 +70,7 @@ charset_converter_t::~charset_converter_t()
 
 const charset_converter_t* take_converter(const char* name)
 {
-    // Whole texts are all that strings convert, and each such conversion resets the converter.
+    // Whole texts are all that strings convert, and each such conversion resets a reusable one.
     if (const charset_converter_t* const idle = take_idle(name))
         return idle;
     auto opened = std::make_unique<charset_converter_t>(name);
@@ -77,12 +78,18 @@ const charset_converter_t* take_converter(const char* name)
         throw std::bad_alloc();
     if (opened->handle == nullptr)
         return nullptr;
-    learn_charset(name, opened->handle);
+    // To learn is to convert.
+    if (opened->is_reusable)
+        learn_charset(name, opened->handle);
     return opened.release();
 }
 
 void give_back_converter(const charset_converter_t* converter) noexcept
 {
+    if (!converter->is_reusable) {
+        delete converter;
+        return;
+    }
     slot_set_t& slots = slots_for(converter->requested_name);
     for (slot_t& slot : slots)
         if (slot.load(std::memory_order_relaxed) == nullptr && put(slot, converter))

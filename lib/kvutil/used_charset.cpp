@@ -15,6 +15,8 @@ bool used_charset_t::is_for(const char* name) const noexcept
     // By its very name it would be taken again.
     if (is_known_)
         return known()->name() == name || ucnv_compareNames(known()->icu_name(), name) == 0;
+    if (!converter()->is_reusable)
+        return false;
     UErrorCode status = U_ZERO_ERROR;
     const char* const icu_name = ucnv_getName(converter()->handle, &status);
     return U_SUCCESS(status) && ucnv_compareNames(icu_name, name) == 0;
