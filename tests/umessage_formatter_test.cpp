@@ -108,6 +108,19 @@ TEST_F(UMessageFormatter, IsNotAskedForAMessageWithoutCatalogueOrIndex)
     EXPECT_EQ(formatter_.fills, 0);
 }
 
+// It may have texts that are in no array.
+TEST_F(UMessageFormatter, IsAskedWithoutAMessageWhateverCatalogueAndIndexAre)
+{
+    formatter_.fill = "from elsewhere";
+    EXPECT_EQ(UMessage::sprintf(static_cast<const char**>(nullptr), 7, "a"),
+              ustr("from elsewhere"));
+    EXPECT_EQ(formatter_.catalogue, nullptr);
+    EXPECT_EQ(formatter_.index, 7);
+    EXPECT_EQ(UMessage::sprintf(kvutil, -1, "a"), ustr("from elsewhere"));
+    EXPECT_EQ(formatter_.index, -1);
+    EXPECT_EQ(formatter_.look_ups, 2);
+}
+
 TEST_F(UMessageFormatter, MayHaveNoFormat)
 {
     for (const char* const nothing :

@@ -501,8 +501,7 @@ UString render(const char* format, const Arguments& all)
 template <class Arguments>
 UString render(const char** catalogue, int index, const Arguments& all, const char* extra)
 {
-    const char* const format =
-        catalogue == nullptr ? nullptr : Log::QmMsg::format(catalogue, index, extra);
+    const char* const format = Log::QmMsg::format(catalogue, index, extra);
     return is_missing(format) ? fallback() : render(format, all);
 }
 
