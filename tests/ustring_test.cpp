@@ -24,6 +24,7 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <type_traits>
 #include <unordered_map>
@@ -79,6 +80,18 @@ static_assert(std::is_same_v<decltype(UString().find_first_of(u"a")), unsigned i
 static_assert(std::is_same_v<decltype(UString().append('a')), UString&>);
 static_assert(std::is_same_v<decltype(UString() += u"a"), UString&>);
 static_assert(std::is_same_v<decltype(UString().assign("", "")), UString*>);
+
+TEST(Utf8StringAssignment, TakesWhatAStringTakes)
+{
+    Utf8String bytes("old");
+    EXPECT_EQ(bytes = 'c', "c");
+    EXPECT_EQ(bytes = std::string_view("view"), "view");
+    EXPECT_EQ(bytes = "text", "text");
+    EXPECT_EQ(bytes = std::string("string"), "string");
+    EXPECT_EQ(bytes = Utf8String("caf\xC3\xA9"), "caf\xC3\xA9");
+    EXPECT_EQ((bytes = {'a', 'b'}), "ab");
+    EXPECT_EQ((bytes = {}), "");
+}
 
 TEST(UStringArguments, AreTakenInEverySpelling)
 {

@@ -26,6 +26,7 @@ class used_charset_t;    // private to the library
 class KVUTIL_EXPORT Utf8String : public std::string {
 public:
     using std::string::string;
+    using std::string::operator=;
     Utf8String() = default;
     /// Takes the bytes as they are.
     Utf8String(const std::string& s) : std::string(s) {}
