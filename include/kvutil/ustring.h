@@ -144,7 +144,8 @@ public:
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
     int find(const unsigned short* s, unsigned int start = 0) const noexcept;
-    /// The first occurrence of `s` at or after `start`. Never throws.
+    /// The first occurrence of `s` at or after `start`. Never throws. A long `s` that nearly
+    /// matches at many places costs as much as both lengths multiplied, in find_last() too.
     /// @param s      empty and bogus are not found
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
