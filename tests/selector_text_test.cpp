@@ -15,6 +15,8 @@
 #include <rapidcheck.h>
 #include <rapidcheck/gtest.h>
 
+#include <chrono>
+#include <cstddef>
 #include <random>
 
 namespace {
@@ -519,6 +521,19 @@ TEST(SelectorSegments, AreSplitAndJoinedHoweverManyTheyAre)
         Selector::join_segments(std::vector<UString>(count, ustr("ab")), ustr("/"));
     EXPECT_EQ(text.length(), 3 * count - 1);
     EXPECT_EQ(Selector::split_segments(text, ustr("/")).size(), count);
+}
+
+// One place after the other, this would take minutes.
+TEST(SelectorSegments, TakeNoLongerForASeparatorAsLongAsTheyAre)
+{
+    constexpr std::size_t LENGTH = std::size_t{8} << 20;
+    const UString text(std::u16string(LENGTH, u'a'));
+    const UString wanted = text.substr(LENGTH / 2) + ustr("b") + text.substr(LENGTH / 2);
+    const UString with_wanted = text + wanted + text;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Selector::replaceAll(with_wanted, wanted, UString()).length(), 2 * LENGTH);
+    EXPECT_EQ(Selector::split_segments(with_wanted, wanted).size(), 2u);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
 }
 
 TEST(SelectorSegments, AskForMemoryInProportionToTheText)

@@ -3,6 +3,7 @@
 #include "latin1_impl.h"
 #include "search_impl.h"
 #include "storage_impl.h"
+#include "two_way_impl.h"
 #include "units_order_impl.h"
 #include "utf8_impl.h"
 
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -551,6 +553,113 @@ TEST(Search, AgreesWithIcu)
             }
         }
     }
+}
+
+std::vector<std::uint32_t> matches_by_icu(const std::u16string& text, const std::u16string& needle)
+{
+    const icu::UnicodeString hay = plain(text);
+    const icu::UnicodeString wanted = plain(needle);
+    std::vector<std::uint32_t> places;
+    for (int at = hay.indexOf(wanted, 0); at >= 0; at = hay.indexOf(wanted, at + wanted.length()))
+        places.push_back(static_cast<std::uint32_t>(at));
+    return places;
+}
+
+std::vector<std::uint32_t> matches(const std::u16string& text, const std::u16string& needle)
+{
+    std::vector<std::uint32_t> places(text.size() + 1);
+    places.resize(find_matches(text, needle, places));
+    return places;
+}
+
+// Texts in which so much of the needle stands so often that it is searched the other way after a
+// few hundred places. Some of their places cut a pair, and some are matches.
+TEST(Search, AgreesWithIcuWhereMuchOfTheNeedleStandsNearlyEverywhere)
+{
+    const std::u16string alphabet = u"ab\xD83D\xDE00";
+    std::minstd_rand random(3);
+    const auto below = [&](std::size_t n) { return static_cast<std::size_t>(random()) % n; };
+    for (int round = 0; round < 1'000; ++round) {
+        std::u16string word;
+        for (std::size_t length = 1 + below(4); length > 0; --length)
+            word += alphabet[below(alphabet.size())];
+        std::u16string text;
+        while (text.size() < 3'000)
+            text += word;
+        std::u16string needle = text.substr(below(word.size()), 33 + below(500));
+        if (round % 3 != 0)
+            needle[below(needle.size())] = alphabet[below(alphabet.size())];
+        for (std::size_t flaws = below(4); flaws > 0; --flaws)
+            text[below(text.size())] = alphabet[below(alphabet.size())];
+        text.insert(below(text.size()), needle);
+        text.insert(text.size() - below(700), needle);
+        ASSERT_EQ(matches(text, needle), matches_by_icu(text, needle));
+    }
+}
+
+// Wherever the search is changed, no place is left out.
+TEST(Search, FindsTheNeedleBehindAnyNumberOfPlacesThatNearlyMatch)
+{
+    const std::u16string needle = std::u16string(150, u'a') + u'b' + std::u16string(150, u'a');
+    for (std::size_t place = 0; place < 2'000; ++place) {
+        const std::u16string text = std::u16string(place, u'a') + needle + u"bbbbbbbb";
+        ASSERT_EQ(find_text(text, needle), place);
+    }
+}
+
+// One place after the other, this would take minutes.
+TEST(Search, TakesNoLongerForTheLengthOfTheNeedle)
+{
+    constexpr std::size_t LENGTH = std::size_t{8} << 20;
+    const std::u16string same(LENGTH, u'a');
+    const std::u16string half = same.substr(LENGTH / 2);
+    const std::u16string quarter = half.substr(LENGTH / 4);
+    std::u16string pairs;
+    while (pairs.size() < LENGTH)
+        pairs += u"\U0001F600";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(find_text(same, quarter + u"b" + quarter), NOT_FOUND);
+    EXPECT_EQ(find_text(same + u"b" + half, quarter + u"b" + quarter), LENGTH - LENGTH / 4);
+    EXPECT_EQ(find_text(pairs, std::u16string_view(pairs).substr(1, LENGTH / 2)), NOT_FOUND);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+}
+
+/// Where the needle stands, over the place before too or only behind it.
+std::vector<std::size_t> places_two_ways(const std::u16string& text, const std::u16string& needle,
+                                         std::size_t from, bool may_overlap)
+{
+    std::vector<std::size_t> places;
+    TwoWay search(text, needle, from);
+    for (auto at = search.next(); at != NOT_FOUND; at = search.next()) {
+        places.push_back(at);
+        if (!may_overlap)
+            search.go_to(at + needle.size());
+    }
+    return places;
+}
+
+// All texts of up to ten and all needles of up to six units of two.
+TEST(TwoWay, FindsEveryPlaceOfEveryNeedle)
+{
+    const auto letters = [](unsigned int bits) {
+        std::u16string text;
+        for (; bits > 1; bits >>= 1)
+            text += static_cast<char16_t>(u'a' + (bits & 1));
+        return text;
+    };
+    for (unsigned int hay = 1; hay < 1u << 11; ++hay)
+        for (unsigned int wanted = 2; wanted < 1u << 7; ++wanted)
+            for (const bool may_overlap : {false, true}) {
+                const std::u16string text = letters(hay);
+                const std::u16string needle = letters(wanted);
+                const std::size_t from = hay % 3;
+                std::vector<std::size_t> expected;
+                for (auto at = text.find(needle, from); at != NOT_FOUND;) {
+                    expected.push_back(at);
+                    at = text.find(needle, at + (may_overlap ? 1 : needle.size()));
+                }
+                ASSERT_EQ(places_two_ways(text, needle, from, may_overlap), expected);
+            }
 }
 
 TEST(Search, OfASetAgreesWithTheStandardLibrary)

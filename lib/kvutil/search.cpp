@@ -1,6 +1,7 @@
 #include "search_impl.h"
 
 #include "simd_impl.h"
+#include "two_way_impl.h"
 
 #include <algorithm>
 #include <bit>
@@ -12,12 +13,12 @@ namespace Kvl {
 
 namespace {
 
-// ICU's rule: a match neither starts nor ends inside a surrogate pair. What is before `begin` does
-// not count, as if the text began there.
-bool is_whole(std::u16string_view text, std::size_t pos, std::size_t length, std::size_t begin)
+// ICU's rule: a match neither starts nor ends inside a surrogate pair. Where one ends the next may
+// start, so a search that goes on behind a match need not forget what was before.
+bool is_whole(std::u16string_view text, std::size_t pos, std::size_t length)
 {
     const std::size_t end = pos + length;
-    const bool starts_inside = pos > begin && U16_IS_TRAIL(text[pos]) && U16_IS_LEAD(text[pos - 1]);
+    const bool starts_inside = pos > 0 && U16_IS_TRAIL(text[pos]) && U16_IS_LEAD(text[pos - 1]);
     const bool ends_inside =
         end < text.size() && U16_IS_LEAD(text[end - 1]) && U16_IS_TRAIL(text[end]);
     return !starts_inside && !ends_inside;
@@ -32,11 +33,12 @@ bool are_equal_words(const char16_t* a, const char16_t* b)
     return word_of_a == word_of_b;
 }
 
+constexpr std::size_t FEW = 32;
+
 // What memcmp() tells; the few units of most needles cost less than its call.
 bool are_equal(const char16_t* a, const char16_t* b, std::size_t count)
 {
     constexpr std::size_t WORD = 4;
-    constexpr std::size_t FEW = 8 * WORD;
     if (count > FEW)
         return std::memcmp(a, b, count * sizeof(char16_t)) == 0;
     if (count < WORD)
@@ -49,11 +51,51 @@ bool are_equal(const char16_t* a, const char16_t* b, std::size_t count)
     return true;
 }
 
-bool is_match(std::u16string_view text, std::size_t pos, std::u16string_view needle,
-              std::size_t begin)
+bool is_match(std::u16string_view text, std::size_t pos, std::u16string_view needle)
 {
     return are_equal(text.data() + pos, needle.data(), needle.size()) &&
-           is_whole(text, pos, needle.size(), begin);
+           is_whole(text, pos, needle.size());
+}
+
+// Comparing at every likely place is the fastest way through most texts. But where nearly all of a
+// long needle stands nearly everywhere, its time grows with the needle too. So where comparing in
+// vain took more than a few units, it is counted, as if the needle's last unit had made the
+// difference.
+class Patience {
+public:
+    Patience(std::u16string_view text, std::u16string_view needle) : text_(text), needle_(needle) {}
+
+    /// @return whether the comparison in vain at a place was one too many
+    bool ends_at(std::size_t place)
+    {
+        if (needle_.size() <= FEW || !are_equal(text_.data() + place, needle_.data(), FEW))
+            return false;
+        compared_ += needle_.size();
+        return compared_ > (place + PLACES_AHEAD) * UNITS_OF_PLACE;
+    }
+
+private:
+    static constexpr std::size_t UNITS_OF_PLACE = 32;  // no more than every place may cost anyway
+    static constexpr std::size_t PLACES_AHEAD = 1024;
+
+    std::u16string_view text_;
+    std::u16string_view needle_;
+    std::size_t compared_ = 0;
+};
+
+// Like scan_by_unit(), from a place on that is behind the last match.
+template <class Found>
+void scan_two_ways(std::u16string_view text, std::u16string_view needle, std::size_t from,
+                   Found found)
+{
+    TwoWay search(text, needle, from);
+    for (std::size_t at = search.next(); at != NOT_FOUND; at = search.next()) {
+        if (!is_whole(text, at, needle.size()))
+            continue;
+        if (!found(at))
+            return;
+        search.go_to(at + needle.size());
+    }
 }
 
 #ifdef KVUTIL_HAVE_SIMD
@@ -76,6 +118,7 @@ void scan_by_block(std::u16string_view text, std::u16string_view needle, std::si
 {
     const __m128i first = words(needle.front());
     const __m128i last = words(needle.back());
+    Patience patience(text, needle);
     std::size_t begin = 0;
     for (std::size_t pos = 0;; pos += 8) {
         // The last eight places overlap; to look twice at a place does no harm.
@@ -85,8 +128,13 @@ void scan_by_block(std::u16string_view text, std::u16string_view needle, std::si
         unsigned int set = candidates(text.data() + pos, needle.size(), first, last);
         for (; set != 0; set &= set - 1) {
             const std::size_t at = pos + static_cast<std::size_t>(std::countr_zero(set));
-            if (at < begin || !is_match(text, at, needle, begin))
+            if (at < begin)
                 continue;
+            if (!is_match(text, at, needle)) {
+                if (patience.ends_at(at))
+                    return scan_two_ways(text, needle, at + 1, found);
+                continue;
+            }
             if (!found(at))
                 return;
             begin = at + needle.size();
@@ -133,10 +181,16 @@ template <class Found>
 void scan_by_unit(std::u16string_view text, std::u16string_view needle, std::size_t places,
                   Found found)
 {
+    Patience patience(text, needle);
     std::size_t begin = 0;
     for (std::size_t at = 0; at < places; ++at) {
-        if (at < begin || text[at] != needle[0] || !is_match(text, at, needle, begin))
+        if (at < begin || text[at] != needle[0])
             continue;
+        if (!is_match(text, at, needle)) {
+            if (patience.ends_at(at))
+                return scan_two_ways(text, needle, at + 1, found);
+            continue;
+        }
         if (!found(at))
             return;
         begin = at + needle.size();
