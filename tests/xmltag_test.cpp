@@ -323,6 +323,11 @@ TEST(XmlTagLookupByName, TakesABogusNameAsTheEmptyOne)
     UString bogus;
     bogus.setToBogus();
     EXPECT_EQ(XmlTag::lookup(2, bogus), XmlTag::lookup(2, UString()));
+    const XmlTag tag(bogus, bogus);
+    EXPECT_EQ(tag, XmlTag(UString(), UString()));
+    EXPECT_FALSE(tag.simple_name().isBogus());
+    XmlTag argument(tag);
+    EXPECT_EQ(*XmlTag::lookup(argument), tag);
 }
 
 TEST(XmlTagLookupByName, IsCaseSensitive)

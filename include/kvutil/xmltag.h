@@ -86,8 +86,8 @@ public:
 
     /// A tag that is not registered: its Id is 0. The namespace is created when `ns_uri` is new,
     /// the empty URI included, and stays.
-    /// @param ns_uri  the namespace URI, compared exactly
-    /// @param name    the local name
+    /// @param ns_uri  the namespace URI, compared exactly; bogus is the empty one
+    /// @param name    the local name; bogus is the empty one
     /// @throws std::bad_alloc  no namespace was created
     XmlTag(const UString& ns_uri, const UString& name);
 

@@ -331,6 +331,8 @@ XmlTag::XmlTag(NsId nsid, const char16_t* name, Id id) : XmlTag(nsid, to_units(n
 XmlTag::XmlTag(const UString& ns_uri, const UString& name)
     : ns_(nullptr), simple_name_(name), id_(0)
 {
+    if (simple_name_.isBogus())
+        simple_name_.clear();  // as the look-up takes it, so that the registered tag is equal
     simple_name_.c_str();
     ns_ = find_or_create_namespace(view_of(ns_uri));
 }
