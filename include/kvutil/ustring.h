@@ -144,8 +144,8 @@ public:
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
     int find(const unsigned short* s, unsigned int start = 0) const noexcept;
-    /// The first occurrence of `s` at or after `start`. Never throws. A long `s` that nearly
-    /// matches at many places costs as much as both lengths multiplied, in find_last() too.
+    /// The first occurrence of `s` at or after `start`, in time that is linear in both lengths.
+    /// Never throws.
     /// @param s      empty and bogus are not found
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
@@ -161,7 +161,8 @@ public:
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
     int find_last(const unsigned short* s, unsigned int start = 0) const noexcept;
-    /// The last occurrence of `s` wholly in [start, length). Never throws.
+    /// The last occurrence of `s` wholly in [start, length). Never throws. A long `s` that nearly
+    /// matches at many places costs as much as both lengths multiplied.
     /// @param s      empty and bogus are not found
     /// @param start  2^31 and more, npos included, mean 0
     /// @return       its position, or -1
