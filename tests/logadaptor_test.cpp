@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -102,6 +103,24 @@ TEST_F(LogAdaptorTest, LoggersWorkOnWhenASecondInitializationFails)
     EXPECT_EQ(LogAdaptor::get_log_manager(), nullptr);
     STPException::log(UMessage(kvutil, 2), 1);
     EXPECT_THAT(lines_of(directory / "server.log"), SizeIs(1));
+}
+
+// To be run under TSan, which sees a handle that is written while it is read.
+TEST_F(LogAdaptorTest, HandlesMayBeReadWhileAnotherThreadInitialisesAgain)
+{
+    LogAdaptor::initialize("server", nullptr, "", 0);
+    constexpr int TIMES = 20;
+    std::thread other([] {
+        for (int i = 0; i < TIMES; ++i)
+            LogAdaptor::initialize("server", nullptr, "", 0);
+    });
+    for (int i = 0; i < TIMES; ++i) {
+        EXPECT_NE(LogAdaptor::log_manager, nullptr);
+        EXPECT_EQ(LogAdaptor::logger_stprpc->name(), "StpRpc");
+        LogAdaptor::logger_kvl->error("text", 0);
+    }
+    other.join();
+    EXPECT_THAT(lines_of(directory / "server.log"), SizeIs(TIMES));
 }
 
 TEST_F(LogAdaptorTest, ThresholdsArePassedOn)

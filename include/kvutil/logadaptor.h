@@ -16,8 +16,10 @@ class QmLogger;
 /// put loggers of its own in their place.
 /// @par Thread-safety
 /// initialize() may be called by any thread at any time, also first by several at once. The
-/// library itself reads and writes the handles atomically. A program that reads a member while
-/// another thread may initialise does the same (`__atomic_load_n`), or calls get_log_manager().
+/// library itself reads and writes the handles atomically, and writes only those that change: as
+/// long as initialize() finds the same manager and loggers again, any thread may read any member.
+/// A program that reads one while another thread may change it does so atomically
+/// (`__atomic_load_n`), or calls get_log_manager().
 class KVUTIL_EXPORT LogAdaptor {
 public:
     /// Initialises the log manager and fetches the loggers "StpRpc", "Kvl", "VdRpc" and "ObRpc",

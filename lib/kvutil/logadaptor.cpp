@@ -26,11 +26,14 @@ std::string text_or(const char* text, const char* otherwise)
     return text != nullptr ? text : otherwise;
 }
 
-// Readers take no lock.
+// Readers take no lock, and a program may read a member as the plain pointer that it is: what does
+// not change is not written.
 template <class T>
 void publish(T*& handle, T* value)
 {
-    std::atomic_ref<T*>(handle).store(value, std::memory_order_release);
+    const std::atomic_ref<T*> published(handle);
+    if (published.load(std::memory_order_relaxed) != value)
+        published.store(value, std::memory_order_release);
 }
 
 /// All four are fetched before the first is published, so that a failure changes none.
