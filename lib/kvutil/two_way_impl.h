@@ -15,7 +15,7 @@ namespace Kvl {
 class TwoWay {
 public:
     /// @param needle  not empty
-    /// @param from    the first place to look at
+    /// @param from    the first place to look at, at most the text's length
     TwoWay(std::u16string_view text, std::u16string_view needle, std::size_t from) noexcept
         : text_(text), needle_(needle), cut_(critical_cut(needle)), place_(from)
     {
@@ -27,7 +27,8 @@ public:
     /// @return  the next place where the needle stands, be it over the one before; npos for none
     std::size_t next() noexcept
     {
-        while (place_ <= text_.size() && needle_.size() <= text_.size() - place_) {
+        while (needle_.size() <= text_.size() - place_) {
+            // No step is longer than the needle, so no place is behind the text.
             const std::size_t end = end_of_equal_units();
             if (end < needle_.size()) {
                 go_to(place_ + end - cut_.at + 1);
@@ -42,7 +43,7 @@ public:
         return std::u16string_view::npos;
     }
 
-    /// @param place  the next one to look at
+    /// @param place  the next one to look at, at most the text's length
     /// @param known  how many units of the needle are known to stand there
     void go_to(std::size_t place, std::size_t known = 0) noexcept
     {
