@@ -814,6 +814,14 @@ TEST(UStringErase, RemovesARangeOrTheRest)
     EXPECT_EQ(str(UString("abcdef").erase(0x80000000u, 2)), u"cdef");
 }
 
+TEST(UStringClear, TerminatesWhatWasBogus)
+{
+    UString s(u"text");
+    s.setToBogus();
+    s.clear();
+    EXPECT_EQ(s.getBuffer()[0], 0);
+}
+
 TEST(UStringClear, KeepsTheBuffer)
 {
     UString s = ustr(LONG_UTF8);
@@ -2225,6 +2233,26 @@ TEST(UStringConstruction, CopiesEveryStorageAsIcuDoes)
         put(s);
         expect_copied_as_by_icu(s, storage);
     }
+}
+
+// A reader of the terminator, c_str() among them, reads nothing that was never written.
+TEST(UStringConstruction, TerminatesACopyOfAConstant)
+{
+    const std::u16string units(52, u'x');
+    UString constant;
+    constant.setTo(false, units.data(), 50);
+    // Memory of the same size comes again with what it held.
+    {
+        const UString leaves_its_units(units);
+    }
+    const UString copy(constant);
+    {
+        const UString leaves_its_units(units);
+    }
+    UString assigned;
+    assigned = constant;
+    EXPECT_EQ(copy.getBuffer()[50], 0);
+    EXPECT_EQ(assigned.getBuffer()[50], 0);
 }
 
 TEST(UStringConstruction, OfACopyLeavesTheOriginalAlone)

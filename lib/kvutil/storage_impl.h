@@ -267,7 +267,7 @@ inline void terminate_inline(icu::UnicodeString& text)
 }
 
 /// What ICU's copy constructor does, without its calls for a text that is in the object itself or
-/// shared by counting, as nearly all are.
+/// shared by counting, as nearly all are; and with a terminator behind what is copied.
 /// @param to  is_new(); bogus afterwards when `from` is, or when there is no memory
 inline void copy_into_new(icu::UnicodeString& to, const icu::UnicodeString& from)
 {
@@ -281,11 +281,14 @@ inline void copy_into_new(icu::UnicodeString& to, const icu::UnicodeString& from
         sharers(copy.fFields.fArray).fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    if (kind == member_named_by(in_itself_t()))
+    if (kind == member_named_by(in_itself_t())) {
         copy.fStackFields = storage.fStackFields;
-    else
-        (to.*member_named_by(copy_from_t()))(from, false);
-    terminate_inline(to);
+        terminate_inline(to);
+        return;
+    }
+    (to.*member_named_by(copy_from_t()))(from, false);
+    if (is_exclusive(to))
+        set_length(to, static_cast<std::size_t>(to.length()));
 }
 
 /// What ICU's destructor does with counted units, without its calls, and without its locked

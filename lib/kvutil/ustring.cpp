@@ -169,8 +169,7 @@ UString& UString::operator=(const UString& o)
 {
     if (this == &o)
         return *this;
-    UnicodeString copy(o);
-    throw_if_copy_failed(copy, o);
+    UString copy(o);
     return adopt(copy);
 }
 
@@ -482,6 +481,7 @@ UString& UString::erase(unsigned int pos, unsigned int n)
 UString& UString::clear() noexcept
 {
     icu::UnicodeString::remove();
+    terminate_inline(*this);
     return *this;
 }
 
