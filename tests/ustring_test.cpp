@@ -1,8 +1,10 @@
 #include <kvutil/utf8string.h>
 
+#include "support/child.h"
 #include "support/memory_fault.h"
 #include "support/sanitizer.h"
 #include "support/text.h"
+#include "support/watched_thread.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -16,6 +18,7 @@
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <future>
 #include <initializer_list>
 #include <iomanip>
 #include <map>
@@ -1857,6 +1860,68 @@ TEST(UStringConverter, PoolWorksInAForkedChild)
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+}
+
+/// The opening of a converter that stops at one of ICU's allocations until another thread forks,
+/// and goes on when that thread waits for the opening, or for its child.
+struct stopped_opening_t {
+    watched_t forking;
+    std::promise<void> is_reached;
+    int allocations_before;
+};
+
+thread_local stopped_opening_t* opening_of_this_thread = nullptr;
+
+void* allocate_for_icu(const void*, std::size_t size)
+{
+    stopped_opening_t* const opening = opening_of_this_thread;
+    if (opening != nullptr && opening->allocations_before-- == 0) {
+        opening->is_reached.set_value();
+        EXPECT_TRUE(opening->forking.falls_asleep());
+    }
+    return std::malloc(size);
+}
+
+void stop_at_allocations_of_icu()
+{
+    UErrorCode status = U_ZERO_ERROR;
+    u_setMemoryFunctions(
+        nullptr, allocate_for_icu,
+        [](const void*, void* memory, std::size_t size) { return std::realloc(memory, size); },
+        [](const void*, void* memory) { std::free(memory); }, &status);
+    ASSERT_TRUE(U_SUCCESS(status));
+}
+
+void expect_to_convert_in_child(const char* charset)
+{
+    in_child(
+        [charset] {
+            alarm(20);
+            EXPECT_EQ(converted(UString("plain"), charset), "plain");
+        },
+        _exit);
+}
+
+// ICU has a lock of its own around its charsets, taken at some of these moments.
+TEST(UStringConverter, OpensInTheChildWhatAnotherThreadWasOpening)
+{
+    constexpr const char* NEVER_OPENED_BEFORE = "windows-936-2000";
+    for (int n = 0; n < 3; ++n)
+        in_child([n] {
+            stop_at_allocations_of_icu();
+            stopped_opening_t opening{.forking = {}, .is_reached = {}, .allocations_before = n};
+            std::thread opener([&opening] {
+                opening_of_this_thread = &opening;
+                EXPECT_EQ(converted(UString("plain"), NEVER_OPENED_BEFORE), "plain");
+                opening_of_this_thread = nullptr;
+                if (opening.allocations_before >= 0)
+                    opening.is_reached.set_value();  // there were fewer
+            });
+            opening.is_reached.get_future().wait();
+            opening.forking.watch_me();
+            expect_to_convert_in_child(NEVER_OPENED_BEFORE);
+            opener.join();
+        });
 }
 
 TEST(UStringCharset, LongTextsConvertWhole)

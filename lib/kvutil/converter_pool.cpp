@@ -1,6 +1,9 @@
 #include "converter_pool_impl.h"
 
 #include "known_charset_impl.h"
+#include "uncancelled_impl.h"
+
+#include <kvutil/critsec.h>
 
 #include <array>
 #include <atomic>
@@ -55,16 +58,25 @@ const charset_converter_t* take_idle(std::string_view name)
     return nullptr;
 }
 
+// The thread keeps running meanwhile, because ICU may read files, with its own lock taken.
+UConverter* open_converter(const char* name, UErrorCode& status)
+{
+    const uncancelled_t whole;
+    const CriticalSection section(icu_lock);
+    return ucnv_open(name, &status);
+}
+
 }  // namespace
 
 charset_converter_t::charset_converter_t(const char* name)
-    : used_charset_t(false), requested_name(name), handle(ucnv_open(name, &open_status)),
+    : used_charset_t(false), requested_name(name), handle(open_converter(name, open_status)),
       is_reusable(handle != nullptr && ucnv_getType(handle) != UCNV_COMPOUND_TEXT)
 {
 }
 
 charset_converter_t::~charset_converter_t()
 {
+    const CriticalSection section(icu_lock);
     ucnv_close(handle);
 }
 
@@ -96,6 +108,13 @@ void give_back_converter(const charset_converter_t* converter) noexcept
             return;
     // A full set lets one go, so that names that are no longer used do not stay for ever.
     delete slots[0].exchange(converter, std::memory_order_acq_rel);
+}
+
+const char* default_converter_name() noexcept
+{
+    const uncancelled_t whole;
+    const CriticalSection section(icu_lock);
+    return ucnv_getDefaultName();
 }
 
 }  // namespace Kvl

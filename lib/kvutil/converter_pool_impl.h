@@ -3,11 +3,17 @@
 
 #include "used_charset_impl.h"
 
+#include <kvutil/critsec_lock.h>
+
 #include <unicode/ucnv.h>
 
 #include <string>
 
 namespace Kvl {
+
+/// Held around what opens and closes converters: ICU's table of charsets has a lock of its own that
+/// no fork() waits for, and a child that found it taken would wait for ever.
+extern const CriticalSectionLock icu_lock;
 
 // An ICU converter and the name it was asked for by. That name is its key in the pool: ICU's own
 // name for it leaves out options.
@@ -26,8 +32,8 @@ struct charset_converter_t : used_charset_t {
 };
 
 // Opening a converter costs more than a short conversion, and most strings convert once. So what
-// strings no longer need waits here for the next string, a bounded number of them.
-// Neither operation blocks, so both may be used at exit and after a fork.
+// strings no longer need waits here for the next string, a bounded number of them. Both operations
+// may be used at exit and after a fork.
 
 /// A converter with its default callbacks, an idle one if there is one of this name. Which state
 /// that is in does not matter to ucnv_toUChars() and ucnv_fromUChars(), which reset it first.
@@ -39,6 +45,10 @@ const charset_converter_t* take_converter(const char* name);
 /// Keeps the converter for others, or closes it, as one that is not reusable.
 /// @param converter  not null
 void give_back_converter(const charset_converter_t* converter) noexcept;
+
+/// ICU's name for the charset of the platform.
+/// @return  ICU's own text; may be null
+const char* default_converter_name() noexcept;
 
 }  // namespace Kvl
 

@@ -1,9 +1,21 @@
 #include "platform_text_impl.h"
 
+#include <kvutil/critsec.h>
+
 #include <array>
+#include <span>
 #include <string.h>
 
 namespace Kvl {
+namespace {
+
+const char* description(int error, std::span<char> room)
+{
+    const CriticalSection section(error_text_lock);
+    return strerror_r(error, room.data(), room.size());
+}
+
+}  // namespace
 
 UString platform_text(const std::string& bytes)
 {
@@ -19,7 +31,7 @@ UString platform_text(const std::string& bytes)
 UString error_text(int error)
 {
     std::array<char, 256> room;
-    return platform_text(strerror_r(error, room.data(), room.size()));
+    return platform_text(description(error, room));
 }
 
 }  // namespace Kvl

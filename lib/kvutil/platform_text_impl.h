@@ -1,11 +1,16 @@
 #ifndef KVUTIL_PLATFORM_TEXT_IMPL_H
 #define KVUTIL_PLATFORM_TEXT_IMPL_H
 
+#include <kvutil/critsec_lock.h>
 #include <kvutil/ustring.h>
 
 #include <string>
 
 namespace Kvl {
+
+/// Held while the C library looks an error up in the catalogue of the program's language, whose own
+/// locks no fork() waits for.
+extern const CriticalSectionLock error_text_lock;
 
 /// What the platform calls something, a path or an error, as text for a message: decoded from the
 /// platform's charset, with the substitution character for what is malformed, so that one odd byte

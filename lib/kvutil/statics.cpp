@@ -2,15 +2,18 @@
 // Reading order is construction order; unload runs it backwards.
 
 #include "arm_buffer_impl.h"
+#include "converter_pool_impl.h"
 #include "critsec_lock_impl.h"
 #include "davtime_impl.h"
 #include "fileutl_impl.h"
+#include "platform_text_impl.h"
 #include "selector_impl.h"
 #include "sys_calls_impl.h"
 #include "undying_impl.h"
 #include "ustring_impl.h"
 #include "xmltag_impl.h"
 
+#include <kvutil/critsec.h>
 #include <kvutil/umessage.h>
 
 #include <unicode/uclean.h>
@@ -47,9 +50,17 @@ namespace Kvl {
 #endif
 }();
 
+// The locks on what others have locks of their own for. The oldest ones: whoever holds another lock
+// may convert a text or describe an error.
+static constinit CriticalSectionImpl::immortal_mutex_t icu_mutex;
+const CriticalSectionLock icu_lock(icu_mutex);
+static constinit CriticalSectionImpl::immortal_mutex_t error_text_mutex;
+const CriticalSectionLock error_text_lock(error_text_mutex);
+
 // ICU first of what can fail, so that a memory fault later on cannot leave it half initialised for
 // good.
 [[maybe_unused]] static const bool icu_is_ready = [] {
+    const CriticalSection section(icu_lock);
     UErrorCode status = U_ZERO_ERROR;
     u_init(&status);
     return U_SUCCESS(status) != 0;

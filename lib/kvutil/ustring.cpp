@@ -1,5 +1,6 @@
 #include <kvutil/ustring.h>
 
+#include "converter_pool_impl.h"
 #include "known_charset_impl.h"
 #include "search_impl.h"
 #include "storage_impl.h"
@@ -855,7 +856,7 @@ const char* UString::default_charset()
 {
     if (const std::string* const known = default_charset_name.load(std::memory_order_acquire))
         return known->c_str();
-    const char* const name = ucnv_getDefaultName();
+    const char* const name = default_converter_name();
     if (name == nullptr || *name == '\0')
         return "";
     auto mine = std::make_unique<const std::string>(name);
