@@ -24,7 +24,6 @@
 #include <cstring>
 #include <deque>
 #include <future>
-#include <optional>
 #include <thread>
 
 namespace {
@@ -477,18 +476,9 @@ TEST(ChangeLock, IsHeldWhileAnEntryComesOrGoes)
 {
     in_child([] {
         Fileutl::set_file_id(u"/old", 1);
-        const auto expect_to_wait = [](auto change) {
-            std::optional<watched_thread_t> changing;
-            {
-                const CriticalSection section(change_lock);
-                changing.emplace(change);
-                EXPECT_TRUE(changing->falls_asleep());
-            }
-            changing->join();
-        };
-        expect_to_wait([] { Fileutl::set_file_id(u"/new", 2); });
-        expect_to_wait([] { Fileutl::delete_tmp_file(u"/old"); });
-        expect_to_wait([] { Fileutl::delete_tmp_files(2); });
+        EXPECT_TRUE(waits_for(change_lock, [] { Fileutl::set_file_id(u"/new", 2); }));
+        EXPECT_TRUE(waits_for(change_lock, [] { Fileutl::delete_tmp_file(u"/old"); }));
+        EXPECT_TRUE(waits_for(change_lock, [] { Fileutl::delete_tmp_files(2); }));
         EXPECT_TRUE(Fileutl::g_tmp_table.empty());
     });
 }

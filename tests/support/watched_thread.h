@@ -1,10 +1,13 @@
 #ifndef KVUTIL_TESTS_SUPPORT_WATCHED_THREAD_H
 #define KVUTIL_TESTS_SUPPORT_WATCHED_THREAD_H
 
+#include <kvutil/critsec.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <thread>
 #include <unistd.h>
 
@@ -84,5 +87,20 @@ private:
     watched_t watched_;
     std::thread thread_;
 };
+
+/// @return  whether the operation waits for whoever holds the lock
+template <class Operation>
+bool waits_for(const Kvl::CriticalSectionLock& lock, Operation operation)
+{
+    std::optional<watched_thread_t> operating;
+    bool has_waited = false;
+    {
+        const Kvl::CriticalSection section(lock);
+        operating.emplace(operation);
+        has_waited = operating->falls_asleep();
+    }
+    operating->join();
+    return has_waited;
+}
 
 #endif
