@@ -1,5 +1,6 @@
 #include <kvutil/pname.h>
 
+#include "pname_impl.h"
 #include "ustring_impl.h"
 
 #include <cstddef>
@@ -8,17 +9,13 @@
 
 namespace Kvl {
 
-namespace {
+using PnameImpl::PNAME_SEP_CHARSET_USTRING;
 
-const UString& separators()
-{
-    static const UString PNAME_SEP_CHARSET_USTRING = constant_text_t::make(u"/");
-    return PNAME_SEP_CHARSET_USTRING;
-}
+namespace {
 
 bool is_separator(char16_t unit)
 {
-    return view_of(separators()).find(unit) != std::u16string_view::npos;
+    return view_of(PNAME_SEP_CHARSET_USTRING).find(unit) != std::u16string_view::npos;
 }
 
 // What is handed out by reference is terminated first, so that c_str() on it only reads.
@@ -116,7 +113,7 @@ void Pname::split_leaf() const
     const std::u16string_view path = view_of(path_);
     if (path.empty())
         return;
-    const std::size_t separator = path.find_last_of(view_of(separators()));
+    const std::size_t separator = path.find_last_of(view_of(PNAME_SEP_CHARSET_USTRING));
     UString leaf = kept(path.substr(separator + 1));  // without a separator that is position 0
     UString parent = kept(parent_of(path, separator));
     leaf_ = std::move(leaf);

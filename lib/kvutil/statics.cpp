@@ -7,6 +7,7 @@
 #include "davtime_impl.h"
 #include "fileutl_impl.h"
 #include "platform_text_impl.h"
+#include "pname_impl.h"
 #include "selector_impl.h"
 #include "sys_calls_impl.h"
 #include "undying_impl.h"
@@ -107,6 +108,10 @@ const UString Selector::g_delimiters[] = {
     text_of<SelectorImpl::DELIMITERS[0]>(), text_of<SelectorImpl::DELIMITERS[1]>(),
     text_of<SelectorImpl::DELIMITERS[2]>(), text_of<SelectorImpl::DELIMITERS[3]>(),
     text_of<SelectorImpl::DELIMITERS[4]>()};
+
+// Paths. Not made on first use: a fork() meanwhile would leave its guard to the child as one that
+// somebody is just making, for ever.
+const UString PnameImpl::PNAME_SEP_CHARSET_USTRING = constant_text_t::make(u"/");
 
 // Temporary files: the table, its public lock, and the one that keeps it whole over a fork().
 constinit undying_t<FileutlImpl::table_t> FileutlImpl::tmp_table;
