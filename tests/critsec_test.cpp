@@ -244,6 +244,7 @@ TEST(CriticalSectionLock, StartsFreeInTheChildWhenTheForkingThreadHeldIt)
 
 constinit Kvl::CriticalSectionImpl::immortal_mutex_t g_mutex;
 constinit Kvl::CriticalSectionImpl::immortal_mutex_t g_second_mutex;
+constinit Kvl::CriticalSectionImpl::immortal_mutex_t g_mutex_listed_late;
 constinit Kvl::CriticalSectionImpl::unattended_mutex_t g_unattended_mutex;
 
 TEST(ImmortalLock, NestsAndExcludesOtherThreads)
@@ -318,6 +319,31 @@ TEST(ImmortalLock, GuardsWhatIsWholeInTheChildOfAFork)
     writer.join();
 }
 
+// The fork() first waits for an older lock. Meanwhile this one is listed, held, and half used.
+TEST(ImmortalLock, ThatIsListedWhileAForkWaitsIsTakenToo)
+{
+    const CriticalSectionLock lock(g_mutex);
+    guarded_pair_t pair;
+    watched_t forking;
+    std::promise<void> held;
+    std::thread writer([&] {
+        std::optional<CriticalSection> older(std::in_place, lock);
+        held.set_value();
+        EXPECT_TRUE(forking.falls_asleep());
+        const unsigned long waits = forking.num_waits();
+        const CriticalSectionLock newer(g_mutex_listed_late);
+        const CriticalSection section(newer);
+        ++pair.first;
+        older.reset();
+        EXPECT_TRUE(forking.falls_asleep(waits));
+        ++pair.second;
+    });
+    held.get_future().wait();
+    forking.watch_me();
+    EXPECT_EQ(exit_status_of_child([&] { return pair.first == pair.second ? 0 : 1; }), 0);
+    writer.join();
+}
+
 TEST(ImmortalLock, UnattendedIsNotWaitedForByAFork)
 {
     const CriticalSectionLock lock(g_unattended_mutex);
@@ -340,10 +366,13 @@ TEST(ImmortalLock, UnattendedIsNotWaitedForByAFork)
 
 std::atomic<const CriticalSectionLock*> g_lock_of_handlers{nullptr};
 
-void use_lock_in_handler()
+void use_locks_in_handler()
 {
-    if (const CriticalSectionLock* const lock = g_lock_of_handlers)
-        const CriticalSection section(*lock);
+    if (const CriticalSectionLock* const lock = g_lock_of_handlers) {
+        const CriticalSectionLock own;
+        const CriticalSection outer(own);
+        const CriticalSection inner(*lock);
+    }
 }
 
 int g_early_handlers = -1;
@@ -351,7 +380,7 @@ int g_early_handlers = -1;
 void register_early_handlers()
 {
     g_early_handlers =
-        pthread_atfork(use_lock_in_handler, use_lock_in_handler, use_lock_in_handler);
+        pthread_atfork(use_locks_in_handler, use_locks_in_handler, use_locks_in_handler);
 }
 
 // Runs before the libraries are initialised, so before this one registers handlers of its own: the
@@ -363,7 +392,7 @@ TEST(ImmortalLock, MayBeUsedByOtherForkHandlers)
     ASSERT_EQ(g_early_handlers, 0);
     const CriticalSectionLock lock(g_mutex);
     g_lock_of_handlers = &lock;
-    ASSERT_EQ(pthread_atfork(use_lock_in_handler, use_lock_in_handler, use_lock_in_handler), 0);
+    ASSERT_EQ(pthread_atfork(use_locks_in_handler, use_locks_in_handler, use_locks_in_handler), 0);
     EXPECT_EQ(exit_status_of_child([&] {
                   const CriticalSection section(lock);
                   return 0;

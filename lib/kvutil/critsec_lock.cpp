@@ -28,39 +28,75 @@ void initialize_recursive(pthread_mutex_t& mutex)
     pthread_mutexattr_destroy(&attributes);
 }
 
+/// Holds the lists' mutex, which a thread that is forking has already: other handlers of its fork()
+/// may make locks.
+class list_section_t {
+public:
+    list_section_t() noexcept
+    {
+        if (!is_forking)
+            pthread_mutex_lock(&list_mutex);
+    }
+    ~list_section_t()
+    {
+        if (!is_forking)
+            pthread_mutex_unlock(&list_mutex);
+    }
+    list_section_t(const list_section_t&) = delete;
+    list_section_t& operator=(const list_section_t&) = delete;
+};
+
 listed_mutex_t* newest_immortal()
 {
-    pthread_mutex_lock(&list_mutex);
-    listed_mutex_t* const newest = immortal_head;
-    pthread_mutex_unlock(&list_mutex);
-    return newest;
+    const list_section_t section;
+    return immortal_head;
+}
+
+void lock_all(listed_mutex_t* m)
+{
+    for (; m != nullptr; m = m->next)
+        if (m->is_held_over_fork)
+            pthread_mutex_lock(&m->mutex);
+}
+
+void unlock_all(listed_mutex_t* m)
+{
+    for (; m != nullptr; m = m->next)
+        if (m->is_held_over_fork)
+            pthread_mutex_unlock(&m->mutex);
 }
 
 // The list's own mutex comes last, because whoever holds one of the others may create a lock.
-void before_fork()
+listed_mutex_t* lock_listed()
 {
     listed_mutex_t* const newest = newest_immortal();
-    for (listed_mutex_t* m = newest; m != nullptr; m = m->next)
-        if (m->is_held_over_fork)
-            pthread_mutex_lock(&m->mutex);
+    lock_all(newest);
     pthread_mutex_lock(&list_mutex);
-    taken_head = newest;
-    is_forking = true;
+    return newest;
 }
 
-void unlock_taken()
+void unlock_listed(listed_mutex_t* newest)
 {
-    listed_mutex_t* const newest = taken_head;
     pthread_mutex_unlock(&list_mutex);
-    for (listed_mutex_t* m = newest; m != nullptr; m = m->next)
-        if (m->is_held_over_fork)
-            pthread_mutex_unlock(&m->mutex);
+    unlock_all(newest);
+}
+
+void before_fork()
+{
+    listed_mutex_t* newest = lock_listed();
+    // One that came meanwhile may be held by now, and is to be taken before the others.
+    while (newest != immortal_head) {
+        unlock_listed(newest);
+        newest = lock_listed();
+    }
+    taken_head = newest;
+    is_forking = true;
 }
 
 void after_fork_in_parent()
 {
     is_forking = false;
-    unlock_taken();
+    unlock_listed(taken_head);
 }
 
 void make_all_free(listed_mutex_t* m)
@@ -74,7 +110,7 @@ void make_all_free(listed_mutex_t* m)
 void after_fork_in_child()
 {
     is_forking = false;
-    unlock_taken();
+    unlock_listed(taken_head);
     make_all_free(owned_head);
     make_all_free(immortal_head);
 }
@@ -90,7 +126,7 @@ void put_in_front(listed_mutex_t*& head, listed_mutex_t& m)
 // An immortal one comes here again with every further lock that refers to it.
 void enlist(listed_mutex_t& m)
 {
-    pthread_mutex_lock(&list_mutex);
+    const list_section_t section;
     if (!fork_handlers_registered)
         fork_handlers_registered =
             pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
@@ -99,7 +135,6 @@ void enlist(listed_mutex_t& m)
         put_in_front(m.is_immortal ? immortal_head : owned_head, m);
         m.is_listed = true;
     }
-    pthread_mutex_unlock(&list_mutex);
 }
 
 listed_mutex_t& listed(mutex_t& m)
@@ -109,11 +144,10 @@ listed_mutex_t& listed(mutex_t& m)
 
 void delist(listed_mutex_t& m)
 {
-    pthread_mutex_lock(&list_mutex);
+    const list_section_t section;
     (m.previous != nullptr ? m.previous->next : owned_head) = m.next;
     if (m.next != nullptr)
         m.next->previous = m.previous;
-    pthread_mutex_unlock(&list_mutex);
 }
 
 }  // namespace
