@@ -115,6 +115,14 @@ std::vector<std::string> texts_of(const fs::path& file)
     return texts;
 }
 
+std::vector<std::string> ids_of(const fs::path& file)
+{
+    std::vector<std::string> ids;
+    for (const std::string& line : lines_of(file))
+        ids.push_back(parts_of(line).ids);
+    return ids;
+}
+
 /// Undoes the escapes of a line, as docs/log-format.md describes them.
 std::string unescaped(const std::string& text)
 {
@@ -1039,6 +1047,12 @@ TEST_F(QmLoggerThreads, AChildLogsWhileItsParentsThreadsDo)
     EXPECT_EQ(std::ranges::count(texts_of(file()), "child"), 100);
 }
 
+/// As its first thread writes them.
+std::string ids_of_process(pid_t pid)
+{
+    return std::to_string(pid) + ":" + std::to_string(pid);
+}
+
 TEST_F(QmLoggerThreads, AChildWritesItsOwnIds)
 {
     QmLogger* const logger = initialize()->logger("Kvl");
@@ -1050,7 +1064,7 @@ TEST_F(QmLoggerThreads, AChildWritesItsOwnIds)
     }
     waitpid(pid, nullptr, 0);
     EXPECT_EQ(parts_of(last_line()).text, "child");
-    EXPECT_EQ(parts_of(last_line()).ids, std::to_string(pid) + ":" + std::to_string(pid));
+    EXPECT_EQ(parts_of(last_line()).ids, ids_of_process(pid));
 }
 
 QmLogger* g_logger_of_handlers = nullptr;
@@ -1077,10 +1091,16 @@ TEST_F(QmLoggerThreads, ForkHandlersMayLog)
     ASSERT_EQ(g_early_handlers, 0);
     g_logger_of_handlers = initialize()->logger("Kvl");
     ASSERT_EQ(pthread_atfork(log_in_handler, log_in_handler, log_in_handler), 0);
-    EXPECT_EQ(status_of_child([] { return 0; }), 0);
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(0);
+    waitpid(child, nullptr, 0);
     g_logger_of_handlers = nullptr;
     EXPECT_THAT(texts_of(file()), AllOf(SizeIs(6), Each("handler")))
         << "before and after the fork in the parent, and after it in the child";
+    const std::vector<std::string> ids = ids_of(file());
+    EXPECT_EQ(std::ranges::count(ids, ids_of_process(getpid())), 4);
+    EXPECT_EQ(std::ranges::count(ids, ids_of_process(child)), 2);
 }
 
 /// Logs when it is destroyed, that is after everything the logging library may have destroyed.

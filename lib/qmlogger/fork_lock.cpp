@@ -13,10 +13,10 @@ namespace {
 constexpr fork_lock* LOCKS[] = {&g_catalogues_lock, &g_manager_lock, &g_file_lock};
 
 /// Whether this thread is between the handlers before and after its fork().
-constinit thread_local bool g_forking = false;
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool g_forking = false;
 
 /// 0 = to be asked for.
-constinit thread_local ids_t g_ids = {0, 0};
+[[gnu::tls_model("initial-exec")]] constinit thread_local ids_t g_ids = {0, 0};
 
 }  // namespace
 
@@ -65,6 +65,8 @@ void fork_lock::unlock()
 
 ids_t current_ids()
 {
+    if (g_forking)  // on which side of it is not known yet
+        return {getpid(), gettid()};
     if (g_ids.thread == 0)
         g_ids = {getpid(), gettid()};
     return g_ids;
