@@ -1,10 +1,12 @@
 #include <kvutil/arm.h>
 
+#include "platform_text_impl.h"
 #include "support/child.h"
 #include "support/fake_arm4_runtime.h"
 #include "support/memory_fault.h"
 #include "support/recording_logger.h"
 #include "support/text.h"
+#include "support/watched_thread.h"
 #include "sys_calls_impl.h"
 #include "sysutl_ieee_hostid_impl.h"
 #include "tbs_uuid_gen_impl.h"
@@ -193,6 +195,13 @@ TEST(ArmRuntimeLoader, LogsTheRestOfATextWithAnOddByte)
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].text.find("/libarm4.so: cannot open"), std::string::npos) << lines[0].text;
     EXPECT_NE(lines[0].text.find("/opt/caf"), std::string::npos) << lines[0].text;
+}
+
+// A fork() waits for the library's lock, and not for those of the C library's catalogue.
+TEST(ArmRuntimeLoader, HasItsTextLookedUpUnderALock)
+{
+    EXPECT_TRUE(waits_for(Kvl::error_text_lock,
+                          [] { lines_for_loader_text([]() -> char* { return nullptr; }); }));
 }
 
 TEST(ArmApplication, KnowsRegistrarsThatAreOlderThanTheLibrarysStatics)

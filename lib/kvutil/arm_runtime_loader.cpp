@@ -1,8 +1,11 @@
 #include <kvutil/arm.h>
 
 #include "arm_log_impl.h"
+#include "platform_text_impl.h"
 #include "sys_calls_impl.h"
 #include "uncancelled_impl.h"
+
+#include <kvutil/critsec.h>
 
 #include <dlfcn.h>
 
@@ -24,9 +27,11 @@ namespace {
 
 constexpr const char* RUNTIME = "libarm4.so";
 
-void log_loader_text()
+/// From the C library's catalogue of error texts, as those of system calls are.
+const char* loader_text()
 {
-    ArmLog::write_system_text("ArmRuntimeLoader::load_runtime", sys_calls.dlerror());
+    const CriticalSection section(error_text_lock);
+    return sys_calls.dlerror();
 }
 
 /// @param function  stays what it was when there is none of that name
@@ -59,14 +64,15 @@ int ArmRuntimeLoader::load_runtime() noexcept
     if (g_arm4_handle != nullptr)
         return 0;
     const uncancelled_t whole;
-    g_arm4_handle = sys_calls.dlopen(RUNTIME, RTLD_NOW);
-    if (g_arm4_handle != nullptr && find_functions(g_arm4_handle))
+    void* const runtime = sys_calls.dlopen(RUNTIME, RTLD_NOW);
+    if (runtime != nullptr && find_functions(runtime)) {
+        g_arm4_handle = runtime;
         return 0;
+    }
 
-    log_loader_text();
-    if (g_arm4_handle != nullptr)
-        sys_calls.dlclose(g_arm4_handle);
-    g_arm4_handle = nullptr;
+    ArmLog::write_system_text("ArmRuntimeLoader::load_runtime", loader_text());
+    if (runtime != nullptr)
+        sys_calls.dlclose(runtime);
     return ArmApplication::UNAVAILABLE;
 }
 
