@@ -28,7 +28,9 @@ struct mutex_t {
 ///
 /// The results of the mutex calls are not checked; the lock reports no errors. There is no
 /// try-lock and no timed wait. In the child of a fork() every lock starts free, whoever held it
-/// at the fork: the threads that could release it do not exist there.
+/// at the fork: the threads that could release it do not exist there. It is free as soon as the
+/// library's own fork handlers have run, so not for handlers of the child that were registered
+/// before the library was loaded.
 /// @par Thread-safety
 /// lock() and unlock() may be called from any thread; a hold is released by the thread that took
 /// it, as often as it was taken. Destroying a lock that is held or waited for is the caller's
