@@ -322,25 +322,30 @@ TEST(ImmortalLock, GuardsWhatIsWholeInTheChildOfAFork)
 // The fork() first waits for an older lock. Meanwhile this one is listed, held, and half used.
 TEST(ImmortalLock, ThatIsListedWhileAForkWaitsIsTakenToo)
 {
-    const CriticalSectionLock lock(g_mutex);
+    const CriticalSectionLock older(g_mutex);
     guarded_pair_t pair;
     watched_t forking;
-    std::promise<void> held;
+    std::promise<void> is_held;
+    std::promise<void> is_begun;
+    std::thread holder([&] {
+        const CriticalSection section(older);
+        is_held.set_value();
+        is_begun.get_future().wait();
+    });
     std::thread writer([&] {
-        std::optional<CriticalSection> older(std::in_place, lock);
-        held.set_value();
         EXPECT_TRUE(forking.falls_asleep());
         const unsigned long waits = forking.num_waits();
         const CriticalSectionLock newer(g_mutex_listed_late);
         const CriticalSection section(newer);
         ++pair.first;
-        older.reset();
+        is_begun.set_value();
         EXPECT_TRUE(forking.falls_asleep(waits));
         ++pair.second;
     });
-    held.get_future().wait();
+    is_held.get_future().wait();
     forking.watch_me();
     EXPECT_EQ(exit_status_of_child([&] { return pair.first == pair.second ? 0 : 1; }), 0);
+    holder.join();
     writer.join();
 }
 
