@@ -58,7 +58,7 @@ const charset_converter_t* take_idle(std::string_view name)
     return nullptr;
 }
 
-// The thread keeps running meanwhile, because ICU may read files, with its own lock taken.
+// Not cancelled meanwhile: ICU may read files with its own lock taken.
 UConverter* open_converter(const char* name, UErrorCode& status)
 {
     const uncancelled_t whole;

@@ -51,8 +51,8 @@ namespace Kvl {
 #endif
 }();
 
-// The locks on what others have locks of their own for. The oldest ones: whoever holds another lock
-// may convert a text or describe an error.
+// Locks around what ICU and the C library guard with locks of their own, for which no fork() waits.
+// The oldest ones: whoever holds another lock may convert a text or describe an error.
 static constinit CriticalSectionImpl::immortal_mutex_t icu_mutex;
 const CriticalSectionLock icu_lock(icu_mutex);
 static constinit CriticalSectionImpl::immortal_mutex_t error_text_mutex;
