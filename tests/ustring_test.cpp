@@ -1138,6 +1138,18 @@ TEST(UStringUtf8, EncodesTextsOfSeveralPiecesAsIcuDoes)
               "");
 }
 
+TEST(UStringUtf8, EncodesPairAfterPairOverTheEndsOfPieces)
+{
+    std::u16string text;
+    std::string bytes;
+    for (int i = 0; i < 3000; ++i) {
+        text += u"\U0001F600";
+        bytes += "\xF0\x9F\x98\x80";
+    }
+    EXPECT_EQ(UString(text).utf8_str(), bytes);
+    EXPECT_EQ(UString(u"\u00E9" + text).utf8_str(), "\xC3\xA9" + bytes);
+}
+
 // ---- charsets ----
 
 TEST(UStringCharset, ConvertsBothWays)
