@@ -62,10 +62,8 @@ private:
 template <class Body>
 bool is_well_in_child(const char* name, unsigned int seconds, Body body)
 {
-    const int status = status_of_child([&] {
-        alarm(seconds);
-        return body() ? EXIT_SUCCESS : EXIT_FAILURE;
-    });
+    const int status =
+        status_of_child(seconds, [&] { return body() ? EXIT_SUCCESS : EXIT_FAILURE; });
     if (status != 0)
         std::cerr << "a " << name << " ended with status " << status << std::endl;
     return status == 0;

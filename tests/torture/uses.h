@@ -3,18 +3,16 @@
 
 #include "support/scratch.h"
 
-#include <cstdlib>
-#include <iostream>
 #include <span>
 
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// One use of something that threads share.
+/// One use of something that threads share. What it does depends on the number, whether it is right
+/// does not.
 struct use_t {
     const char* name;
-    bool (*is_right)(
-        unsigned int n);  ///< what it does depends on the number, whether it is right not
+    bool (*is_right)(unsigned int n);
 };
 
 /// A use of each of the library's tables, and of each lock that others have.
@@ -33,14 +31,17 @@ private:
     const scratch_t directory_;
 };
 
-/// @param body  returns an exit status
-/// @return      the status that waitpid() gives, 0 when all was well
+/// @param seconds  after which the child is ended
+/// @param body     returns an exit status
+/// @return         the status that waitpid() gives, 0 when all was well
 template <class Body>
-int status_of_child(Body body)
+int status_of_child(unsigned int seconds, Body body)
 {
     const pid_t pid = fork();
-    if (pid == 0)
+    if (pid == 0) {
+        alarm(seconds);
         _exit(body());
+    }
     int status = -1;
     return pid > 0 && waitpid(pid, &status, 0) == pid ? status : -1;
 }
